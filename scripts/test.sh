@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Builds the library for both targets (32-bit x86 and x86-64) and runs the
+# whole test suite on each, then once more on x86-64 under AddressSanitizer
+# and UBSan. Installs what it needs on a fresh Debian machine.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+jobs=$(nproc 2>/dev/null || echo 2)
+
+need=()
+command -v cmake >/dev/null || need+=(cmake)
+command -v g++ >/dev/null || need+=(g++)
+command -v python3 >/dev/null || need+=(python3)
+echo 'int main(){}' | g++ -m32 -x c++ - -o /dev/null 2>/dev/null || need+=(g++-multilib)
+[ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
+command -v djpeg >/dev/null || need+=(libjpeg-turbo-progs)
+command -v readelf >/dev/null || need+=(binutils)
+[ -d /usr/share/backgrounds/mate ] || need+=(mate-backgrounds)
+[ -d /usr/share/backgrounds/ukui ] || need+=(ukui-wallpapers)
+if [ ${#need[@]} -gt 0 ]; then
+  echo "installing: ${need[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq "${need[@]}" >/dev/null
+fi
+
+build() {  # name, extra cmake arguments...
+  local dir=build/$1; shift
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Release "$@" >/dev/null
+  cmake --build "$dir" -j "$jobs"
+  (cd "$dir" && ctest --output-on-failure -j "$jobs")
+}
+
+build x86 -DCMAKE_TOOLCHAIN_FILE="$root/cmake/i686-linux.cmake"
+build x64
+if [ "${KIV_SKIP_SANITIZE:-0}" != 1 ]; then
+  build x64-sanitize -DKIV_SANITIZE=ON
+fi

@@ -1,0 +1,23 @@
+// Internal declarations shared by the codec's stages.
+#pragma once
+
+#include "core/handle.h"
+
+namespace kiv {
+
+// Fills the decoder's routine slots for the current frame, scale level,
+// colour-conversion setting and processor flag.
+void selectReadRoutines(JpgParam *param);
+
+// Number of blocks a component with the given sampling byte adds to the
+// coefficient store (the four layouts 1x1, 1x2, 2x1, 2x2; others add none).
+constexpr uint32_t storedBlocks(uint8_t sampling) {
+    switch (sampling) {
+    case 0x11: return 1;
+    case 0x12: case 0x21: return 2;
+    case 0x22: return 4;
+    default: return 0;
+    }
+}
+
+}  // namespace kiv

@@ -1,0 +1,124 @@
+// Processor flags, the DCT-method flag and routine dispatch: the routines of
+// the inner loops are chosen once per handle from numeric identifiers and
+// stored in the handle's slots, so per-MCU loops make no format decisions.
+// This build reports no processor-specific capability: every identifier
+// resolves to the generic routine.
+#include "core/codec.h"
+
+namespace kiv {
+
+void selectReadRoutines(JpgParam *param) {
+    JpgRoutines &r = param->routines;
+    uint32_t flag = param->processorFlag;
+    int32_t level = param->scaleLevel < 0 ? 0 : param->scaleLevel > 2 ? 2 : param->scaleLevel;
+
+    uint32_t upsampling = (param->hmax << 16) | (param->vmax << 8);
+    r.upsample = jpgGetUpSamplingFunc(upsampling, flag);
+    r.upsampleScaled = jpgGetUpSamplingFunc(upsampling | 0x80000000u, flag);
+
+    uint32_t channels = param->numComponents < 1 ? 1 : param->numComponents > 255 ? 255
+                                                                                : param->numComponents;
+    uint32_t kind = 0;
+    if (channels == 3 && !(param->mode & kModeNoColorConversion))
+        kind = (param->mode & kModeYCbCr) ? 2 : 1;
+    uint32_t id = (static_cast<uint32_t>(param->precision != 8) << 29) | (kind << 24) | channels;
+    r.convert = jpgGetReadColorConvertFunc(id | 0x20200, flag);
+    r.convertScaled = jpgGetReadColorConvertFunc(id | 0x40020200, flag);
+
+    uint32_t scaled = static_cast<uint32_t>(level) << 8;
+    if (param->precision == 8) {
+        r.mcu = jpgGetReadMCUFunc(0x301, flag);
+        r.mcuProgressive = jpgGetReadMCUFunc(0x302, flag);
+        r.mcu303 = jpgGetReadMCUFunc(0x303, flag);
+        r.mcuScaled = jpgGetReadMCUFunc(scaled | 1, flag);
+    } else {
+        r.mcu = jpgGetReadMCUFunc(0x10301, flag);
+        r.mcuProgressive = nullptr;
+        r.mcu303 = nullptr;
+        r.mcuScaled = jpgGetReadMCUFunc(scaled | 0x10001, flag);
+    }
+}
+
+}  // namespace kiv
+
+extern "C" {
+
+uint32_t jpgGetProcessorArchitecture(void) { return 0; }
+
+JpgStatus jpgGetProcessorArchitectureFlagCaps(JpgParam *, uint32_t *caps) {
+    if (caps == nullptr)
+        return JPG_STATUS_INVALID_HANDLE;
+    *caps = jpgGetProcessorArchitecture();
+    return JPG_STATUS_OK;
+}
+
+JpgStatus jpgGetProcessorArchitectureFlag(JpgParam *param, uint32_t *flag) {
+    if (jpgCheckParam(param) == nullptr || flag == nullptr)
+        return JPG_STATUS_INVALID_HANDLE;
+    *flag = param->processorFlag;
+    return JPG_STATUS_OK;
+}
+
+JpgStatus jpgSetProcessorArchitectureFlag(JpgParam *param, uint32_t flag) {
+    if (jpgCheckParam(param) == nullptr)
+        return JPG_STATUS_INVALID_HANDLE;
+    if (param->mode & kModeWrite)
+        return jpgWriteSetProcessorArchitectureFlag(param, flag);
+    if (param->mode & kModeRead)
+        return jpgReadSetProcessorArchitectureFlag(param, flag);
+    return JPG_STATUS_WRONG_MODE;
+}
+
+JpgStatus jpgReadSetProcessorArchitectureFlag(JpgParam *param, uint32_t flag) {
+    if (jpgCheckParam(param) == nullptr)
+        return JPG_STATUS_INVALID_HANDLE;
+    param->processorFlag = flag & jpgGetProcessorArchitecture();
+    kiv::selectReadRoutines(param);
+    return JPG_STATUS_OK;
+}
+
+JpgStatus jpgWriteSetProcessorArchitectureFlag(JpgParam *param, uint32_t flag) {
+    if (jpgCheckParam(param) == nullptr)
+        return JPG_STATUS_INVALID_HANDLE;
+    param->processorFlag = jpgGetProcessorArchitecture() & flag;
+    param->routines.writeMcu = jpgGetWriteMCUFunc(0x301, param->processorFlag);
+    param->routines.writeMcu303 = jpgGetWriteMCUFunc(0x303, param->processorFlag);
+    return JPG_STATUS_OK;
+}
+
+JpgStatus jpgGetDCTMethodFlag(JpgParam *param, uint32_t *method) {
+    if (jpgCheckParam(param) == nullptr || method == nullptr)
+        return JPG_STATUS_INVALID_HANDLE;
+    *method = (param->mode & kModeDctMask) >> kModeDctShift;
+    return JPG_STATUS_OK;
+}
+
+JpgStatus jpgSetDCTMethodFlag(JpgParam *param, uint32_t method) {
+    if (jpgCheckParam(param) == nullptr)
+        return JPG_STATUS_INVALID_HANDLE;
+    if (method > 3 || (method == 2 && (param->mode & kModeWrite)))
+        return JPG_STATUS_INVALID_PARAMETER;
+    param->mode = (param->mode & ~kModeDctMask) | (method << kModeDctShift);
+    return jpgSetProcessorArchitectureFlag(param, param->processorFlag);
+}
+
+// The single place where processor-specific lookups would be inserted.
+JpgReadColorConvertFunc jpgGetReadColorConvertFunc(uint32_t id, uint32_t) {
+    return jpgGetReadColorConvertGenericFunc(id);
+}
+JpgMcuFunc jpgGetReadMCUFunc(uint32_t id, uint32_t) { return jpgGetReadMCUGenericFunc(id); }
+JpgUpSamplingFunc jpgGetUpSamplingFunc(uint32_t id, uint32_t) {
+    return jpgGetUpSamplingGenericFunc(id);
+}
+JpgWriteColorConvertFunc jpgGetWriteColorConvertFunc(uint32_t id, uint32_t) {
+    return jpgGetWriteColorConvertGenericFunc(id);
+}
+JpgMcuFunc jpgGetWriteMCUFunc(uint32_t id, uint32_t) { return jpgGetWriteMCUGenericFunc(id); }
+
+// The conversion tables are constant data: nothing to prepare or release.
+int32_t jpgReadColorConvertTableInit(void) { return 0; }
+void jpgReadColorConvertTableClear(void) {}
+int32_t jpgWriteColorConvertTableInit(void) { return 0; }
+void jpgWriteColorConvertTableClear(void) {}
+
+}  // extern "C"

@@ -1,0 +1,9 @@
+// Placeholder: the routines of this stage are not built yet; the lookup
+// resolves no identifier.
+#include "core/codec.h"
+
+extern "C" {
+
+JpgUpSamplingFunc jpgGetUpSamplingGenericFunc(uint32_t) { return nullptr; }
+
+}  // extern "C"
