@@ -9,6 +9,10 @@ namespace kiv {
 // colour-conversion setting and processor flag.
 void selectReadRoutines(JpgParam *param);
 
+// MCU routine 0x302: reconstructs one MCU from the progressive coefficient
+// memory. Internal: reached only through the handle's MCU routine slot.
+JpgStatus readProgressiveMCU(JpgParam *param);
+
 // Number of blocks a component with the given sampling byte adds to the
 // coefficient store (the four layouts 1x1, 1x2, 2x1, 2x2; others add none).
 constexpr uint32_t storedBlocks(uint8_t sampling) {
