@@ -5,29 +5,14 @@
 // (row stride 8); scaled upsampling and conversion then fill the rectangle.
 // There is no one-MCU lookahead: scaled upsampling only replicates.
 #include "core/codec.h"
+#include "read/scaled_transforms.h"
 
 namespace kiv {
 namespace {
 
-constexpr uint32_t kEoi = 0xFFD9;
-constexpr uint32_t kLastSequentialSof = 0xFFC1;
-
 constexpr int32_t sra(uint32_t v, int s) { return static_cast<int32_t>(v) >> s; }
 
 inline int16_t clipSample(uint32_t index) { return static_cast<int16_t>(PixClipTable[index & 0x3FF]); }
-
-// Level 0: the block's only sample is its rounded DC.
-void reduceTo1x1(int16_t *block) { block[0] = clipSample(sra(static_cast<uint32_t>(block[0]) + 4, 3)); }
-
-// Level 1: 2-point transforms on F00, F01, F10, F11.
-void reduceTo2x2(int16_t *block) {
-    int32_t f00 = block[0], f01 = block[1], f10 = block[8], f11 = block[9];
-    int32_t a = f00 + f10, b = f00 - f10, c = f01 + f11, d = f01 - f11;
-    block[0] = clipSample((a + c + 4) >> 3);
-    block[1] = clipSample((a - c + 4) >> 3);
-    block[8] = clipSample((b + d + 4) >> 3);
-    block[9] = clipSample((b - d + 4) >> 3);
-}
 
 // sqrt(2) cos(pi/8) and sqrt(2) sin(pi/8) scaled by 4096.
 constexpr uint32_t kK1 = 5352, kK3 = 2217;
@@ -40,6 +25,21 @@ inline void butterfly4(const uint32_t *x, uint32_t *out) {
     out[1] = e1 - o1;
     out[2] = e1 + o1;
     out[3] = e0 - o0;
+}
+
+}  // namespace
+
+// Level 0: the block's only sample is its rounded DC.
+void reduceTo1x1(int16_t *block) { block[0] = clipSample(sra(static_cast<uint32_t>(block[0]) + 4, 3)); }
+
+// Level 1: 2-point transforms on F00, F01, F10, F11.
+void reduceTo2x2(int16_t *block) {
+    int32_t f00 = block[0], f01 = block[1], f10 = block[8], f11 = block[9];
+    int32_t a = f00 + f10, b = f00 - f10, c = f01 + f11, d = f01 - f11;
+    block[0] = clipSample((a + c + 4) >> 3);
+    block[1] = clipSample((a - c + 4) >> 3);
+    block[8] = clipSample((b + d + 4) >> 3);
+    block[9] = clipSample((b - d + 4) >> 3);
 }
 
 // Level 2: 4-point transform of rows and columns 0-3 (32-bit register arithmetic).
@@ -60,6 +60,11 @@ void reduceTo4x4(int16_t *block) {
             block[8 * r + i] = clipSample(sra(y[i] + 16384, 15));
     }
 }
+
+namespace {
+
+constexpr uint32_t kEoi = 0xFFD9;
+constexpr uint32_t kLastSequentialSof = 0xFFC1;
 
 struct LevelRecipe {
     uint32_t limit;           // zig-zag positions kept
