@@ -10,7 +10,7 @@
 
 #include "kivjpeg.h"
 #include "read/scaled_transforms.h"
-#include "support/synthetic_mcu.h"
+#include "synthetic_mcu.h"
 
 namespace {
 
@@ -206,7 +206,7 @@ TEST(ReducedTransforms, DcOnlyBlocksAreFlatAtEveryLevel) {
 #include <string>
 #include <vector>
 
-#include "support/test_support.h"
+#include "test_support.h"
 
 namespace {
 
