@@ -444,3 +444,47 @@ TEST(ScaledDecode, RowByRowEqualsAllAtOnce) {
 }
 
 }  // namespace
+
+namespace {
+
+// jpgReadScaleOutputMcuToRect, one MCU row per call into a rectangle placed
+// at that row, builds the same image as one jpgReadScaleOutputToRect; a
+// rectangle narrower than the row still consumes every MCU of it.
+TEST(ScaledDecode, McuByMcuEqualsWholeRows) {
+    for (const char *name : {"samples/testorig.jpg", "conformance/A1.jpg"}) {
+        std::vector<uint8_t> data = kivtest::readFile(kivtest::corpus(name));
+        for (uint32_t level = 0; level < 3; level++) {
+            JpgParam *param = open(data);
+            if (param == nullptr)
+                GTEST_SKIP() << "the stream parser is not available in this build";
+            Image whole;
+            ASSERT_EQ(decodeLevel(param, level, &whole), JPG_STATUS_OK);
+            jpgReadEpilog(param);
+
+            param = open(data);
+            int h = static_cast<int>(param->mcuHeight >> (3 - level));
+            int channels = whole.channels;
+            Image rows = whole;
+            std::fill(rows.pixels.begin(), rows.pixels.end(), 0);
+            for (int y = 0; y < rows.height; y += h) {
+                // Odd rows go through a rectangle only one pixel wide.
+                bool narrow = (y / h) % 2 == 1;
+                ComplibRect rect{narrow ? 1 : rows.width, std::min(h, rows.height - y),
+                                 rows.width * channels, 8 * channels, channels, 8,
+                                 rows.pixels.data() + static_cast<size_t>(y) * rows.width * channels, 0};
+                ASSERT_EQ(jpgReadScaleOutputMcuToRect(param, &rect, param->mcusPerRow, level), JPG_STATUS_OK)
+                    << name << " level " << level << " row " << y;
+                if (narrow)  // fill in the rest from the whole image to compare
+                    for (int yy = y; yy < y + rect.height; yy++)
+                        for (int x = 1; x < rows.width; x++)
+                            for (int c = 0; c < channels; c++)
+                                rows.pixels[static_cast<size_t>((yy * rows.width + x) * channels + c)] =
+                                    whole.at(yy, x, c);
+            }
+            jpgReadEpilog(param);
+            EXPECT_EQ(rows.pixels, whole.pixels) << name << " level " << level;
+        }
+    }
+}
+
+}  // namespace
