@@ -513,3 +513,32 @@ TEST(ScaledDecode, TruncatedStreamEndsWithUnexpectedEnd) {
 }
 
 }  // namespace
+
+namespace {
+
+// A rectangle narrower than the scaled image gets the left columns of every
+// row: each MCU row is consumed whole.
+TEST(ScaledDecode, NarrowRectangleKeepsRowsInStep) {
+    std::vector<uint8_t> data = kivtest::readFile(kivtest::corpus("samples/testorig.jpg"));
+    for (uint32_t level = 0; level < 3; level++) {
+        JpgParam *param = open(data);
+        ASSERT_NE(param, nullptr);
+        Image whole;
+        ASSERT_EQ(decodeLevel(param, level, &whole), JPG_STATUS_OK);
+        jpgReadEpilog(param);
+
+        param = open(data);
+        const int width = 5;
+        std::vector<uint8_t> narrow(static_cast<size_t>(width) * whole.height * 3);
+        ComplibRect rect{width, whole.height, width * 3, 24, 3, 8, narrow.data(), 0};
+        ASSERT_EQ(jpgReadScaleOutputToRect(param, &rect, static_cast<uint32_t>(whole.height), level), JPG_STATUS_OK);
+        jpgReadEpilog(param);
+        for (int y = 0; y < whole.height; y++)
+            for (int x = 0; x < width; x++)
+                for (int c = 0; c < 3; c++)
+                    ASSERT_EQ(narrow[static_cast<size_t>((y * width + x) * 3 + c)], whole.at(y, x, c))
+                        << "level " << level << " at " << y << "," << x;
+    }
+}
+
+}  // namespace
