@@ -281,16 +281,17 @@ JpgStatus GenericEdgeOptimize(JpgWriteConvertContext *ctx, int32_t width, int32_
 }
 
 JpgWriteColorConvertFunc jpgGetWriteColorConvertGenericFunc(uint32_t id) {
-    static constexpr JpgWriteColorConvertFunc kRoutines[3][2] = {
-        {jpgWriteXXX2Rect, jpgWriteXXX2RectHQ},
-        {jpgWriteRGB2RGBRect, jpgWriteRGB2RGBRectHQ},
-        {jpgWriteRGB2YUVRect, jpgWriteRGB2YUVRectHQ}};
     uint32_t channels = id & 0xFF;
     uint32_t kind = (id >> 24) & 0xF;
-    if ((id & (1u << 29)) || kind > 2 || channels < 1 || channels > 4 ||
-        (kind != 0 && channels != 3))
+    bool averaging = (id >> 31) != 0;
+    if ((id & (1u << 29)) || channels < 1 || channels > 4 || (kind != 0 && channels != 3))
         return nullptr;
-    return kRoutines[kind][id >> 31];
+    switch (kind) {
+    case 0: return averaging ? jpgWriteXXX2RectHQ : jpgWriteXXX2Rect;
+    case 1: return averaging ? jpgWriteRGB2RGBRectHQ : jpgWriteRGB2RGBRect;
+    case 2: return averaging ? jpgWriteRGB2YUVRectHQ : jpgWriteRGB2YUVRect;
+    default: return nullptr;
+    }
 }
 
 }  // extern "C"
