@@ -7,7 +7,7 @@
 
 #include <memory>
 
-#include "support/encode_helpers.h"
+#include "encode_helpers.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <random>
 
-#include "support/encode_helpers.h"
+#include "encode_helpers.h"
 
 using namespace kivtest;
 

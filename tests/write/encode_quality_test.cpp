@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "support/encode_helpers.h"
+#include "encode_helpers.h"
 
 using namespace kivtest;
 

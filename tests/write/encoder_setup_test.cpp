@@ -6,7 +6,7 @@
 #include <cstring>
 #include <functional>
 
-#include "support/encode_helpers.h"
+#include "encode_helpers.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // block layout, the edge mirroring and mean filling, and the routine table.
 #include <gtest/gtest.h>
 
-#include "support/encode_helpers.h"
+#include "encode_helpers.h"
 #include "write/encoder.h"
 
 namespace {

@@ -4,7 +4,7 @@
 
 #include <unistd.h>
 
-#include "support/encode_helpers.h"
+#include "encode_helpers.h"
 
 using namespace kivtest;
 

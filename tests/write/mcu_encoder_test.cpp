@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "core/tables.h"
-#include "support/encode_helpers.h"
+#include "encode_helpers.h"
 
 using namespace kivtest;
 
