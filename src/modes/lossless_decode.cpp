@@ -80,13 +80,23 @@ inline JpgStatus decodeDifference(JpgParam *param, const JpgHuffmanTable &table,
     return JPG_STATUS_OK;
 }
 
-// Per-row context: the difference table of every component.
+// Per-row context: the difference table of every component and the mask
+// of the P - Pt bits a sample keeps.
 struct RowContext {
     JpgParam *param;
     const JpgHuffmanTable *tables[4];
     uint32_t components;
     uint32_t width;
+    int32_t mask;
 };
+
+// A reconstructed sample: prediction plus difference, kept to P - Pt bits.
+// Valid streams never leave that range; keeping to it also decodes streams
+// whose encoders take differences modulo 2^P, as some do.
+template <typename Sample>
+inline Sample reconstruct(const RowContext &ctx, int32_t prediction, int32_t diff) {
+    return static_cast<Sample>((prediction + diff) & ctx.mask);
+}
 
 // Row routines for one sample width; Loop<P>::run codes columns 1 to
 // width - 1 of a row with predictor P from the row above (prev).
@@ -110,7 +120,7 @@ struct Rows {
                         rb = above[0];
                         rc = above[-static_cast<int32_t>(nc)];
                     }
-                    *out = static_cast<Sample>(predict<Predictor>(ra, rb, rc) + diff);
+                    *out = reconstruct<Sample>(ctx, predict<Predictor>(ra, rb, rc), diff);
                 }
             }
             return JPG_STATUS_OK;
@@ -125,7 +135,7 @@ struct Rows {
             JpgStatus status = decodeDifference(ctx.param, *ctx.tables[c], &diff);
             if (status != JPG_STATUS_OK)
                 return status;
-            row[c] = static_cast<Sample>(base[c] + diff);
+            row[c] = reconstruct<Sample>(ctx, base[c], diff);
         }
         return JPG_STATUS_OK;
     }
@@ -158,33 +168,32 @@ struct Rows {
 };
 
 // After each row: count its samples towards the restart interval; at the
-// end of an interval the next row starts afresh, and the markers standing
-// there (RSTn, EOI, or a stray stuffed zero) are consumed. The count is
+// end of an interval the next row starts afresh and the marker standing there
+// is consumed: RSTn, EOI (recorded), or a stray stuffed zero. The count is
 // compared for equality, so an interval that is not whole rows never fires
-// (the standard requires lossless intervals to be whole rows).
+// (the standard requires lossless intervals to be whole rows). Only one
+// marker is taken: looking past RSTn would load the next interval's first
+// bytes raw, and a stuffed 0xFF 0x00 among them would then be read as data.
 void finishRow(JpgParam *param) {
     param->mcuAddress += param->width;
     if (param->restartInterval == 0 || param->mcuAddress != param->restartInterval)
         return;
     param->mode |= kModeFirstRow;
-    for (;;) {
-        uint32_t marker = jpgReadShowMarkerCode(param);
-        if (marker >= kRst0 && marker <= kRst7) {
-            jpgReadFlushMarkerCode(param);
-            param->mcuAddress = 0;
-            continue;
-        }
-        if (marker == kEoi)
-            param->currentMarker = kEoi;
-        else if (marker == kStuffedZero)
-            jpgReadDeleteByteStuffingCode(param);
-        return;
+    uint32_t marker = jpgReadShowMarkerCode(param);
+    if (marker >= kRst0 && marker <= kRst7) {
+        jpgReadFlushMarkerCode(param);
+        param->mcuAddress = 0;
+    } else if (marker == kEoi) {
+        param->currentMarker = kEoi;
+    } else if (marker == kStuffedZero) {
+        jpgReadDeleteByteStuffingCode(param);
     }
 }
 
 template <typename Sample>
 JpgStatus decodeRows(JpgParam *param, const ComplibRect *rect, uint32_t rows) {
-    RowContext ctx{param, {}, param->numComponents, param->width};
+    RowContext ctx{param, {}, param->numComponents, param->width,
+                   static_cast<int32_t>((1u << (param->precision - param->scanAl)) - 1)};
     for (uint32_t c = 0; c < ctx.components; c++)
         ctx.tables[c] = param->components[c].dcTable;
     uint8_t *out = rect->pixels;
