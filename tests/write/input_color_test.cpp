@@ -171,3 +171,18 @@ TEST(InputColor, PositionsOutsideTheImageAreRefused) {
     EXPECT_EQ(jpgWriteXXX2Rect(&m.ctx, 0, 8), JPG_STATUS_INVALID_PARAMETER);
     EXPECT_EQ(jpgWriteRGB2YUVRect(&m.ctx, 0, 0), JPG_STATUS_INVALID_PARAMETER);  // one channel
 }
+
+// Factors that do not tile the MCU are refused instead of looping or
+// writing outside the block buffer.
+TEST(InputColor, InconsistentContextsAreRefused) {
+    Mcu m(8, 8, 1, 1, 1, {{1, 1}});
+    m.ctx.factors[0][0] = 2;  // larger than the MCU's largest factor
+    EXPECT_EQ(jpgWriteXXX2Rect(&m.ctx, 0, 0), JPG_STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(GenericSubSamplingAndBlockDivisionHQ(&m.ctx), JPG_STATUS_INVALID_PARAMETER);
+    m.ctx.factors[0][0] = 0;
+    EXPECT_EQ(GenericSubSamplingAndBlockDivision(&m.ctx), JPG_STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(GenericEdgeOptimize(&m.ctx, 1, 1), JPG_STATUS_INVALID_PARAMETER);
+    m.ctx.factors[0][0] = 1;
+    EXPECT_EQ(GenericEdgeOptimize(&m.ctx, 0, 1), JPG_STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(GenericEdgeOptimize(nullptr, 1, 1), JPG_STATUS_INVALID_HANDLE);
+}
