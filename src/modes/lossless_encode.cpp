@@ -233,12 +233,12 @@ JpgStatus fillDifferenceLookup(JpgParam *param, JpgHuffmanTable &table) {
 JpgStatus writeTables(JpgParam *param) {
     const DefaultTable &t = param->precision > 8 ? kTable16 : kTable8;
     for (int k = 0; k < 4; k++) {
-        uint8_t *spec = param->enc.huffSpec[k];
-        memcpy(spec, t.bits, 16);
+        uint8_t *table = param->enc.huffSpec[k];
+        memcpy(table, t.bits, 16);
         for (uint32_t v = 0; v < t.count; v++)
-            spec[16 + v] = static_cast<uint8_t>(v);
-        spec[272] = static_cast<uint8_t>((k / 2) << 4 | (k % 2));
-        JpgStatus status = jpgGenerateHuffmanTable(param, spec, t.count);
+            table[16 + v] = static_cast<uint8_t>(v);
+        table[272] = static_cast<uint8_t>((k / 2) << 4 | (k % 2));
+        JpgStatus status = jpgGenerateHuffmanTable(param, table, t.count);
         if (status != JPG_STATUS_OK)
             return status;
     }

@@ -175,4 +175,20 @@ TEST(LosslessOracle, FfmpegStreamsDecodeHere) {
     }
 }
 
+// ffmpeg codes YCbCr with sampling factors other than 1x1, which these rows
+// cannot hold: the header parses and decoding is refused.
+TEST(LosslessOracle, FfmpegYCbCrStreamsAreRefused) {
+    if (!kivtest::haveTool("ffmpeg"))
+        GTEST_SKIP() << "ffmpeg is not installed";
+    std::string jpg = kivtest::tempPath("ff-ycbcr.jpg");
+    for (const char *fmt : {"yuvj444p", "yuvj420p"}) {
+        ASSERT_EQ(kivtest::run("ffmpeg -v error -y -f lavfi -i testsrc=size=32x16 -frames:v 1 -pix_fmt " +
+                               std::string(fmt) + " -c:v ljpeg " + jpg),
+                  0);
+        kivtest::Decoded d = kivtest::decodeLossless(kivtest::readFile(jpg));
+        EXPECT_EQ(d.status, JPG_STATUS_NOT_SUPPORTED) << fmt;
+        EXPECT_EQ(d.samples.width, 32u) << "the header was read";
+    }
+}
+
 }  // namespace
