@@ -207,6 +207,24 @@ TEST(LosslessDecode, TruncatedStreamsFail) {
     }
 }
 
+// Cut anywhere: the rows before the cut come out, then a clean failure.
+TEST(LosslessDecode, CutAtEveryByte) {
+    for (uint32_t p : {6u, 16u}) {
+        Samples s = kivtest::randomSamples(7, 5, 2, p, 3);
+        std::vector<uint8_t> b = kivtest::encodeLossless(s, {7, 1, 0});
+        for (size_t keep = 2; keep < b.size(); keep++) {
+            std::vector<uint8_t> cut(b.begin(), b.begin() + keep);
+            Open o(cut, 0x4);
+            if (o.status != JPG_STATUS_OK)
+                continue;  // the header itself is cut
+            std::vector<uint8_t> pixels(7 * 2 * 2 * 5 + 4);
+            ComplibRect r{7, 5, 28, 32, 2, int32_t(p), pixels.data(), uint32_t(pixels.size())};
+            JpgStatus st = jpgReadSpatialToRect(o.h, &r, 5);
+            EXPECT_TRUE(st == JPG_STATUS_OK || st == JPG_STATUS_FAILED) << keep << " " << std::hex << st;
+        }
+    }
+}
+
 // Corrupt entropy-coded data and headers: any documented status, never a
 // fault (the sanitizer build checks the accesses).
 TEST(LosslessDecode, CorruptStreamsFailSafely) {
