@@ -522,3 +522,18 @@ TEST(MarkerParser, DamagedHeadersFailCleanly) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(MarkerParser, HeaderParsedAgainReplacesTheBuffers) {
+    std::vector<uint8_t> bytes = readFile(corpus("samples/testorig.jpg"));
+    ReadHandle h(bytes);
+    Image first, second;
+    ASSERT_EQ(decodeWhole(h.p, &first), JPG_STATUS_OK);
+    ASSERT_EQ(jpgReadRewindJPEGFile(h.p, 2, 1), JPG_STATUS_OK);
+    ASSERT_EQ(jpgReadProlog(h.p), JPG_STATUS_OK);
+    ASSERT_EQ(decodeWhole(h.p, &second), JPG_STATUS_OK);
+    EXPECT_TRUE(first.pixels == second.pixels);
+}
+
+}  // namespace
