@@ -3,6 +3,7 @@
 // build), and that decode/encode through it match the C calls it wraps.
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <set>
 
 #include "kivjpeg.hpp"
@@ -233,6 +234,25 @@ TEST(Wrapper, ScaledDecodeSizes) {
         EXPECT_EQ(out.width, 227u >> shift);
         EXPECT_EQ(out.height, 149u >> shift);
     }
+}
+
+}  // namespace
+
+namespace {
+
+// docs/api.md names every exported function and every status code.
+TEST(Docs, ApiReferenceCoversTheWholeHeader) {
+    std::vector<uint8_t> h = readFile(std::string(KIV_SOURCE_DIR) + "/include/kivjpeg.h");
+    std::vector<uint8_t> d = readFile(std::string(KIV_SOURCE_DIR) + "/docs/api.md");
+    std::string header(h.begin(), h.end()), doc(d.begin(), d.end());
+    std::regex exported(R"(KIV_API [\w\s*]+?[\s*](\w+)\s*[(\[])");
+    std::regex status(R"(#define (JPG_STATUS_\w+))");
+    size_t names = 0;
+    for (std::sregex_iterator i(header.begin(), header.end(), exported), end; i != end; ++i, ++names)
+        EXPECT_NE(doc.find((*i)[1].str()), std::string::npos) << (*i)[1].str();
+    for (std::sregex_iterator i(header.begin(), header.end(), status), end; i != end; ++i)
+        EXPECT_NE(doc.find("`" + (*i)[1].str() + "`"), std::string::npos) << (*i)[1].str();
+    EXPECT_GT(names, 200u);
 }
 
 }  // namespace
