@@ -519,28 +519,41 @@ public:
     // Encodes a whole image: 8-bit Gray or BGR/RGB for baseline; 2..16-bit
     // samples for lossless (components in the image's channel order, with
     // RGB order for three-channel images).
-    Status encode(const Image &image) {
+    Status encode(const Image &image) { return encodeRows(image, 0, image.height); }
+
+    // Encodes rows [first, first + rows) of an image, top to bottom over
+    // several calls. Baseline strips must be a whole number of MCU rows
+    // (16 lines always is) except the last.
+    Status encodeRows(const Image &image, uint32_t first, uint32_t rows) {
         if (param_ == nullptr)
             return JPG_STATUS_INVALID_HANDLE;
-        if (image.empty())
+        if (image.empty() || rows == 0 || first >= image.height || rows > image.height - first)
             return JPG_STATUS_INVALID_PARAMETER;
-        Image copy;
-        const Image *src = &image;
-        if (image.channels == 3 && ((lossless_ && image.order == PixelOrder::BGR) ||
-                                    (!lossless_ && image.order == PixelOrder::RGB))) {
-            copy = image;
-            copy.swapRedBlue();
-            src = &copy;
+        if (lossless_ ? image.precision < 2 || image.precision > 16
+                      : image.bytesPerSample != 1 || image.precision != 8)
+            return lossless_ ? JPG_STATUS_INVALID_PARAMETER : JPG_STATUS_NOT_SUPPORTED;
+        if (first == 0) {
+            Status s = jpgWriteSetImageSize(param_, image.width, image.height);
+            if (!s)
+                return s;
         }
-        ComplibRect r = const_cast<Image *>(src)->rect();
-        if (lossless_) {
-            if (src->precision < 2 || src->precision > 16)
-                return JPG_STATUS_INVALID_PARAMETER;
-            return jpgWriteSpatialFromRect(param_, &r, int32_t(src->height));
+        bool swap = image.channels == 3 && ((lossless_ && image.order == PixelOrder::BGR) ||
+                                            (!lossless_ && image.order == PixelOrder::RGB));
+        Image strip;
+        ComplibRect r;
+        if (swap) {
+            strip = Image(image.width, rows, 3, image.bytesPerSample, image.order);
+            strip.precision = image.precision;
+            std::memcpy(strip.data.data(), image.row(first), strip.data.size());
+            strip.swapRedBlue();
+            r = strip.rect();
+        } else {
+            r = const_cast<Image &>(image).rect(first);
+            r.height = int32_t(rows);
         }
-        if (src->bytesPerSample != 1)
-            return JPG_STATUS_NOT_SUPPORTED;
-        return jpgWriteFromRect(param_, &r, src->height);
+        if (lossless_)
+            return jpgWriteSpatialFromRect(param_, &r, int32_t(rows));
+        return jpgWriteFromRect(param_, &r, rows);
     }
 
     // Ends the stream; a memory encoder hands its bytes to `out`.

@@ -126,7 +126,7 @@ Status decodeStrips(Decoder &decoder, Scale scale, Image &out, bool showProgress
     uint32_t strip = ((256 + unit - 1) / unit) * unit;
     Progress progress("decoding", out.height);
     Status status;
-    for (uint32_t y = 0; y < out.height && (status.ok() || status.warning()); y += strip) {
+    for (uint32_t y = 0; y < out.height && status.ok(); y += strip) {
         uint32_t rows = strip < out.height - y ? strip : out.height - y;
         Status s = decoder.decodeRows(out, y, rows, scale);
         if (!s.ok())
@@ -146,7 +146,7 @@ Status decodeJpeg(Decoder &decoder, Scale scale, Image *out, std::string *note, 
     if (out->empty())
         return JPG_STATUS_NOT_SUPPORTED;
     Status s = decodeStrips(decoder, libraryScale, *out, showProgress);
-    if (!s.ok() && !s.warning())
+    if (!s.ok() && !s.warning() && s.code() != JPG_STATUS_UNEXPECTED_END)
         return s;
     if (out->order == PixelOrder::BGR)
         out->swapRedBlue();

@@ -125,14 +125,17 @@ int cmdDecodeImpl(int argc, char **argv) {
             return rc;
     } else {
         s = decodeJpeg(decoder, scale, &image, &note, true);
-        if (!s.ok() && !s.warning())
+        // A stream cut short still gives the lines before the cut.
+        bool partial = s.code() == JPG_STATUS_UNEXPECTED_END && !image.empty() &&
+                       decoder.header().process != Process::Progressive;
+        if (!s.ok() && !s.warning() && !partial)
             return failStatus("decode: " + pos[0], s);
     }
     if (!note.empty())
         fprintf(stderr, "kivjpeg: decode: note: %s\n", note.c_str());
     if (!saveImage(pos[1], image, format, &error))
         return fail("decode", error);
-    if (s.warning()) {
+    if (!s.ok()) {
         fprintf(stderr, "kivjpeg: decode: warning: %s\n", s.describe().c_str());
         return kExitWarning;
     }
@@ -196,6 +199,25 @@ std::string encodeOptions(const Args &args, EncodeOptions *o, bool *gray) {
     return "";
 }
 
+// Encodes in strips of 256 lines (a whole number of MCU rows for every
+// sampling) so that large images show progress on a terminal.
+Status encodeWithProgress(const Image &image, const EncodeOptions &options,
+                          std::vector<uint8_t> *jpeg) {
+    kivjpeg::Encoder encoder;
+    Status s = encoder.openMemory();
+    if (s)
+        s = encoder.configure(options, image.channels);
+    const uint32_t strip = 256;
+    bool show = uint64_t(image.width) * image.height >= (4u << 20);
+    Progress progress("encoding", show ? image.height : 0);
+    for (uint32_t y = 0; s.ok() && y < image.height; y += strip) {
+        s = encoder.encodeRows(image, y, strip < image.height - y ? strip : image.height - y);
+        progress.update(y + strip < image.height ? y + strip : image.height);
+    }
+    Status f = encoder.finish(jpeg);
+    return s ? f : s;
+}
+
 int cmdEncodeImpl(int argc, char **argv) {
     Args args(argc, argv, {"quality", "sampling", "restart", "predictor", "comment"});
     const auto &pos = args.positional();
@@ -228,7 +250,7 @@ int cmdEncodeImpl(int argc, char **argv) {
     if (options.lossless && image.precision < 2)
         return fail("encode", "lossless coding needs at least 2 bits per sample");
     std::vector<uint8_t> jpeg;
-    Status s = kivjpeg::encodeMemory(image, options, &jpeg);
+    Status s = encodeWithProgress(image, options, &jpeg);
     if (!s)
         return failStatus("encode", s);
     if (!writeAll(pos[1], jpeg, &error))
