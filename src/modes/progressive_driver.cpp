@@ -138,13 +138,13 @@ JpgStatus decodeScan(JpgParam *param) {
 }
 
 // Decodes the current scan and then, unless one scan per call was asked
-// for, every following scan up to EOI. The coefficient memory starts out
-// cleared, so that a scan out of order reads defined values.
-JpgStatus decodeScans(JpgParam *param, bool oneScan) {
+// for, every following scan up to EOI. A decode from the start clears the
+// coefficient memory first, so that a scan out of order reads defined values.
+JpgStatus decodeScans(JpgParam *param, bool oneScan, bool fromStart) {
     param->processedLines = 0;
     if (param->currentMarker == kMarkerEoi)
         return JPG_STATUS_ERROR;
-    if (param->currentMarker == 0)
+    if (fromStart)
         memset(param->dec.coefBase, 0, static_cast<size_t>(param->totalMcus) * coefficientsPerMcu(param) * 2);
     for (;;) {
         JpgStatus status = decodeScan(param);
@@ -214,15 +214,19 @@ void outputMcuRow(JpgParam *param, ComplibRect *strip, uint32_t row, int16_t *lo
     param->dec.mcuNext = upper;
 }
 
+// The converter writes one byte per component and pixel (with colour
+// conversion off the rectangle must have exactly that many channels).
+bool outputPossible(const JpgParam *param, const ComplibRect *rect) {
+    const int32_t channels = static_cast<int32_t>(param->numComponents);
+    if (((param->mode & kModeNoColorConversion) && rect->channels != channels) || rect->channels < channels)
+        return false;
+    return param->routines.mcuProgressive != nullptr && param->routines.upsample != nullptr &&
+           param->routines.convert != nullptr;
+}
+
 // Delivers rows from the stored coefficients, starting at the MCU row of
 // the processed-line counter, into the rectangle from its top row.
 JpgStatus outputRows(JpgParam *param, const ComplibRect *rect, uint32_t rows) {
-    const int32_t channels = static_cast<int32_t>(param->numComponents);
-    if (((param->mode & kModeNoColorConversion) && rect->channels != channels) || rect->channels < channels)
-        return JPG_STATUS_NOT_SUPPORTED;
-    if (param->routines.mcuProgressive == nullptr || param->routines.upsample == nullptr ||
-        param->routines.convert == nullptr)
-        return JPG_STATUS_NOT_SUPPORTED;
     int16_t *lower = param->mcuBuffer < param->dec.mcuNext ? param->mcuBuffer : param->dec.mcuNext;
     int16_t *upper = param->mcuBuffer < param->dec.mcuNext ? param->dec.mcuNext : param->mcuBuffer;
     ComplibRect strip = *rect;
@@ -286,6 +290,8 @@ JpgStatus jpgReadProgressiveToRect(JpgParam *param, ComplibRect *rect, uint32_t 
         return JPG_STATUS_NOT_SUPPORTED;
     const bool incremental = (flags & JPG_PROGRESSIVE_INCREMENTAL) != 0;
     uint32_t left;
+    // The first call of a normal decode or of the first incremental pass.
+    const bool fromStart = param->processedLines == 0 && !(param->mode & kModeIncremental);
     if (param->processedLines == 0) {
         if (param->mode & kModeRewind) {
             param->mode &= ~kModeRewind;
@@ -312,9 +318,12 @@ JpgStatus jpgReadProgressiveToRect(JpgParam *param, ComplibRect *rect, uint32_t 
         return JPG_STATUS_FAILED;
     if (!geometryUsable(param))
         return JPG_STATUS_BAD_DATA;
+    // Checked before any scan is decoded, so that a refused call changes nothing.
+    if (!outputPossible(param, rect))
+        return JPG_STATUS_NOT_SUPPORTED;
     const uint32_t deliver = rows < left ? rows : left;
     if (param->processedLines == 0) {
-        JpgStatus status = decodeScans(param, incremental);
+        JpgStatus status = decodeScans(param, incremental, fromStart);
         if (status != JPG_STATUS_OK)
             return status;
     }

@@ -16,10 +16,11 @@ const std::vector<uint8_t> kGrey = {0x11};
 
 // Opens a one-scan grey stream and returns the handle standing at its data.
 struct Opened {
+    Bytes data;  // the handle reads it in place
     JpgParam *param = nullptr;
     Image image;
-    explicit Opened(const Bytes &stream) {
-        EXPECT_EQ(open(stream, &param, &image), JPG_STATUS_OK);
+    explicit Opened(const Bytes &stream) : data(stream) {
+        EXPECT_EQ(open(data, &param, &image), JPG_STATUS_OK);
     }
     ~Opened() {
         if (param != nullptr)
@@ -43,6 +44,7 @@ TEST(ProgressiveCoefficients, DcFirstClearsTheBlockAndAccumulatesThePredictor) {
     w.dc(2, 1);  // raw 01 -> -2
     w.dc(4, 8);  // +8, shifted by Al = 13 -> 0x10000 -> 0
     Opened s(oneScan(0, 0, 0, 13, w.finish()));
+    ASSERT_NE(s.param, nullptr);
     int16_t block[64];
     std::fill(block, block + 64, 7);
     s.param->scanAl = 1;
@@ -64,6 +66,7 @@ TEST(ProgressiveCoefficients, DcFirstTakesAnInvalidCodeAsAnEmptyBlock) {
     w.put(0xF, 4);  // no code of the DC table
     w.dc(1, 1);
     Opened s(oneScan(0, 0, 0, 0, w.finish()));
+    ASSERT_NE(s.param, nullptr);
     int16_t block[64];
     std::fill(block, block + 64, 3);
     s.comp()->dcPred = 9;
@@ -78,6 +81,7 @@ TEST(ProgressiveCoefficients, DcRefinementOrsOneBit) {
     BitWriter w;
     w.put(0b10, 2);
     Opened s(oneScan(0, 0, 1, 2, w.finish()));
+    ASSERT_NE(s.param, nullptr);
     int16_t block[64] = {-8};
     EXPECT_EQ(jpgReadGetProgressiveDCDiffCoefficient(s.param, block), JPG_STATUS_OK);
     EXPECT_EQ(block[0], -4);
@@ -95,6 +99,7 @@ TEST(ProgressiveCoefficients, EndOfBandRunSkipsBlocks) {
     w.ac(0x21, 1);          // run 2, +1 at position 4
     w.ac(0x00);      // EOB
     Opened s(oneScan(1, 63, 0, 1, w.finish()));
+    ASSERT_NE(s.param, nullptr);
     int16_t block[64] = {};
     EXPECT_EQ(jpgReadGetProgressiveACBaseCoefficient(s.param, block, s.comp()), JPG_STATUS_OK);
     EXPECT_EQ(s.param->eobRun, 4);
@@ -113,6 +118,7 @@ TEST(ProgressiveCoefficients, AcFirstWithStartAboveEndStoresNothing) {
     BitWriter w;
     w.ac(0x01, 1);
     Opened s(oneScan(5, 2, 0, 0, w.finish()));
+    ASSERT_NE(s.param, nullptr);
     int16_t block[64] = {};
     EXPECT_EQ(jpgReadGetProgressiveACBaseCoefficient(s.param, block, s.comp()), JPG_STATUS_OK);
     for (int i = 0; i < 64; i++)
@@ -124,6 +130,7 @@ TEST(ProgressiveCoefficients, AcFirstInvalidCodeWithDataAndAtTheEnd) {
     BitWriter w;
     w.put(0xF, 4);
     Opened s(oneScan(1, 63, 0, 0, w.finish()));
+    ASSERT_NE(s.param, nullptr);
     int16_t block[64] = {};
     EXPECT_EQ(jpgReadGetProgressiveACBaseCoefficient(s.param, block, s.comp()), JPG_STATUS_BAD_AC_CODE);
     for (int i = 0; i < 4; i++)
@@ -140,6 +147,7 @@ TEST(ProgressiveCoefficients, RefinementCorrectsOnlyNonZeroCoefficients) {
     w.ac(0x11, 1);    // skip one zero, then +1 ...
     w.put(0b000, 3);  // ... after corrections 0 for positions 1, 2, 4
     Opened s(oneScan(1, 5, 1, 0, w.finish()));
+    ASSERT_NE(s.param, nullptr);
     int16_t block[64] = {};
     const int order[] = {0, 1, 8, 16, 9, 2};
     block[order[1]] = 2;
@@ -162,12 +170,14 @@ TEST(ProgressiveCoefficients, RefinementSymbolOfSizeTwoIsRefused) {
     BitWriter w;
     w.ac(0x22, 2);
     Opened s(oneScan(1, 63, 1, 0, w.finish()));
+    ASSERT_NE(s.param, nullptr);
     int16_t block[64] = {};
     EXPECT_EQ(jpgReadGetProgressiveACDiffCoefficient(s.param, block, s.comp()), JPG_STATUS_ERROR);
 }
 
 TEST(ProgressiveCoefficients, BandsPastPosition63AreRefused) {
     Opened s(oneScan(1, 70, 0, 0, {0x00}));
+    ASSERT_NE(s.param, nullptr);
     int16_t block[64] = {};
     EXPECT_EQ(jpgReadGetProgressiveACBaseCoefficient(s.param, block, s.comp()), JPG_STATUS_BAD_DATA);
     s.param->scanAh = 1;

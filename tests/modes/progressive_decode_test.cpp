@@ -236,7 +236,8 @@ TEST(ProgressiveDecode, RequestsBeyondTheImageFail) {
     ASSERT_EQ(kivtest::run("cjpeg -progressive -outfile '" + jpg + "' '" + ppm + "'"), 0);
     JpgParam *param = nullptr;
     Image image;
-    ASSERT_EQ(open(kivtest::readFile(jpg), &param, &image), JPG_STATUS_OK);
+    Bytes data = kivtest::readFile(jpg);  // the handle reads it in place
+    ASSERT_EQ(open(data, &param, &image), JPG_STATUS_OK);
     uint32_t line = 0, completed = 7;
     EXPECT_EQ(jpgReadProgressiveIsCompleted(param, &completed), JPG_STATUS_OK);
     EXPECT_EQ(completed, 0u);
@@ -258,7 +259,8 @@ TEST(ProgressiveDecode, RequestsBeyondTheImageFail) {
 TEST(ProgressiveDecode, DriverStatuses) {
     JpgParam *param = nullptr;
     Image image;
-    ASSERT_EQ(open(kivtest::readFile(kivtest::corpus("samples/testprog.jpg")), &param, &image), JPG_STATUS_OK);
+    Bytes prog = kivtest::readFile(kivtest::corpus("samples/testprog.jpg"));
+    ASSERT_EQ(open(prog, &param, &image), JPG_STATUS_OK);
     ComplibRect rect = rectFor(image);
     uint32_t completed = 0;
     EXPECT_EQ(jpgReadProgressiveToRect(nullptr, &rect, 16, 0), JPG_STATUS_INVALID_HANDLE);
@@ -272,7 +274,8 @@ TEST(ProgressiveDecode, DriverStatuses) {
     EXPECT_EQ(jpgReadProgressiveToRect(param, &grey, 16, 0), JPG_STATUS_NOT_SUPPORTED);
     jpgReadEpilog(param);
 
-    ASSERT_EQ(open(kivtest::readFile(kivtest::corpus("samples/testorig.jpg")), &param, &image), JPG_STATUS_OK);
+    Bytes orig = kivtest::readFile(kivtest::corpus("samples/testorig.jpg"));
+    ASSERT_EQ(open(orig, &param, &image), JPG_STATUS_OK);
     rect = rectFor(image);
     EXPECT_EQ(jpgReadProgressiveToRect(param, &rect, 16, 0), JPG_STATUS_NOT_SUPPORTED);
     EXPECT_EQ(jpgReadProgressiveIsCompleted(param, &completed), JPG_STATUS_NOT_SUPPORTED);
@@ -283,7 +286,8 @@ TEST(ProgressiveDecode, DriverStatuses) {
 TEST(ProgressiveDecode, ShortRectangleIsNotOverrun) {
     JpgParam *param = nullptr;
     Image image;
-    ASSERT_EQ(open(kivtest::readFile(kivtest::corpus("samples/testprog.jpg")), &param, &image), JPG_STATUS_OK);
+    Bytes prog = kivtest::readFile(kivtest::corpus("samples/testprog.jpg"));
+    ASSERT_EQ(open(prog, &param, &image), JPG_STATUS_OK);
     ComplibRect rect = rectFor(image);
     rect.height = 20;
     size_t rowBytes = size_t(rect.stride);
