@@ -66,26 +66,35 @@ namespace {
 constexpr uint32_t kEoi = 0xFFD9;
 constexpr uint32_t kLastSequentialSof = 0xFFC1;
 
-struct LevelRecipe {
-    uint32_t limit;           // zig-zag positions kept
-    void (*clear)(int16_t *); // prepares the block before decoding
-    void (*reduce)(int16_t *);
-};
+// Zig-zag positions kept per level: 1 (the DC), 4 and 24.
+constexpr uint32_t kLimits[3] = {0, 4, 24};
 
-void clearNothing(int16_t *) {}
-void clear2x2(int16_t *block) { block[1] = block[8] = block[9] = 0; }
-void clearRows0to3(int16_t *block) {
-    for (int i = 0; i < 32; i++)
-        block[i] = 0;
+// Clears the slots the level's transform reads that decoding may not write,
+// then decodes, then reduces.
+template <int kLevel>
+JpgStatus decodeScaledBlock(JpgParam *param, int16_t *block, JpgComponent *comp) {
+    if constexpr (kLevel == 1) {
+        block[1] = block[8] = block[9] = 0;
+    } else if constexpr (kLevel == 2) {
+        for (int i = 0; i < 32; i++)
+            block[i] = 0;
+    }
+    JpgStatus status = jpgReadGetScaleCoefficient(param, block, comp, kLimits[kLevel]);
+    if (status != JPG_STATUS_OK)
+        return status;
+    if constexpr (kLevel == 0)
+        reduceTo1x1(block);
+    else if constexpr (kLevel == 1)
+        reduceTo2x2(block);
+    else
+        reduceTo4x4(block);
+    return JPG_STATUS_OK;
 }
-
-constexpr LevelRecipe kRecipes[3] = {{0, clearNothing, reduceTo1x1},
-                                     {4, clear2x2, reduceTo2x2},
-                                     {24, clearRows0to3, reduceTo4x4}};
 
 // Decodes one MCU at the given level into the MCU buffer and keeps the
 // scan's MCU counters as the full-size MCU routine does.
-JpgStatus decodeScaledMcu(JpgParam *param, const LevelRecipe &recipe) {
+template <int kLevel>
+JpgStatus decodeScaledMcu(JpgParam *param) {
     uint32_t count = param->numComponents > 4 ? 4 : param->numComponents;
     uint32_t total = 0;
     for (uint32_t c = 0; c < count; c++)
@@ -98,11 +107,9 @@ JpgStatus decodeScaledMcu(JpgParam *param, const LevelRecipe &recipe) {
     for (uint32_t c = 0; c < count; c++) {
         JpgComponent *comp = &param->components[c];
         for (uint32_t b = 0; b < comp->blocks; b++, block += 64) {
-            recipe.clear(block);
-            JpgStatus status = jpgReadGetScaleCoefficient(param, block, comp, recipe.limit);
+            JpgStatus status = decodeScaledBlock<kLevel>(param, block, comp);
             if (status != JPG_STATUS_OK)
                 return status;
-            recipe.reduce(block);
         }
     }
     if (--param->mcusLeft == 0) {
@@ -206,9 +213,9 @@ JpgStatus jpgReadScaleOutputSetLevel(JpgParam *param, uint32_t level) {
     return JPG_STATUS_OK;
 }
 
-JpgStatus jpgReadScaleOutputLevel0MCU(JpgParam *param) { return kiv::decodeScaledMcu(param, kiv::kRecipes[0]); }
-JpgStatus jpgReadScaleOutputLevel1MCU(JpgParam *param) { return kiv::decodeScaledMcu(param, kiv::kRecipes[1]); }
-JpgStatus jpgReadScaleOutputLevel2MCU(JpgParam *param) { return kiv::decodeScaledMcu(param, kiv::kRecipes[2]); }
+JpgStatus jpgReadScaleOutputLevel0MCU(JpgParam *param) { return kiv::decodeScaledMcu<0>(param); }
+JpgStatus jpgReadScaleOutputLevel1MCU(JpgParam *param) { return kiv::decodeScaledMcu<1>(param); }
+JpgStatus jpgReadScaleOutputLevel2MCU(JpgParam *param) { return kiv::decodeScaledMcu<2>(param); }
 
 JpgStatus jpgReadScaleOutputToRect(JpgParam *param, ComplibRect *rect, uint32_t lines,
                                    uint32_t level) {

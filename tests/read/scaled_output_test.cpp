@@ -10,7 +10,7 @@
 
 #include "kivjpeg.h"
 #include "read/scaled_transforms.h"
-#include "support/synthetic_mcu.h"
+#include "synthetic_mcu.h"
 
 namespace {
 
@@ -193,6 +193,218 @@ TEST(ReducedTransforms, DcOnlyBlocksAreFlatAtEveryLevel) {
             for (int c = 0; c < 4; c++)
                 EXPECT_NEAR(l2[8 * r + c], level0, 1) << dc;
     }
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Whole streams: scaled decoding against djpeg -scale (accurate integer DCT,
+// no fancy upsampling), and the level switches on one handle.
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "test_support.h"
+
+namespace {
+
+struct Image {
+    int width = 0, height = 0, channels = 0;
+    std::vector<uint8_t> pixels;  // B, G, R for three channels
+    uint8_t at(int y, int x, int c) const { return pixels[static_cast<size_t>((y * width + x) * channels + c)]; }
+};
+
+// Opens a stream; null when the decoder cannot open it (yet).
+JpgParam *open(const std::vector<uint8_t> &data) {
+    JpgParam *param = nullptr;
+    if (jpgReadPrologFromMemory(data.data(), static_cast<int32_t>(data.size()), 0, &param) != JPG_STATUS_OK)
+        return nullptr;
+    return param;
+}
+
+// Decodes the whole image at a level (3: full size) on an open handle.
+JpgStatus decodeLevel(JpgParam *param, uint32_t level, Image *out) {
+    uint32_t w = 0, h = 0;
+    JpgStatus status = jpgReadScaleOutputGetImageSize(param, &w, &h, level);
+    if (status != JPG_STATUS_OK)
+        return status;
+    out->width = static_cast<int>(w);
+    out->height = static_cast<int>(h);
+    out->channels = static_cast<int>(param->numComponents);
+    out->pixels.assign(static_cast<size_t>(w) * h * out->channels, 0);
+    ComplibRect rect{out->width, out->height, out->width * out->channels, 8 * out->channels,
+                     out->channels, 8, out->pixels.data(), static_cast<uint32_t>(out->pixels.size())};
+    return jpgReadScaleOutputToRect(param, &rect, h, level);
+}
+
+// Binary PPM/PGM written by djpeg, converted to B, G, R order.
+bool readPnm(const std::string &path, Image *out) {
+    std::vector<uint8_t> bytes = kivtest::readFile(path);
+    std::string header(bytes.begin(), bytes.begin() + std::min<size_t>(bytes.size(), 64));
+    int maxval = 0, consumed = 0;
+    char kind = 0;
+    if (std::sscanf(header.c_str(), "P%c %d %d %d%n", &kind, &out->width, &out->height, &maxval, &consumed) != 4)
+        return false;
+    out->channels = kind == '6' ? 3 : 1;
+    size_t size = static_cast<size_t>(out->width) * out->height * out->channels;
+    if (bytes.size() < consumed + 1 + size)
+        return false;
+    out->pixels.assign(bytes.begin() + consumed + 1, bytes.begin() + consumed + 1 + size);
+    if (out->channels == 3)
+        for (size_t i = 0; i < size; i += 3)
+            std::swap(out->pixels[i], out->pixels[i + 2]);
+    return true;
+}
+
+// PSNR over the common area (the decoders round scaled sizes differently).
+double psnr(const Image &a, const Image &b) {
+    int w = std::min(a.width, b.width), h = std::min(a.height, b.height);
+    double sum = 0;
+    long n = 0;
+    for (int y = 0; y < h; y++)
+        for (int x = 0; x < w; x++)
+            for (int c = 0; c < a.channels; c++) {
+                double d = a.at(y, x, c) - b.at(y, x, c);
+                sum += d * d;
+                n++;
+            }
+    return sum == 0 ? 99.0 : 10 * std::log10(255.0 * 255.0 * n / sum);
+}
+
+std::vector<std::string> testFiles() {
+    std::vector<std::string> files = {kivtest::corpus("samples/testorig.jpg"),
+                                      kivtest::corpus("samples/testimgint.jpg")};
+    // The three smallest sequential photographs and the largest one.
+    std::vector<std::pair<uintmax_t, std::string>> photos;
+    for (const std::string &path : kivtest::photographs()) {
+        std::vector<uint8_t> data = kivtest::readFile(path);
+        if (JpgParam *param = open(data)) {
+            if (param->frameMarker <= 0xFFC1)
+                photos.emplace_back(data.size(), path);
+            jpgReadEpilog(param);
+        }
+    }
+    std::sort(photos.begin(), photos.end());
+    for (size_t i = 0; i < photos.size() && i < 3; i++)
+        files.push_back(photos[i].second);
+    if (photos.size() > 3)
+        files.push_back(photos.back().second);
+    return files;
+}
+
+TEST(ScaledDecode, MatchesDjpegScaledOutput) {
+    if (!kivtest::haveTool("djpeg"))
+        GTEST_SKIP() << "djpeg not installed";
+    std::vector<uint8_t> probe = kivtest::readFile(kivtest::corpus("samples/testorig.jpg"));
+    JpgParam *probeParam = open(probe);
+    if (probeParam == nullptr)
+        GTEST_SKIP() << "the stream parser is not available in this build";
+    jpgReadEpilog(probeParam);
+
+    // Measured minimum PSNR per level over these files, less a margin
+    // (level 0 is the exact DC average; levels 1 and 2 drop F11 and F33 and
+    // replicate subsampled chroma).
+    const double kMinimum[3] = {40.0, 30.0, 30.0};
+    const char *kScale[3] = {"1/8", "1/4", "1/2"};
+    for (const std::string &file : testFiles()) {
+        std::vector<uint8_t> data = kivtest::readFile(file);
+        for (uint32_t level = 0; level < 3; level++) {
+            JpgParam *param = open(data);
+            ASSERT_NE(param, nullptr) << file;
+            Image ours, theirs;
+            ASSERT_EQ(decodeLevel(param, level, &ours), JPG_STATUS_OK) << file << " level " << level;
+            jpgReadEpilog(param);
+            std::string out = kivtest::tempPath("scaled.pnm");
+            ASSERT_EQ(kivtest::run(std::string("djpeg -dct int -nosmooth -scale ") + kScale[level] +
+                                   " -outfile " + out + " '" + file + "'"), 0);
+            ASSERT_TRUE(readPnm(out, &theirs)) << file;
+            ASSERT_EQ(ours.channels, theirs.channels);
+            EXPECT_LE(std::abs(ours.width - theirs.width), 1) << file;
+            EXPECT_LE(std::abs(ours.height - theirs.height), 1) << file;
+            double db = psnr(ours, theirs);
+            std::printf("PSNR %-60s level %u (%4dx%-4d): %6.2f dB\n", file.c_str(), level, ours.width,
+                        ours.height, db);
+            EXPECT_GE(db, kMinimum[level]) << file << " level " << level;
+        }
+    }
+}
+
+// Box average of the full-size decode, the ideal that level 0 approximates.
+TEST(ScaledDecode, LevelZeroIsTheBlockAverageOfTheFullImage) {
+    for (const char *name : {"samples/testorig.jpg", "conformance/A1.jpg", "conformance/C1.jpg"}) {
+        std::vector<uint8_t> data = kivtest::readFile(kivtest::corpus(name));
+        JpgParam *param = open(data);
+        if (param == nullptr)
+            GTEST_SKIP() << "the stream parser is not available in this build";
+        Image full, eighth;
+        ASSERT_EQ(decodeLevel(param, 3, &full), JPG_STATUS_OK) << name;
+        ASSERT_EQ(decodeLevel(param, 0, &eighth), JPG_STATUS_OK) << name;
+        jpgReadEpilog(param);
+        Image average = eighth;
+        for (int y = 0; y < eighth.height; y++)
+            for (int x = 0; x < eighth.width; x++)
+                for (int c = 0; c < eighth.channels; c++) {
+                    int sum = 0;
+                    for (int i = 0; i < 64; i++)
+                        sum += full.at(8 * y + i / 8, 8 * x + i % 8, c);
+                    average.pixels[static_cast<size_t>((y * eighth.width + x) * eighth.channels + c)] =
+                        static_cast<uint8_t>((sum + 32) / 64);
+                }
+        double db = psnr(eighth, average);
+        std::printf("PSNR %-24s level 0 vs 8x8 average of full size: %6.2f dB\n", name, db);
+        EXPECT_GE(db, 28.0) << name;
+    }
+}
+
+TEST(ScaledDecode, SwitchingLevelsRewindsAndRepeatsThePixels) {
+    std::vector<uint8_t> data = kivtest::readFile(kivtest::corpus("samples/testorig.jpg"));
+    JpgParam *param = open(data);
+    if (param == nullptr)
+        GTEST_SKIP() << "the stream parser is not available in this build";
+    Image half1, full1, half2, quarter, full2;
+    ASSERT_EQ(decodeLevel(param, 2, &half1), JPG_STATUS_OK);
+    ASSERT_EQ(decodeLevel(param, 3, &full1), JPG_STATUS_OK);
+    ASSERT_EQ(decodeLevel(param, 2, &half2), JPG_STATUS_OK);
+    ASSERT_EQ(decodeLevel(param, 1, &quarter), JPG_STATUS_OK);
+    // The same level again does not rewind: every line has been delivered.
+    uint8_t spare[3 * 1024];
+    ComplibRect rect{quarter.width, 1, 3 * quarter.width, 24, 3, 8, spare, sizeof spare};
+    EXPECT_EQ(jpgReadScaleOutputToRect(param, &rect, 1, 1), JPG_STATUS_UNEXPECTED_END);
+    ASSERT_EQ(decodeLevel(param, 3, &full2), JPG_STATUS_OK);
+    EXPECT_EQ(half1.pixels, half2.pixels);
+    EXPECT_EQ(full1.pixels, full2.pixels);
+    jpgReadEpilog(param);
+
+    JpgParam *fresh = open(data);
+    Image freshFull;
+    ASSERT_EQ(decodeLevel(fresh, 3, &freshFull), JPG_STATUS_OK);
+    jpgReadEpilog(fresh);
+    EXPECT_EQ(full1.pixels, freshFull.pixels);
+}
+
+// The rows of a scaled image arrive the same whether asked for at once or
+// a few at a time.
+TEST(ScaledDecode, RowByRowEqualsAllAtOnce) {
+    std::vector<uint8_t> data = kivtest::readFile(kivtest::corpus("samples/testorig.jpg"));
+    JpgParam *param = open(data);
+    if (param == nullptr)
+        GTEST_SKIP() << "the stream parser is not available in this build";
+    Image whole;
+    ASSERT_EQ(decodeLevel(param, 1, &whole), JPG_STATUS_OK);
+    jpgReadEpilog(param);
+    param = open(data);
+    Image rows = whole;
+    std::fill(rows.pixels.begin(), rows.pixels.end(), 0);
+    uint32_t h = static_cast<uint32_t>(param->mcuHeight >> 2);
+    for (int y = 0; y < rows.height; y += static_cast<int>(h)) {
+        ComplibRect rect{rows.width, rows.height - y, rows.width * 3, 24, 3, 8,
+                         rows.pixels.data() + static_cast<size_t>(y) * rows.width * 3, 0};
+        ASSERT_EQ(jpgReadScaleOutputToRect(param, &rect, h, 1), JPG_STATUS_OK) << y;
+    }
+    jpgReadEpilog(param);
+    EXPECT_EQ(rows.pixels, whole.pixels);
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "kivjpeg.h"
-#include "support/synthetic_mcu.h"
+#include "synthetic_mcu.h"
 
 namespace {
 
