@@ -221,7 +221,8 @@ TEST(ToolInfo, MatchesAnIndependentMarkerWalkOnEveryCorpusStream) {
 }
 
 TEST(ToolInfo, AgreesWithTheConformanceListings) {
-    std::regex line(R"(^\s*\d+\s+([A-Z]+[0-9]*)\s*\(([0-9a-f]{4})\)\s*(?:L[a-z]=(\d+))?)");
+    // E2's listing spells one SOS code "ffffda": the last two bytes count.
+    std::regex line(R"(^\s*\d+\s+([A-Z]+[0-9]*)\s*\((?:ff)*(ff[0-9a-f]{2})\)\s*(?:L[a-z]=(\d+))?)");
     for (const char *name : {"A1", "C1", "C2", "E1", "E2", "O1", "O2"}) {
         SCOPED_TRACE(name);
         std::ifstream listing(corpus(std::string("conformance/") + name + ".txt"));
@@ -265,12 +266,12 @@ TEST(ToolInfo, TextListsHeaderTablesAndSegments) {
 TEST(ToolSegments, ListsAndExtracts) {
     std::string out;
     ASSERT_EQ(kiv("segments " + corpus("conformance/A1.jpg"), &out), 0) << out;
-    EXPECT_NE(out.find("FFFE COM   370"), std::string::npos) << out;
+    EXPECT_NE(out.find("FFFE COM   368"), std::string::npos) << out;
     std::string payload = tempPath("a1-com.bin");
     ASSERT_EQ(kiv("segments " + corpus("conformance/A1.jpg") + " --extract COM " + payload, &out), 0)
         << out;
     std::vector<uint8_t> bytes = readFile(payload);
-    ASSERT_EQ(bytes.size(), 368u);
+    ASSERT_EQ(bytes.size(), 366u);
     EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 28), "Compressed test data stream ");
     // By code, and a marker the stream does not have.
     ASSERT_EQ(kiv("segments " + corpus("conformance/A1.jpg") + " --extract FFE0 " + payload, &out), 0);
@@ -357,13 +358,17 @@ TEST(ToolDecode, NoColorConversionKeepsTheCodedComponents) {
     Pnm a = readPnm(rgb), b = readPnm(ycc);
     ASSERT_EQ(a.data.size(), b.data.size());
     EXPECT_NE(a.data, b.data);
-    // Channel 0 is the luminance: close to the BT.601 luma of the RGB pixels.
-    double worst = 0;
+    // Channel 0 is the luminance: close to the BT.601 luma of the RGB pixels
+    // (apart from pixels whose colour was clamped), the chroma near 128.
+    double error = 0, chroma = 0;
     for (size_t i = 0; i + 2 < a.data.size(); i += 3) {
         double y = 0.299 * a.data[i] + 0.587 * a.data[i + 1] + 0.114 * a.data[i + 2];
-        worst = std::max(worst, std::fabs(y - b.data[i]));
+        error += std::fabs(y - b.data[i]);
+        chroma += std::fabs(b.data[i + 1] - 128.0) + std::fabs(b.data[i + 2] - 128.0);
     }
-    EXPECT_LT(worst, 6.0);
+    EXPECT_LT(error / (a.data.size() / 3), 1.0);
+    EXPECT_LT(chroma / (a.data.size() / 3), 60.0);
+    EXPECT_GT(chroma / (a.data.size() / 3), 2.0);
 }
 
 TEST(ToolDecode, PassesWritesOneImagePerProgressiveScan) {
@@ -450,14 +455,15 @@ TEST(ToolEncode, RoundTripsEveryInputFormat) {
         ASSERT_EQ(kiv("decode " + corpus("samples/testorig.jpg") + " " + png, &out), 0);
         inputs.push_back(png);
     }
+    // 4:4:4, so that no upsampling method separates our decoder from djpeg.
     for (auto &in : inputs) {
         SCOPED_TRACE(in);
-        Encoded e = encode(in, "rt.jpg", "");
+        Encoded e = encode(in, "rt.jpg", "--sampling 444");
         EXPECT_GT(psnr(in, e.path), 30.0);
         if (kivtest::haveTool("djpeg")) {
             std::string theirs = tempPath("rt-djpeg.pnm");
             ASSERT_EQ(kivtest::run("djpeg -outfile " + theirs + " " + e.path), 0);
-            EXPECT_GT(psnr(e.path, theirs), 35.0);
+            EXPECT_GT(psnr(e.path, theirs), 45.0);
         }
     }
     // From standard input.
