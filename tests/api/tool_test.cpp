@@ -246,7 +246,7 @@ TEST(ToolInfo, AgreesWithTheConformanceListings) {
 
 TEST(ToolInfo, TextListsHeaderTablesAndSegments) {
     std::string out;
-    ASSERT_EQ(kiv("info " + corpus("samples/testorig.jpg"), &out), 0) << out;
+    ASSERT_EQ(kivtest::run(tool() + " info - < " + corpus("samples/testorig.jpg"), &out), 0) << out;
     for (const char *want : {"process:     baseline (SOF0)", "size:        227 x 149",
                              "precision:   8 bits", "components:  3 (4:2:0)",
                              "component 0: id 1, sampling 2x2", "mcu:         16 x 16",
@@ -633,6 +633,10 @@ TEST(ToolDemo, RunsAndWritesItsFiles) {
                              "lossless-p1", "lossless-gray12-p6"})
         EXPECT_NE(out.find(want), std::string::npos) << want;
     EXPECT_TRUE(fs::exists(dir + "/q90-420.jpg"));
+    auto info = infoJson(dir + "/q90-420.jpg");
+    EXPECT_EQ(info["width"], "120");
+    EXPECT_EQ(info["height"], "80");
+    EXPECT_EQ(kiv("demo " + dir + " --size 0x5", &out), 1);
     EXPECT_TRUE(fs::exists(dir + "/lossless-p7.jpg"));
     EXPECT_EQ(psnr(dir + "/lossless-p7.jpg", dir + (toolHasPng() ? "/original.png" : "/original.pnm")),
               INFINITY);
