@@ -154,7 +154,7 @@ struct Image {
         r.height = int32_t(height - firstRow);
         r.stride = int32_t(stride());
         r.channels = int32_t(channels);
-        r.sampleBits = int32_t(bytesPerSample == 1 ? 8 : precision);
+        r.sampleBits = int32_t(precision);
         r.pixelBits = int32_t(8 * bytesPerSample * channels);
         r.pixels = data.data() + stride() * firstRow;
         r.allocSize = uint32_t(data.size() - stride() * firstRow);

@@ -352,9 +352,10 @@ bool readPng(const std::vector<uint8_t> &bytes, Image *image, std::string *error
     int depth = png_get_bit_depth(png, info), type = png_get_color_type(png, info);
     png_color_8p sig = nullptr;
     uint32_t significant = depth > 8 ? 16 : 8;
-    if (png_get_sBIT(png, info, &sig) && sig != nullptr && depth == 16) {
+    if (png_get_sBIT(png, info, &sig) && sig != nullptr && depth >= 8 &&
+        type != PNG_COLOR_TYPE_PALETTE) {
         uint32_t s = type & PNG_COLOR_MASK_COLOR ? sig->red : sig->gray;
-        if (s >= 2 && s <= 16)
+        if (s >= 2 && s <= significant)
             significant = s;
     }
     png_set_expand(png);
@@ -376,12 +377,12 @@ bool readPng(const std::vector<uint8_t> &bytes, Image *image, std::string *error
         rows.push_back(image->row(y));
     png_read_image(png, rows.data());
     png_destroy_read_struct(&png, &info, nullptr);
-    if (bytesPer == 2 && significant < 16)
-        for (size_t i = 0; i < image->data.size() / 2; i++) {
-            uint16_t v;
-            std::memcpy(&v, &image->data[2 * i], 2);
-            v = uint16_t(v >> (16 - significant));
-            std::memcpy(&image->data[2 * i], &v, 2);
+    // Samples were stored left-aligned; sBIT says how many bits count.
+    if (significant < 8 * bytesPer)
+        for (size_t i = 0; i < size_t(w) * h * channels; i++) {
+            uint32_t x = uint32_t(i % (size_t(w) * channels)), y = uint32_t(i / (size_t(w) * channels));
+            uint32_t v = image->sample(x / channels, y, x % channels);
+            image->setSample(x / channels, y, x % channels, v >> (8 * bytesPer - significant));
         }
     return true;
 }

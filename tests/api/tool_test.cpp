@@ -577,9 +577,14 @@ TEST(ToolEncode, LosslessKeepsThePrecisionOfTheInput) {
         twelve.data[i] = uint8_t(v >> 8);
         twelve.data[i + 1] = uint8_t(v);
     }
-    std::string pgm12 = tempPath("deep12.pgm");
+    std::string pgm12 = tempPath("deep12.pgm"), pgm6 = tempPath("shallow6.pgm");
     writePnm(pgm12, twelve);
-    for (auto &c : {std::make_pair(corpus("samples/monkey16.pgm"), "16"), std::make_pair(pgm12, "12")}) {
+    Pnm six{twelve.width, twelve.height, 1, 63, {}};
+    for (size_t i = 0; i + 1 < twelve.data.size(); i += 2)
+        six.data.push_back(uint8_t((twelve.data[i] << 8 | twelve.data[i + 1]) >> 6));
+    writePnm(pgm6, six);
+    for (auto &c : {std::make_pair(corpus("samples/monkey16.pgm"), "16"), std::make_pair(pgm12, "12"),
+                    std::make_pair(pgm6, "6")}) {
         SCOPED_TRACE(c.second);
         Encoded e = encode(c.first, std::string("deep") + c.second + ".jpg", "--lossless --predictor 6");
         EXPECT_EQ(e.info["precision"], c.second);
@@ -599,6 +604,23 @@ TEST(ToolEncode, LosslessKeepsThePrecisionOfTheInput) {
     std::string out;
     EXPECT_EQ(kiv("encode " + pgm12 + " " + tempPath("deep-baseline.jpg"), &out), 0);
     EXPECT_NE(out.find("reduced to 8 bits"), std::string::npos);
+}
+
+TEST(ToolProgress, ShownOnATerminalOnly) {
+    if (!kivtest::haveTool("script"))
+        GTEST_SKIP() << "script (util-linux) not installed";
+    Pnm big{2048, 2048, 1, 255, std::vector<uint8_t>(2048u * 2048u)};
+    for (size_t i = 0; i < big.data.size(); i++)
+        big.data[i] = uint8_t((i % 2048) ^ (i / 2048));
+    std::string pgm = tempPath("big.pgm"), jpg = tempPath("big.jpg"), out;
+    writePnm(pgm, big);
+    ASSERT_EQ(kiv("encode " + pgm + " " + jpg, &out), 0);
+    EXPECT_EQ(out.find('%'), std::string::npos) << out;  // not a terminal here
+    // `script` runs the tool on a pseudo-terminal.
+    for (const std::string &command : {"encode " + pgm + " " + jpg, "decode " + jpg + " " + pgm}) {
+        ASSERT_EQ(kivtest::run("script -qec '" + tool() + " " + command + "' /dev/null", &out), 0);
+        EXPECT_NE(out.find("100%"), std::string::npos) << command << ": " << out;
+    }
 }
 
 // ================================================================= compare
