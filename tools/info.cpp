@@ -174,6 +174,9 @@ int openForReading(const std::string &command, const std::string &path, Decoder 
     if (bytes.empty())
         return fail(command + ": " + path, "empty input");
     Status s = openJpeg(decoder, bytes, note);
+    if (!s && formatFromBytes(bytes) != Format::Jpeg)
+        return fail(command + ": " + path,
+                    s.describe() + " (not a JPEG file: it does not start with FF D8)");
     if (!s)
         return failStatus(command + ": " + path, s);
     return kExitOk;

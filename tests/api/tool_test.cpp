@@ -220,6 +220,18 @@ TEST(ToolInfo, MatchesAnIndependentMarkerWalkOnEveryCorpusStream) {
     }
 }
 
+TEST(ToolInfo, RefusesEveryOtherCorpusFileByName) {
+    for (const char *dir : {"samples", "conformance"})
+        for (auto &e : fs::directory_iterator(corpus(dir))) {
+            if (e.path().extension() == ".jpg")
+                continue;
+            std::string out;
+            EXPECT_EQ(kiv("info '" + e.path().string() + "'", &out), 1) << e.path();
+            EXPECT_NE(out.find("JPG_STATUS_BAD_DATA"), std::string::npos) << out;
+            EXPECT_NE(out.find("not a JPEG file"), std::string::npos) << out;
+        }
+}
+
 TEST(ToolInfo, AgreesWithTheConformanceListings) {
     // E2's listing spells one SOS code "ffffda": the last two bytes count.
     std::regex line(R"(^\s*\d+\s+([A-Z]+[0-9]*)\s*\((?:ff)*(ff[0-9a-f]{2})\)\s*(?:L[a-z]=(\d+))?)");
