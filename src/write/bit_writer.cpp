@@ -1,9 +1,8 @@
-// Bit writer of the encoder: packs Huffman codes and extra bits, most
-// significant first, into a 32-bit accumulator, moves every complete word to
-// the 64 KiB staging buffer with byte stuffing (a 0x00 after each 0xFF,
-// ISO/IEC 10918-1 B.1.1.5) and hands full buffers to the output. Marker codes
-// are written unstuffed after the pending bits are padded with 1-bits (F.1.2.3).
-// Staging count = bs->fill; error state 2 = bs->state after a short write.
+// Bit writer of the encoder: packs codes and extra bits, most significant
+// first, into a 32-bit accumulator, moves each complete word to the 64 KiB
+// staging buffer (count bs->fill) with byte stuffing (ISO/IEC 10918-1
+// B.1.1.5) and hands full buffers to the output; markers follow the pending
+// bits padded with 1-bits (F.1.2.3). A short write sets bs->state to 2.
 #include <string.h>
 
 #include "write/encoder.h"

@@ -88,6 +88,21 @@ ComponentGrid grid(const JpgWriteConvertContext *ctx, uint32_t c) {
     return {plane(ctx, c), ctx->mcuWidth, sx, sy};
 }
 
+// Every component's factors must divide the MCU's: otherwise the block grid
+// would not tile the MCU (and a step of zero would never end).
+bool validContext(const JpgWriteConvertContext *ctx) {
+    if (ctx == nullptr || ctx->bytesPerPixel < 1 || ctx->bytesPerPixel > 4 || ctx->mcuWidth % 8 != 0 ||
+        ctx->mcuHeight % 8 != 0 || ctx->mcuWidth == 0 || ctx->mcuHeight == 0)
+        return false;
+    for (uint32_t c = 0; c < ctx->bytesPerPixel; c++) {
+        int32_t h = ctx->factors[c][0], v = ctx->factors[c][1];
+        if (h < 1 || v < 1 || (ctx->mcuWidth / 8) % static_cast<uint32_t>(h) != 0 ||
+            (ctx->mcuHeight / 8) % static_cast<uint32_t>(v) != 0)
+            return false;
+    }
+    return true;
+}
+
 // Calls fn(block, bx, by, grid) for every block of every component, in the
 // order the MCU encoder reads them; returns nothing.
 template <typename Fn>
@@ -155,7 +170,7 @@ template <Layout L, bool HQ>
 JpgStatus convertMcu(JpgWriteConvertContext *ctx, int32_t x, int32_t y) {
     if (ctx == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
-    if (L != Layout::Planes && ctx->bytesPerPixel != 3)
+    if (!validContext(ctx) || (L != Layout::Planes && ctx->bytesPerPixel != 3))
         return JPG_STATUS_INVALID_PARAMETER;
     int32_t w = static_cast<int32_t>(ctx->width) - x;
     int32_t h = static_cast<int32_t>(ctx->rows) - y;
@@ -215,6 +230,8 @@ JpgStatus GenericYUVConvert8bit(JpgWriteConvertContext *ctx, int32_t x, int32_t 
 
 // Plain down-sampling: the top-left sample of each group, no averaging.
 JpgStatus GenericSubSamplingAndBlockDivision(JpgWriteConvertContext *ctx) {
+    if (!validContext(ctx))
+        return JPG_STATUS_INVALID_PARAMETER;
     forEachBlock(ctx, [](int16_t *block, int32_t bx, int32_t by, const ComponentGrid &g) {
         for (int32_t i = 0; i < 8; i++) {
             const int16_t *src = g.plane + (by + g.sy * i) * g.stride + bx;
@@ -226,6 +243,8 @@ JpgStatus GenericSubSamplingAndBlockDivision(JpgWriteConvertContext *ctx) {
 }
 
 JpgStatus GenericSubSamplingAndBlockDivisionHQ(JpgWriteConvertContext *ctx) {
+    if (!validContext(ctx))
+        return JPG_STATUS_INVALID_PARAMETER;
     forEachBlock(ctx, [](int16_t *block, int32_t bx, int32_t by, const ComponentGrid &g) {
         for (int32_t i = 0; i < 8; i++) {
             const int16_t *src = g.plane + (by + g.sy * i) * g.stride + bx;
@@ -247,7 +266,7 @@ JpgStatus GenericSubSamplingAndBlockDivisionHQ(JpgWriteConvertContext *ctx) {
 JpgStatus GenericEdgeOptimize(JpgWriteConvertContext *ctx, int32_t width, int32_t height) {
     if (ctx == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
-    if (width < 1 || height < 1)
+    if (!validContext(ctx) || width < 1 || height < 1)
         return JPG_STATUS_INVALID_PARAMETER;
     int16_t *block = ctx->blocks;
     for (uint32_t c = 0; c < ctx->bytesPerPixel; c++) {
@@ -281,16 +300,17 @@ JpgStatus GenericEdgeOptimize(JpgWriteConvertContext *ctx, int32_t width, int32_
 }
 
 JpgWriteColorConvertFunc jpgGetWriteColorConvertGenericFunc(uint32_t id) {
-    static constexpr JpgWriteColorConvertFunc kRoutines[3][2] = {
-        {jpgWriteXXX2Rect, jpgWriteXXX2RectHQ},
-        {jpgWriteRGB2RGBRect, jpgWriteRGB2RGBRectHQ},
-        {jpgWriteRGB2YUVRect, jpgWriteRGB2YUVRectHQ}};
     uint32_t channels = id & 0xFF;
     uint32_t kind = (id >> 24) & 0xF;
-    if ((id & (1u << 29)) || kind > 2 || channels < 1 || channels > 4 ||
-        (kind != 0 && channels != 3))
+    bool averaging = (id >> 31) != 0;
+    if ((id & (1u << 29)) || channels < 1 || channels > 4 || (kind != 0 && channels != 3))
         return nullptr;
-    return kRoutines[kind][id >> 31];
+    switch (kind) {
+    case 0: return averaging ? jpgWriteXXX2RectHQ : jpgWriteXXX2Rect;
+    case 1: return averaging ? jpgWriteRGB2RGBRectHQ : jpgWriteRGB2RGBRect;
+    case 2: return averaging ? jpgWriteRGB2YUVRectHQ : jpgWriteRGB2YUVRect;
+    default: return nullptr;
+    }
 }
 
 }  // extern "C"

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "kivjpeg.h"
-#include "support/test_support.h"
+#include "test_support.h"
 
 namespace kivtest {
 

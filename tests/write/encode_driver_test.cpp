@@ -5,7 +5,7 @@
 
 #include <random>
 
-#include "support/encode_helpers.h"
+#include "encode_helpers.h"
 
 using namespace kivtest;
 
@@ -93,6 +93,57 @@ TEST_P(EncodeMatrix, EveryStreamIsStrictlyValid) {
     }
 }
 
+std::string caseName(const ::testing::TestParamInfo<MatrixCase> &info) {
+    const MatrixCase &c = info.param;
+    char name[96];
+    std::snprintf(name, sizeof name, "c%d_f%X_m%u_%s_cs%d_r%u", c.channels, c.sampling, c.method,
+                  c.noConversion ? "raw" : "conv", c.colorSpace, c.restart);
+    return name;
+}
+
+// Every packed factor the setter accepts for three (and four) components
+// gives a strictly valid stream; three-component ones also decode.
+TEST(EncodeSampling, EveryAcceptedFactorIsValid) {
+    Image three = synthetic(13, 11, 3, 5);
+    int accepted = 0;
+    for (uint32_t factor = 0x111111; factor <= 0x444444; factor++) {
+        bool nibblesValid = true;
+        for (int i = 0; i < 6; i++) {
+            uint32_t nibble = factor >> (4 * i) & 15;
+            nibblesValid = nibblesValid && nibble >= 1 && nibble <= 4;
+        }
+        if (!nibblesValid)
+            continue;
+        JpgParam *h = nullptr;
+        ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
+        JpgStatus status = jpgWriteSetSubsamplingFactor(h, factor);
+        uint8_t *buf = nullptr;
+        uint32_t size = 0;
+        jpgWriteEpilogToMemory(h, &buf, &size);
+        jpgWriteFreeBitstream(buf);
+        if (status != JPG_STATUS_OK)
+            continue;
+        accepted++;
+        EncodeOptions o;
+        o.sampling = factor;
+        o.method = accepted % 2;
+        o.restart = static_cast<uint16_t>(accepted % 3);
+        auto jpeg = encode(three, o);
+        std::string errors;
+        ASSERT_TRUE(jpegtranAccepts(jpeg, &errors)) << std::hex << factor << ": " << errors;
+        ASSERT_EQ(djpeg(jpeg, &errors).width, 13) << std::hex << factor << ": " << errors;
+    }
+    EXPECT_GT(accepted, 50);
+    std::printf("%d three-component factors accepted and verified\n", accepted);
+    Image four = synthetic(9, 10, 4, 6);
+    for (uint32_t factor : {0x11111111u, 0x22111111u, 0x21212121u, 0x12111112u, 0x41111111u, 0x22121111u}) {
+        EncodeOptions o;
+        o.sampling = factor;
+        auto jpeg = encode(four, o);
+        EXPECT_TRUE(jpegtranAccepts(jpeg)) << std::hex << factor;
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Configurations, EncodeMatrix,
     ::testing::Values(MatrixCase{1, 0, 0, false, 0, 0}, MatrixCase{1, 0x22, 1, false, 0, 1},
@@ -105,4 +156,5 @@ INSTANTIATE_TEST_SUITE_P(
                       MatrixCase{2, 0, 0, false, 0, 0}, MatrixCase{2, 0x2111, 1, false, 0, 2},
                       MatrixCase{4, 0x11111111, 0, false, 0, 0}, MatrixCase{4, 0x22111122, 1, false, 0, 3},
                       MatrixCase{4, 0x12121111, 0, true, 1, 1}, MatrixCase{3, 0x321111, 0, false, 0, 0},
-                      MatrixCase{3, 0x311111, 1, false, 0, 1}, MatrixCase{3, 0x131111, 1, false, 0, 0}));
+                      MatrixCase{3, 0x311111, 1, false, 0, 1}, MatrixCase{3, 0x131111, 1, false, 0, 0}),
+    caseName);

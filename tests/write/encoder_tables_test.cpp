@@ -6,7 +6,7 @@
 #include <map>
 
 #include "core/tables.h"
-#include "support/encode_helpers.h"
+#include "encode_helpers.h"
 
 using namespace kivtest;
 
