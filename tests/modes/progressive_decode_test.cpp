@@ -88,8 +88,8 @@ const Script kScripts[] = {
      "0 1 2: 0-0, 0, 3;\n0 1 2: 0-0, 3, 2;\n0: 1-63, 0, 4;\n1: 1-63, 0, 3;\n2: 1-63, 0, 2;\n"
      "0 1 2: 0-0, 2, 1;\n0: 1-63, 4, 3;\n0: 1-63, 3, 2;\n0: 1-63, 2, 1;\n1: 1-63, 3, 2;\n"
      "1: 1-63, 2, 1;\n2: 1-63, 2, 1;\n0 1 2: 0-0, 1, 0;\n0: 1-63, 1, 0;\n1: 1-63, 1, 0;\n2: 1-63, 1, 0;\n",
-     "0: 0-0, 0, 2;\n0: 0-0, 2, 1;\n0: 1-5, 0, 3;\n0: 6-63, 0, 5;\n0: 1-5, 3, 1;\n0: 6-63, 5, 3;\n"
-     "0: 6-63, 3, 1;\n0: 0-0, 1, 0;\n0: 1-63, 1, 0;\n"},
+     "0: 0-0, 0, 2;\n0: 0-0, 2, 1;\n0: 1-5, 0, 3;\n0: 6-63, 0, 4;\n0: 1-5, 3, 2;\n0: 6-63, 4, 3;\n"
+     "0: 1-5, 2, 1;\n0: 6-63, 3, 2;\n0: 6-63, 2, 1;\n0: 0-0, 1, 0;\n0: 1-63, 1, 0;\n"},
     {"single",  // every scan, DC included, holds one component
      "0: 0-0, 0, 0;\n1: 0-0, 0, 1;\n2: 0-0, 0, 0;\n1: 0-0, 1, 0;\n0: 1-63, 0, 0;\n1: 1-63, 0, 0;\n"
      "2: 1-63, 0, 0;\n",
@@ -122,7 +122,7 @@ TEST(ProgressiveDecode, TranscodesDecodeToTheBaselinePixels) {
             if (script.colour != nullptr) {
                 if (text == nullptr)
                     continue;
-                options = "-scans '" + writeTemp(std::string(script.name) + ".txt", text) + "'";
+                options = "-scans '" + writeTemp(source.name + "_" + script.name + ".txt", text) + "'";
             }
             std::string what = source.name + " / " + script.name;
             Bytes prog = transcode(source.path, options, source.name + "_" + script.name + ".jpg");
