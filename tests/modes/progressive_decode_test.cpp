@@ -96,6 +96,8 @@ const Script kScripts[] = {
      nullptr},
     {"later_pair",  // an interleaved DC scan that starts at the second component
      "0: 0-0, 0, 0;\n1 2: 0-0, 0, 0;\n0: 1-63, 0, 0;\n2: 1-63, 0, 0;\n1: 1-63, 0, 0;\n", nullptr},
+    {"gap",  // an interleaved DC scan of the first and the third component
+     "0 2: 0-0, 0, 0;\n1: 0-0, 0, 0;\n0: 1-63, 0, 0;\n1: 1-63, 0, 0;\n2: 1-63, 0, 0;\n", nullptr},
 };
 
 void expectSamePixels(const Image &baseline, const Image &progressive, int allowedColumn,
