@@ -9,6 +9,7 @@
 
 #include "core/tables.h"
 #include "modes/progressive.h"
+#include "read/bit_reader.h"
 
 namespace kiv {
 namespace {
@@ -45,6 +46,14 @@ uint32_t lookupCode(const JpgHuffmanTable *table, uint32_t window) {
     return kInvalidEntry;
 }
 
+// The bit reader's state for the length of one routine call, written back
+// to the handle when the call ends.
+struct Bits : BitState {
+    explicit Bits(JpgParam *param) : BitState(param) {}
+    Bits(const Bits &) = delete;
+    ~Bits() { store(); }
+};
+
 // One decoded Huffman symbol with its magnitude, if any.
 struct Symbol {
     bool valid;
@@ -56,16 +65,17 @@ struct Symbol {
 // Decodes the next symbol of a table (Annex F.2.2.3 DECODE) and, when it
 // has a magnitude, RECEIVE and EXTEND (F.2.2.1). A window that is no code
 // consumes nothing.
-Symbol decodeSymbol(JpgParam *param, const JpgHuffmanTable *table) {
-    uint32_t entry = lookupCode(table, jpgReadShowBits(param, 16));
-    uint32_t bits = entryBits(entry);
-    if (entry == kInvalidEntry || bits == 0 || bits > 16)
+Symbol decodeSymbol(Bits &bits, const JpgHuffmanTable *table) {
+    bits.need(16);
+    uint32_t entry = lookupCode(table, bits.peek(16));
+    uint32_t n = entryBits(entry);
+    if (entry == kInvalidEntry || n == 0 || n > 16)
         return {false, 0, 0, 0};
-    jpgReadGetBits(param, static_cast<int32_t>(bits));
+    bits.skip(static_cast<int32_t>(n));
     Symbol symbol{true, entryRun(entry), entrySize(entry), entryValue(entry)};
     if (symbol.size != 0 && symbol.value == 0) {
         // A long code: its entry carries the symbol only.
-        int32_t raw = static_cast<int32_t>(jpgReadGetBits(param, static_cast<int32_t>(symbol.size)));
+        int32_t raw = static_cast<int32_t>(bits.receive(static_cast<int32_t>(symbol.size)));
         const int32_t *pair = tableTestShift[symbol.size];
         symbol.value = raw < pair[0] ? raw + pair[1] : raw;
     }
@@ -77,19 +87,19 @@ inline int16_t &at(int16_t *block, uint32_t k) { return block[kZigzag[static_cas
 
 // Successive-approximation correction of one coefficient that is already
 // non-zero (G.1.2.3): a 1 bit adds p away from zero, unless bit p is set.
-inline void correct(JpgParam *param, int16_t &coef, int32_t p) {
-    if (jpgReadGetBits(param, 1) != 0 && (coef & p) == 0)
+inline void correct(Bits &bits, int16_t &coef, int32_t p) {
+    if (bits.receive(1) != 0 && (coef & p) == 0)
         coef = static_cast<int16_t>(coef >= 0 ? coef + p : coef - p);
 }
 
 // End of band in a refinement scan: corrections for the non-zero
 // coefficients from k to Se, then one block of the run is used up.
-JpgStatus refineEndOfBand(JpgParam *param, int16_t *block, uint32_t k, uint32_t run) {
+JpgStatus refineEndOfBand(JpgParam *param, Bits &bits, int16_t *block, uint32_t k, uint32_t run) {
     int32_t p = 1 << param->scanAl;
     for (; k <= param->scanSe; k++) {
         int16_t &coef = at(block, k);
         if (coef != 0)
-            correct(param, coef, p);
+            correct(bits, coef, p);
     }
     param->eobRun = static_cast<int32_t>(run - 1);
     return JPG_STATUS_OK;
@@ -97,7 +107,7 @@ JpgStatus refineEndOfBand(JpgParam *param, int16_t *block, uint32_t k, uint32_t 
 
 // AC refinement after the EOB-run check (G.1.2.3, Figure G.7 and the
 // procedure it refers to).
-JpgStatus refineBand(JpgParam *param, int16_t *block, JpgComponent *comp) {
+JpgStatus refineBand(JpgParam *param, Bits &bits, int16_t *block, JpgComponent *comp) {
     const uint32_t se = param->scanSe;
     const int32_t p = 1 << param->scanAl;
     const int32_t m = static_cast<int32_t>(~0u << param->scanAl);
@@ -106,7 +116,7 @@ JpgStatus refineBand(JpgParam *param, int16_t *block, JpgComponent *comp) {
         return JPG_STATUS_OK;
     for (;;) {
         // A window that is no code reads as an end of band of one block.
-        Symbol symbol = decodeSymbol(param, comp->acTable);
+        Symbol symbol = decodeSymbol(bits, comp->acTable);
         uint32_t r = symbol.run;
         int32_t newValue = 0;
         if (symbol.size == 1) {
@@ -116,13 +126,13 @@ JpgStatus refineBand(JpgParam *param, int16_t *block, JpgComponent *comp) {
         } else if (r < 15) {
             uint32_t run = 1u << r;
             if (r > 0)
-                run += jpgReadGetBits(param, static_cast<int32_t>(r));
-            return refineEndOfBand(param, block, k, run);
+                run += bits.receive(static_cast<int32_t>(r));
+            return refineEndOfBand(param, bits, block, k, run);
         }
         for (; k <= se; k++) {
             int16_t &coef = at(block, k);
             if (coef != 0)
-                correct(param, coef, p);
+                correct(bits, coef, p);
             else if (r-- == 0)
                 break;
         }
@@ -162,7 +172,8 @@ JpgStatus jpgReadGetProgressiveDCBaseCoefficient(JpgParam *param, int16_t *block
     if (!validArguments(param, block) || comp == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     memset(block, 0, 64 * sizeof(int16_t));
-    Symbol symbol = decodeSymbol(param, comp->dcTable);
+    Bits bits(param);
+    Symbol symbol = decodeSymbol(bits, comp->dcTable);
     if (!symbol.valid)
         return JPG_STATUS_OK;
     // Unsigned arithmetic: the predictor wraps instead of overflowing.
@@ -176,7 +187,8 @@ JpgStatus jpgReadGetProgressiveDCBaseCoefficient(JpgParam *param, int16_t *block
 JpgStatus jpgReadGetProgressiveDCDiffCoefficient(JpgParam *param, int16_t *block) {
     if (!validArguments(param, block))
         return JPG_STATUS_INVALID_HANDLE;
-    if (jpgReadGetBits(param, 1) != 0)
+    Bits bits(param);
+    if (bits.receive(1) != 0)
         block[0] = static_cast<int16_t>(block[0] | (1 << param->scanAl));
     return JPG_STATUS_OK;
 }
@@ -193,10 +205,11 @@ JpgStatus jpgReadGetProgressiveACBaseCoefficient(JpgParam *param, int16_t *block
     const uint32_t se = param->scanSe;
     if (se > kLastZigzag)
         return JPG_STATUS_BAD_DATA;
+    Bits bits(param);
     for (uint32_t k = param->scanSs; k <= se;) {
-        Symbol symbol = decodeSymbol(param, comp->acTable);
+        Symbol symbol = decodeSymbol(bits, comp->acTable);
         if (!symbol.valid)
-            return param->bs.state == 0 ? JPG_STATUS_BAD_AC_CODE : JPG_STATUS_UNEXPECTED_END;
+            return bits.ended() ? JPG_STATUS_UNEXPECTED_END : JPG_STATUS_BAD_AC_CODE;
         if (symbol.size != 0) {
             k += symbol.run;  // at most 63 + 15
             at(block, k) = static_cast<int16_t>(static_cast<uint32_t>(symbol.value) << param->scanAl);
@@ -207,7 +220,7 @@ JpgStatus jpgReadGetProgressiveACBaseCoefficient(JpgParam *param, int16_t *block
             uint32_t r = symbol.run;
             uint32_t run = (1u << r) - 1;
             if (r > 0)
-                run += jpgReadGetBits(param, static_cast<int32_t>(r));
+                run += bits.receive(static_cast<int32_t>(r));
             param->eobRun = static_cast<int32_t>(run);
             return JPG_STATUS_OK;
         }
@@ -222,9 +235,10 @@ JpgStatus jpgReadGetProgressiveACDiffCoefficient(JpgParam *param, int16_t *block
         return JPG_STATUS_INVALID_HANDLE;
     if (param->scanSe > kLastZigzag)
         return JPG_STATUS_BAD_DATA;
+    Bits bits(param);
     if (param->eobRun > 0)
-        return refineEndOfBand(param, block, param->scanSs, static_cast<uint32_t>(param->eobRun));
-    return refineBand(param, block, comp);
+        return refineEndOfBand(param, bits, block, param->scanSs, static_cast<uint32_t>(param->eobRun));
+    return refineBand(param, bits, block, comp);
 }
 
 }  // extern "C"

@@ -60,28 +60,43 @@ uint32_t blockOffset(const JpgParam *param, int c) {
     return offset;
 }
 
-// Interleaved scan (A.2.3): MCU after MCU, each scan component's H x V
-// blocks in turn; the scan's components follow one another in frame order
-// from the first one. Restart processing after every complete interval
-// except the last, which the scan's end closes instead.
-JpgStatus decodeInterleaved(JpgParam *param, JpgCoefficientFunc routine) {
+// Where each scan component's blocks lie inside an MCU. The scan parser
+// records the frame component of every scan component; without that record
+// the components are taken to follow one another in frame order from the
+// first one.
+bool scanLayout(const JpgParam *param, uint32_t offsets[4], uint32_t blocks[4]) {
     int first = findFrameComponent(param, param->scanCs);
     if (first < 0 || param->scanNs > 4)
+        return false;
+    const uint8_t *frameIndex = param->dec.scanComponents;
+    bool recorded = param->scanNs > 0 && frameIndex[0] == first;
+    for (uint32_t i = 1; i < param->scanNs && recorded; i++)
+        recorded = frameIndex[i] > frameIndex[i - 1] && frameIndex[i] < param->numComponents;
+    uint32_t next = blockOffset(param, first);
+    for (uint32_t i = 0; i < param->scanNs; i++) {
+        offsets[i] = recorded ? blockOffset(param, frameIndex[i]) : next;
+        blocks[i] = recorded ? samplingBlocks(param->components[frameIndex[i]].sampling)
+                             : param->components[i].blocks;
+        next = offsets[i] + blocks[i];
+        if (next > param->blocksPerMcu)
+            return false;
+    }
+    return true;
+}
+
+// Interleaved scan (A.2.3): MCU after MCU, each scan component's H x V
+// blocks in turn. Restart processing after every complete interval except
+// the last, which the scan's end closes instead.
+JpgStatus decodeInterleaved(JpgParam *param, JpgCoefficientFunc routine) {
+    uint32_t offsets[4], blocks[4];
+    if (!scanLayout(param, offsets, blocks))
         return JPG_STATUS_BAD_DATA;
     const uint32_t ns = param->scanNs;
-    const uint32_t offset = blockOffset(param, first);
-    uint32_t blocks[4];
-    uint32_t end = offset;
-    for (uint32_t i = 0; i < ns; i++) {
-        blocks[i] = param->components[i].blocks;
-        end += blocks[i];
-    }
-    if (end > param->blocksPerMcu)
-        return JPG_STATUS_BAD_DATA;
     const uint32_t total = param->totalMcus;
     for (uint32_t mcu = 0; mcu < total; mcu++) {
-        int16_t *block = mcuCoefficients(param, mcu) + offset * kBlock;
+        int16_t *base = mcuCoefficients(param, mcu);
         for (uint32_t i = 0; i < ns; i++) {
+            int16_t *block = base + offsets[i] * kBlock;
             for (uint32_t b = 0; b < blocks[i]; b++, block += kBlock) {
                 JpgStatus status = routine(param, block, &param->components[i]);
                 if (status != JPG_STATUS_OK)

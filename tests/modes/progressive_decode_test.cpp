@@ -88,14 +88,16 @@ const Script kScripts[] = {
      "0 1 2: 0-0, 0, 3;\n0 1 2: 0-0, 3, 2;\n0: 1-63, 0, 4;\n1: 1-63, 0, 3;\n2: 1-63, 0, 2;\n"
      "0 1 2: 0-0, 2, 1;\n0: 1-63, 4, 3;\n0: 1-63, 3, 2;\n0: 1-63, 2, 1;\n1: 1-63, 3, 2;\n"
      "1: 1-63, 2, 1;\n2: 1-63, 2, 1;\n0 1 2: 0-0, 1, 0;\n0: 1-63, 1, 0;\n1: 1-63, 1, 0;\n2: 1-63, 1, 0;\n",
-     "0: 0-0, 0, 2;\n0: 0-0, 2, 1;\n0: 1-5, 0, 3;\n0: 6-63, 0, 5;\n0: 1-5, 3, 1;\n0: 6-63, 5, 3;\n"
-     "0: 6-63, 3, 1;\n0: 0-0, 1, 0;\n0: 1-63, 1, 0;\n"},
+     "0: 0-0, 0, 2;\n0: 0-0, 2, 1;\n0: 1-5, 0, 3;\n0: 6-63, 0, 4;\n0: 1-5, 3, 2;\n0: 6-63, 4, 3;\n"
+     "0: 1-5, 2, 1;\n0: 6-63, 3, 2;\n0: 6-63, 2, 1;\n0: 0-0, 1, 0;\n0: 1-63, 1, 0;\n"},
     {"single",  // every scan, DC included, holds one component
      "0: 0-0, 0, 0;\n1: 0-0, 0, 1;\n2: 0-0, 0, 0;\n1: 0-0, 1, 0;\n0: 1-63, 0, 0;\n1: 1-63, 0, 0;\n"
      "2: 1-63, 0, 0;\n",
      nullptr},
     {"later_pair",  // an interleaved DC scan that starts at the second component
      "0: 0-0, 0, 0;\n1 2: 0-0, 0, 0;\n0: 1-63, 0, 0;\n2: 1-63, 0, 0;\n1: 1-63, 0, 0;\n", nullptr},
+    {"gap",  // an interleaved DC scan of the first and the third component
+     "0 2: 0-0, 0, 0;\n1: 0-0, 0, 0;\n0: 1-63, 0, 0;\n1: 1-63, 0, 0;\n2: 1-63, 0, 0;\n", nullptr},
 };
 
 void expectSamePixels(const Image &baseline, const Image &progressive, int allowedColumn,
@@ -122,7 +124,7 @@ TEST(ProgressiveDecode, TranscodesDecodeToTheBaselinePixels) {
             if (script.colour != nullptr) {
                 if (text == nullptr)
                     continue;
-                options = "-scans '" + writeTemp(std::string(script.name) + ".txt", text) + "'";
+                options = "-scans '" + writeTemp(source.name + "_" + script.name + ".txt", text) + "'";
             }
             std::string what = source.name + " / " + script.name;
             Bytes prog = transcode(source.path, options, source.name + "_" + script.name + ".jpg");
@@ -296,6 +298,103 @@ TEST(ProgressiveDecode, ShortRectangleIsNotOverrun) {
     for (size_t i = 20 * rowBytes; i < image.pixels.size(); i++)
         ASSERT_EQ(image.pixels[i], 0) << i;
     jpgReadEpilog(param);
+}
+
+// Where scan n's entropy-coded data starts (behind its SOS segment).
+size_t scanData(const Bytes &stream, int n) {
+    for (size_t i = 2; i + 3 < stream.size(); i++)
+        if (stream[i] == 0xFF && stream[i + 1] == 0xDA && n-- == 0)
+            return i + 2 + (size_t(stream[i + 2]) << 8 | stream[i + 3]);
+    return 0;
+}
+
+// A byte position at least `offset` bytes into scan n that does not split
+// a stuffed 0xFF 0x00 pair.
+size_t insidesScan(const Bytes &stream, int n, size_t offset) {
+    size_t at = scanData(stream, n) + offset;
+    while (stream[at - 1] == 0xFF)
+        at++;
+    return at;
+}
+
+int scanCount(const Bytes &stream) {
+    int n = 0;
+    while (scanData(stream, n) != 0)
+        n++;
+    return n;
+}
+
+Bytes replaceRestartMarkers(const Bytes &stream, int replacement) {  // -1 removes them
+    Bytes out;
+    for (size_t i = 0; i < stream.size(); i++) {
+        if (stream[i] == 0xFF && i + 1 < stream.size() && (stream[i + 1] & 0xF8) == 0xD0) {
+            if (replacement >= 0)
+                out.insert(out.end(), {0xFF, uint8_t(replacement)});
+            i++;
+            continue;
+        }
+        out.push_back(stream[i]);
+    }
+    return out;
+}
+
+// Truncated streams (opened without the EOI search) and restart markers
+// where none belongs: each decode ends with its status, in normal and in
+// incremental mode, and writes nothing outside the rectangle.
+TEST(ProgressiveDecode, TruncatedAndDisturbedStreams) {
+    const Bytes prog = kivtest::readFile(kivtest::corpus("samples/testprog.jpg"));
+    ASSERT_EQ(scanCount(prog), 10);
+    auto cut = [&](int scan, size_t offset) {
+        return Bytes(prog.begin(), prog.begin() + static_cast<long>(insidesScan(prog, scan, offset)));
+    };
+    auto insert = [&](int scan, size_t offset, uint8_t marker) {
+        Bytes out = prog;
+        out.insert(out.begin() + static_cast<long>(insidesScan(prog, scan, offset)), {0xFF, marker});
+        return out;
+    };
+    std::string script = writeTemp("dc_restart.txt", "0 1 2: 0-0, 0, 0;\n");
+    Bytes dcRestart = transcode(kivtest::corpus("samples/testorig.jpg"), "-scans '" + script + "' -restart 1",
+                                "dc_restart.jpg");
+    Bytes restartEverywhere = transcode(kivtest::corpus("samples/testorig.jpg"), "-progressive -restart 1",
+                                       "restart_everywhere.jpg");
+    struct Case {
+        const char *name;
+        Bytes stream;
+        JpgStatus normal;
+        int passes;  // complete incremental passes before the failure
+        JpgStatus incremental;
+    } cases[] = {
+        {"cut in the first DC scan", cut(0, 100), JPG_STATUS_END_OF_STREAM, 0, JPG_STATUS_END_OF_STREAM},
+        {"cut in an AC first scan", cut(1, 60), JPG_STATUS_UNEXPECTED_END, 1, JPG_STATUS_UNEXPECTED_END},
+        {"cut in the last refinement scan", cut(9, 100), JPG_STATUS_UNEXPECTED_END, 9,
+         JPG_STATUS_UNEXPECTED_END},
+        {"cut before EOI", Bytes(prog.begin(), prog.end() - 1), JPG_STATUS_END_OF_STREAM, 9,
+         JPG_STATUS_END_OF_STREAM},
+        {"RST0 inside a DC scan", insert(0, 100, 0xD0), JPG_STATUS_OK, 10, JPG_STATUS_ERROR},
+        {"RST3 inside a refinement scan", insert(9, 200, 0xD3), JPG_STATUS_ERROR, 9, JPG_STATUS_ERROR},
+        {"restart markers missing", replaceRestartMarkers(dcRestart, -1), JPG_STATUS_ERROR, 0, JPG_STATUS_ERROR},
+        {"restart markers misnumbered", replaceRestartMarkers(dcRestart, 0xD5), JPG_STATUS_OK, 1, JPG_STATUS_ERROR},
+        {"restart markers in one-component scans", restartEverywhere, JPG_STATUS_BAD_AC_CODE, 1,
+         JPG_STATUS_BAD_AC_CODE},
+    };
+    for (Case &c : cases) {
+        JpgParam *param = nullptr;
+        Image image;
+        ASSERT_EQ(open(c.stream, &param, &image, 4), JPG_STATUS_OK) << c.name;
+        ComplibRect rect = rectFor(image);
+        EXPECT_EQ(jpgReadProgressiveToRect(param, &rect, uint32_t(image.height), 0), c.normal) << c.name;
+        jpgReadEpilog(param);
+        ASSERT_EQ(open(c.stream, &param, &image, 4), JPG_STATUS_OK) << c.name;
+        int passes = 0;
+        JpgStatus status;
+        while ((status = jpgReadProgressiveToRect(param, &rect, uint32_t(image.height),
+                                                  JPG_PROGRESSIVE_INCREMENTAL)) == JPG_STATUS_OK && passes < 50)
+            passes++;
+        EXPECT_EQ(passes, c.passes) << c.name;
+        EXPECT_EQ(status, c.incremental) << c.name;
+        EXPECT_TRUE(guardIntact(image)) << c.name;
+        jpgReadEpilog(param);
+    }
 }
 
 }  // namespace

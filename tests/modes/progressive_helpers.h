@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "core/handle.h"
-#include "support/test_support.h"
+#include "test_support.h"
 
 namespace progtest {
 
