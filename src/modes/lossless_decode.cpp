@@ -10,6 +10,7 @@
 #include "core/codec.h"
 #include "core/tables.h"
 #include "modes/lossless_predictors.h"
+#include "read/bit_reader.h"
 
 namespace kiv {
 namespace {
@@ -20,30 +21,6 @@ constexpr uint32_t kEoi = 0xFFD9;
 constexpr uint32_t kRst0 = 0xFFD0;
 constexpr uint32_t kRst7 = 0xFFD7;
 constexpr uint32_t kStuffedZero = 0xFF00;
-
-// The next 16 bits of entropy-coded data, loading through the bit reader only
-// when the accumulator holds fewer.
-inline uint32_t peek16(JpgParam *param) {
-    const ComplibBitstream &bs = param->bs;
-    return bs.bitCount >= 16 ? bs.accumulator >> 16 : jpgReadShowBits(param, 16);
-}
-
-// Drops n (at most 16) bits that peek16 has shown.
-inline void skipBits(JpgParam *param, uint32_t n) {
-    param->bs.accumulator <<= n;
-    param->bs.bitCount -= static_cast<int32_t>(n);
-}
-
-// Takes the next n bits (1 to 15).
-inline uint32_t takeBits(JpgParam *param, int n) {
-    ComplibBitstream &bs = param->bs;
-    if (bs.bitCount < n)
-        return jpgReadGetBits(param, n);
-    uint32_t v = bs.accumulator >> (32 - n);
-    bs.accumulator <<= n;
-    bs.bitCount -= n;
-    return v;
-}
 
 // The lookup entry for the 16-bit window: the first level when the window's
 // code is short enough for it, the second otherwise; kNoCode when neither
@@ -61,18 +38,19 @@ inline uint32_t lookupEntry(const JpgHuffmanTable &table, uint32_t window) {
 // One difference (H.1.2.2): category SSSS by Huffman code, then SSSS extra
 // bits extended to a signed value (F.2.2.1). A first-level entry may carry the
 // extended value itself. SSSS = 16 is the difference 32768 with no extra bits.
-inline JpgStatus decodeDifference(JpgParam *param, const JpgHuffmanTable &table, int32_t *diff) {
-    uint32_t entry = lookupEntry(table, peek16(param));
+inline JpgStatus decodeDifference(BitState &bits, const JpgHuffmanTable &table, int32_t *diff) {
+    bits.need(16);
+    uint32_t entry = lookupEntry(table, bits.peek(16));
     uint32_t length = entry & 0xFF;
     if (entry == kNoCode || length == 0 || length > 16)
         return JPG_STATUS_FAILED;
-    skipBits(param, length);
+    bits.skip(static_cast<int32_t>(length));
     int32_t value = static_cast<int32_t>(entry) >> 16;
     if (value == 0) {
         uint32_t category = (entry >> 8) & 0xFF;
         int size = static_cast<int>(category & 0xF);
         if (size != 0)
-            value = extend(static_cast<int32_t>(takeBits(param, size)), size);
+            value = extend(static_cast<int32_t>(bits.receive(size)), size);
         else if (category != 0)
             value = 32768;
     }
@@ -80,13 +58,23 @@ inline JpgStatus decodeDifference(JpgParam *param, const JpgHuffmanTable &table,
     return JPG_STATUS_OK;
 }
 
-// Per-row context: the difference table of every component.
+// Per-row context: the difference table of every component and the mask
+// of the P - Pt bits a sample keeps.
 struct RowContext {
     JpgParam *param;
     const JpgHuffmanTable *tables[4];
     uint32_t components;
     uint32_t width;
+    int32_t mask;
 };
+
+// A reconstructed sample: prediction plus difference, kept to P - Pt bits.
+// Valid streams never leave that range; keeping to it also decodes streams
+// whose encoders take differences modulo 2^P, as some do.
+template <typename Sample>
+inline Sample reconstruct(const RowContext &ctx, int32_t prediction, int32_t diff) {
+    return static_cast<Sample>((prediction + diff) & ctx.mask);
+}
 
 // Row routines for one sample width; Loop<P>::run codes columns 1 to
 // width - 1 of a row with predictor P from the row above (prev).
@@ -95,13 +83,19 @@ struct Rows {
     template <int Predictor>
     struct Loop {
         static JpgStatus run(const RowContext &ctx, Sample *row, const Sample *prev) {
+            BitState bits(ctx.param);
+            JpgStatus status = columns(ctx, bits, row, prev);
+            bits.store();
+            return status;
+        }
+        static JpgStatus columns(const RowContext &ctx, BitState &bits, Sample *row, const Sample *prev) {
             const uint32_t nc = ctx.components;
             Sample *out = row + nc;
             const Sample *above = prev + nc;
             for (uint32_t x = 1; x < ctx.width; x++) {
                 for (uint32_t c = 0; c < nc; c++, out++, above++) {
                     int32_t diff;
-                    JpgStatus status = decodeDifference(ctx.param, *ctx.tables[c], &diff);
+                    JpgStatus status = decodeDifference(bits, *ctx.tables[c], &diff);
                     if (status != JPG_STATUS_OK)
                         return status;
                     int32_t ra = out[-static_cast<int32_t>(nc)];
@@ -110,7 +104,7 @@ struct Rows {
                         rb = above[0];
                         rc = above[-static_cast<int32_t>(nc)];
                     }
-                    *out = static_cast<Sample>(predict<Predictor>(ra, rb, rc) + diff);
+                    *out = reconstruct<Sample>(ctx, predict<Predictor>(ra, rb, rc), diff);
                 }
             }
             return JPG_STATUS_OK;
@@ -120,14 +114,16 @@ struct Rows {
 
     // First column: each component's sample from base[c] + difference.
     static JpgStatus firstColumn(const RowContext &ctx, Sample *row, const int32_t *base) {
-        for (uint32_t c = 0; c < ctx.components; c++) {
+        BitState bits(ctx.param);
+        JpgStatus status = JPG_STATUS_OK;
+        for (uint32_t c = 0; c < ctx.components && status == JPG_STATUS_OK; c++) {
             int32_t diff;
-            JpgStatus status = decodeDifference(ctx.param, *ctx.tables[c], &diff);
-            if (status != JPG_STATUS_OK)
-                return status;
-            row[c] = static_cast<Sample>(base[c] + diff);
+            status = decodeDifference(bits, *ctx.tables[c], &diff);
+            if (status == JPG_STATUS_OK)
+                row[c] = reconstruct<Sample>(ctx, base[c], diff);
         }
-        return JPG_STATUS_OK;
+        bits.store();
+        return status;
     }
 
     // First row of the image or of a restart interval (H.1.2.1): the first
@@ -158,33 +154,32 @@ struct Rows {
 };
 
 // After each row: count its samples towards the restart interval; at the
-// end of an interval the next row starts afresh, and the markers standing
-// there (RSTn, EOI, or a stray stuffed zero) are consumed. The count is
+// end of an interval the next row starts afresh and the marker standing there
+// is consumed: RSTn, EOI (recorded), or a stray stuffed zero. The count is
 // compared for equality, so an interval that is not whole rows never fires
-// (the standard requires lossless intervals to be whole rows).
+// (the standard requires lossless intervals to be whole rows). Only one
+// marker is taken: looking past RSTn would load the next interval's first
+// bytes raw, and a stuffed 0xFF 0x00 among them would then be read as data.
 void finishRow(JpgParam *param) {
     param->mcuAddress += param->width;
     if (param->restartInterval == 0 || param->mcuAddress != param->restartInterval)
         return;
     param->mode |= kModeFirstRow;
-    for (;;) {
-        uint32_t marker = jpgReadShowMarkerCode(param);
-        if (marker >= kRst0 && marker <= kRst7) {
-            jpgReadFlushMarkerCode(param);
-            param->mcuAddress = 0;
-            continue;
-        }
-        if (marker == kEoi)
-            param->currentMarker = kEoi;
-        else if (marker == kStuffedZero)
-            jpgReadDeleteByteStuffingCode(param);
-        return;
+    uint32_t marker = jpgReadShowMarkerCode(param);
+    if (marker >= kRst0 && marker <= kRst7) {
+        jpgReadFlushMarkerCode(param);
+        param->mcuAddress = 0;
+    } else if (marker == kEoi) {
+        param->currentMarker = kEoi;
+    } else if (marker == kStuffedZero) {
+        jpgReadDeleteByteStuffingCode(param);
     }
 }
 
 template <typename Sample>
 JpgStatus decodeRows(JpgParam *param, const ComplibRect *rect, uint32_t rows) {
-    RowContext ctx{param, {}, param->numComponents, param->width};
+    RowContext ctx{param, {}, param->numComponents, param->width,
+                   static_cast<int32_t>((1u << (param->precision - param->scanAl)) - 1)};
     for (uint32_t c = 0; c < ctx.components; c++)
         ctx.tables[c] = param->components[c].dcTable;
     uint8_t *out = rect->pixels;
@@ -300,7 +295,10 @@ JpgStatus jpgReadGetSpatialDifference(JpgParam *param, JpgComponent *comp, int32
     const JpgHuffmanTable *table = comp->dcTable;
     if (table == nullptr || table->level[0].entries == nullptr)
         return JPG_STATUS_FAILED;
-    return decodeDifference(param, *table, difference);
+    BitState bits(param);
+    JpgStatus status = decodeDifference(bits, *table, difference);
+    bits.store();
+    return status;
 }
 
 // The index names one of the four component records; others are refused

@@ -87,22 +87,38 @@ inline JpgStatus putBits(ComplibBitstream *bs, uint32_t bits, int32_t n) {
     return jpgWritePutBits(bs, bits, n);
 }
 
+// Code and length of each category 0..16 (length 0 when the table has none).
+struct CategoryCodes {
+    uint32_t code[17];
+    uint32_t length[17];
+};
+
+// The categories' codes regenerated from the BITS of a table whose values
+// list the categories in order, as the default tables do.
+CategoryCodes categoryCodes(const uint8_t *bits) {
+    CategoryCodes t{};
+    for (uint32_t n = 0; n <= 16; n++)
+        if (!codeAt(bits, n, &t.code[n], &t.length[n]))
+            t.length[n] = 0;
+    return t;
+}
+
 struct EncodeContext {
     JpgParam *param;
     ComplibBitstream *bs;
     const JpgDcDiff *diffs[4];  // per component, centred on difference 0
-    const uint8_t *bits;        // BITS of the difference table, for the slow path
+    CategoryCodes large;        // for differences beyond the lookups
     uint32_t components;
     uint32_t width;
 };
 
 // Differences beyond the lookup (16-bit samples with large jumps only): the
-// code of the category, which the default tables list in order, then the
-// extra bits; category 16 (the difference 32768) has none.
+// code of the category, then the extra bits; category 16 (the difference
+// 32768) has none.
 [[gnu::noinline]] JpgStatus putLargeDifference(const EncodeContext &ctx, int32_t diff) {
     int n = category(diff);
-    uint32_t code, length;
-    if (!codeAt(ctx.bits, static_cast<uint32_t>(n), &code, &length))
+    uint32_t code = ctx.large.code[n], length = ctx.large.length[n];
+    if (length == 0)
         return JPG_STATUS_FAILED;
     if (n == 16)
         return putBits(ctx.bs, code, static_cast<int32_t>(length));
@@ -352,7 +368,8 @@ JpgStatus finishRow(JpgParam *param) {
 
 template <typename Sample>
 JpgStatus encodeRows(JpgParam *param, const ComplibRect *rect, uint32_t rows) {
-    EncodeContext ctx{param, &param->bs, {}, param->enc.huffSpec[0], param->numComponents, param->width};
+    EncodeContext ctx{param,      &param->bs, {}, categoryCodes(param->enc.huffSpec[0]),
+                      param->numComponents, param->width};
     for (uint32_t c = 0; c < ctx.components; c++)
         ctx.diffs[c] = param->components[c].dcDiff;
     const uint8_t *in = rect->pixels;
