@@ -160,7 +160,9 @@ Status decodeJpeg(Decoder &decoder, Scale scale, Image *out, std::string *note, 
 }
 
 Image boxReduce(const Image &image, uint32_t factor) {
-    uint32_t w = (image.width + factor - 1) / factor, h = (image.height + factor - 1) / factor;
+    // Sizes round down (at least 1), as the library's scaled output does.
+    uint32_t w = image.width / factor > 0 ? image.width / factor : 1;
+    uint32_t h = image.height / factor > 0 ? image.height / factor : 1;
     Image out(w, h, image.channels, image.bytesPerSample, image.order);
     out.precision = image.precision;
     for (uint32_t y = 0; y < h; y++)

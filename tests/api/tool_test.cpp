@@ -316,6 +316,22 @@ TEST(ToolDecode, BaselineAgreesWithDjpeg) {
     }
 }
 
+TEST(ToolDecode, PhotographsAgreeWithDjpeg) {
+    std::vector<std::string> photos = kivtest::photographs();
+    if (photos.empty() || !kivtest::haveTool("djpeg"))
+        GTEST_SKIP() << "no photographs or no djpeg";
+    std::sort(photos.begin(), photos.end(),
+              [](auto &a, auto &b) { return fs::file_size(a) < fs::file_size(b); });
+    photos.resize(std::min<size_t>(photos.size(), 2));  // the two smallest keep this quick
+    for (auto &photo : photos) {
+        SCOPED_TRACE(photo);
+        std::string ours = tempPath("photo.ppm"), theirs = tempPath("photo-djpeg.ppm"), out;
+        ASSERT_EQ(kiv("decode '" + photo + "' " + ours, &out), 0) << out;
+        ASSERT_EQ(kivtest::run("djpeg -ppm -outfile " + theirs + " '" + photo + "'"), 0);
+        EXPECT_GT(psnr(ours, theirs), 40.0);
+    }
+}
+
 TEST(ToolDecode, EveryOutputFormatHoldsTheSamePixels) {
     std::string in = corpus("samples/testorig.jpg"), ppm = tempPath("fmt.ppm"), out;
     ASSERT_EQ(kiv("decode " + in + " " + ppm, &out), 0) << out;
@@ -360,6 +376,12 @@ TEST(ToolDecode, ScaleReducesTheImage) {
         }
     }
     EXPECT_EQ(kiv("decode " + in + " " + full + " --scale 1/3", &out), 1);
+    // Progressive frames are decoded whole and averaged down by the tool.
+    std::string prog = tempPath("scale-prog.ppm");
+    ASSERT_EQ(kiv("decode " + corpus("samples/testprog.jpg") + " " + prog + " --scale 1/4", &out), 0);
+    EXPECT_NE(out.find("reduced by averaging"), std::string::npos) << out;
+    EXPECT_EQ(readPnm(prog).width, 227u / 4);
+    EXPECT_GT(psnr(prog, tempPath("scale-4.ppm")), 25.0);  // averaging vs reduced DCT
 }
 
 TEST(ToolDecode, NoColorConversionKeepsTheCodedComponents) {
