@@ -158,18 +158,18 @@ bool readPnm(const std::vector<uint8_t> &bytes, Image *image, std::string *error
     return true;
 }
 
-void writePnm(const Image &image, std::vector<uint8_t> *out) {
+void writePnm(const Image &image, bool pam, std::vector<uint8_t> *out) {
     uint32_t maxval = (1u << image.precision) - 1;
+    static const char *const kTupleType[5] = {"", "GRAYSCALE", "GRAYSCALE_ALPHA", "RGB", "CMYK"};
     std::string header;
-    if (image.channels == 1 || image.channels == 3) {
+    if (!pam && (image.channels == 1 || image.channels == 3)) {
         header = std::string(image.channels == 1 ? "P5\n" : "P6\n") + std::to_string(image.width) +
                  " " + std::to_string(image.height) + "\n" + std::to_string(maxval) + "\n";
     } else {
         header = "P7\nWIDTH " + std::to_string(image.width) + "\nHEIGHT " +
                  std::to_string(image.height) + "\nDEPTH " + std::to_string(image.channels) +
-                 "\nMAXVAL " + std::to_string(maxval) +
-                 (image.channels == 4 ? "\nTUPLTYPE CMYK" : "\nTUPLTYPE GRAYSCALE_ALPHA") +
-                 "\nENDHDR\n";
+                 "\nMAXVAL " + std::to_string(maxval) + "\nTUPLTYPE " +
+                 kTupleType[image.channels] + "\nENDHDR\n";
     }
     out->assign(header.begin(), header.end());
     size_t count = size_t(image.width) * image.height * image.channels;
@@ -454,8 +454,10 @@ Format formatFromName(const std::string &path) {
         ch = char(tolower(ch));
     if (ext == "png")
         return Format::Png;
-    if (ext == "ppm" || ext == "pgm" || ext == "pam" || ext == "pnm")
+    if (ext == "ppm" || ext == "pgm" || ext == "pnm")
         return Format::Pnm;
+    if (ext == "pam")
+        return Format::Pam;
     if (ext == "bmp")
         return Format::Bmp;
     if (ext == "jpg" || ext == "jpeg" || ext == "jpe")
@@ -493,7 +495,8 @@ bool readImage(const std::vector<uint8_t> &bytes, Image *image, std::string *err
 bool writeImage(const Image &image, Format format, std::vector<uint8_t> *bytes,
                 std::string *error) {
     switch (format) {
-    case Format::Pnm: writePnm(image, bytes); return true;
+    case Format::Pnm: writePnm(image, false, bytes); return true;
+    case Format::Pam: writePnm(image, true, bytes); return true;
     case Format::Bmp: return writeBmp(image, bytes, error);
     case Format::Png:
 #if KIV_HAVE_PNG

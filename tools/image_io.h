@@ -12,7 +12,8 @@
 
 namespace kivtool {
 
-enum class Format { Unknown, Png, Pnm, Bmp, Jpeg };
+// Pnm picks PGM, PPM or PAM from the channel count; Pam always writes PAM.
+enum class Format { Unknown, Png, Pnm, Pam, Bmp, Jpeg };
 
 // The format a file name asks for, by its extension.
 Format formatFromName(const std::string &path);

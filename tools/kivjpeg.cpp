@@ -27,7 +27,7 @@ const char kUsage[] =
     "                                     list segments, or save one segment's payload\n"
     "  decode IN.jpg OUT [options]        OUT: .png .ppm .pgm .pam .bmp or - (stdout)\n"
     "      --scale 1/2|1/4|1/8  --no-color-conversion  --passes DIR\n"
-    "      --format png|pnm|bmp (for stdout)\n"
+    "      --format png|pnm|pam|bmp (for stdout)\n"
     "  encode IN OUT.jpg [options]        IN: PNG, PPM, PGM, PAM or BMP, or - (stdin)\n"
     "      --quality 1..100  --sampling 444|422|420|440|411|gray  --hq  --restart N\n"
     "      --lossless [--predictor 1..7]  --comment TEXT  --no-jfif\n"
@@ -65,7 +65,10 @@ bool saveImage(const std::string &path, const Image &image, Format format, std::
 // Writes one image per progressive scan into dir: pass-01.png, ...
 int decodePasses(Decoder &decoder, const std::string &dir, Format format, Image *final) {
     mkdir(dir.c_str(), 0755);
-    const char *ext = format == Format::Png ? "png" : format == Format::Bmp ? "bmp" : "pnm";
+    const char *ext = format == Format::Png   ? "png"
+                      : format == Format::Bmp ? "bmp"
+                      : format == Format::Pam ? "pam"
+                                              : "pnm";
     Image pass;
     bool done = false;
     int n = 0;

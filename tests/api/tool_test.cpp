@@ -316,6 +316,32 @@ TEST(ToolDecode, BaselineAgreesWithDjpeg) {
     }
 }
 
+TEST(ToolDecode, EveryCorpusStreamDecodesOrNamesItsStatus) {
+    for (const std::string &file : corpusJpegs()) {
+        SCOPED_TRACE(file);
+        std::string pam = tempPath("corpus.pam"), out;
+        fs::remove(pam);
+        int rc = kiv("decode '" + file + "' " + pam, &out);
+        if (rc == 0) {
+            Frame f = frameOf(walkJpeg(readFile(file)));
+            std::string head = "P7\nWIDTH " + std::to_string(f.width) + "\nHEIGHT " +
+                               std::to_string(f.height) + "\nDEPTH " + std::to_string(f.components);
+            std::vector<uint8_t> bytes = readFile(pam);
+            EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + long(head.size())), head);
+        } else {
+            EXPECT_EQ(rc, 1) << out;
+            EXPECT_NE(out.find("JPG_STATUS_"), std::string::npos) << out;
+            EXPECT_FALSE(fs::exists(pam));
+        }
+    }
+    // The ones the library is known to refuse say why.
+    std::string out;
+    EXPECT_EQ(kiv("decode " + corpus("samples/testimgari.jpg") + " " + tempPath("x.pam"), &out), 1);
+    EXPECT_NE(out.find("JPG_STATUS_NOT_SUPPORTED"), std::string::npos) << out;
+    EXPECT_EQ(kiv("decode " + corpus("conformance/B2.jpg") + " " + tempPath("x.pam"), &out), 1);
+    EXPECT_NE(out.find("JPG_STATUS_BAD_DATA"), std::string::npos) << out;
+}
+
 TEST(ToolDecode, PhotographsAgreeWithDjpeg) {
     std::vector<std::string> photos = kivtest::photographs();
     if (photos.empty() || !kivtest::haveTool("djpeg"))
