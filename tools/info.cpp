@@ -16,12 +16,36 @@ namespace {
 
 const char *kSofName[4] = {"SOF0", "SOF1", "SOF2", "SOF3"};
 
+// One scan header: component identifiers, spectral selection (or the
+// lossless predictor in Ss) and successive approximation.
+struct Scan {
+    std::vector<uint8_t> components;
+    uint32_t ss = 0, se = 0, ah = 0, al = 0;
+};
+
 // Segments with the RSTn markers of the entropy-coded data counted, not listed.
 struct SegmentList {
     std::vector<Segment> segments;
+    std::vector<Scan> scans;
     uint32_t restarts = 0;
     Status end;
 };
+
+bool readScan(Decoder &decoder, uint32_t length, Scan *scan) {
+    std::vector<uint8_t> p;
+    if (length < 6 || length > 12 || !decoder.segmentData(&p, length).ok())
+        return false;
+    uint32_t n = p[0];
+    if (length != 4 + 2 * n)
+        return false;
+    for (uint32_t i = 0; i < n; i++)
+        scan->components.push_back(p[1 + 2 * i]);
+    scan->ss = p[1 + 2 * n];
+    scan->se = p[2 + 2 * n];
+    scan->ah = p[3 + 2 * n] >> 4;
+    scan->al = p[3 + 2 * n] & 15;
+    return true;
+}
 
 SegmentList walk(Decoder &decoder) {
     SegmentList list;
@@ -37,6 +61,9 @@ SegmentList walk(Decoder &decoder) {
             continue;
         }
         list.segments.push_back(seg);
+        Scan scan;
+        if (seg.marker == 0xFFDA && readScan(decoder, seg.length, &scan))
+            list.scans.push_back(scan);
         if (seg.marker == 0xFFD9)
             break;
     }
@@ -102,6 +129,16 @@ void printText(const std::string &name, size_t size, Decoder &d, const SegmentLi
             printf("\n");
         }
     }
+    for (size_t i = 0; i < list.scans.size(); i++) {
+        const Scan &sc = list.scans[i];
+        printf("scan %zu: components", i + 1);
+        for (uint8_t id : sc.components)
+            printf(" %u", id);
+        if (h.process == Process::Lossless)
+            printf(", predictor %u, point transform %u\n", sc.ss, sc.al);
+        else
+            printf(", coefficients %u..%u, bits Ah %u Al %u\n", sc.ss, sc.se, sc.ah, sc.al);
+    }
     printf("segments:\n");
     for (auto &s : list.segments) {
         if (s.marker == 0xFFD8 || s.marker == 0xFFD9)
@@ -153,6 +190,14 @@ void printJson(const std::string &name, size_t size, Decoder &d, const SegmentLi
             printf("]");
         }
         printf("}");
+    }
+    printf("\n  ],\n  \"scans\": [");
+    for (size_t i = 0; i < list.scans.size(); i++) {
+        const Scan &sc = list.scans[i];
+        printf("%s\n    {\"components\": [", i ? "," : "");
+        for (size_t c = 0; c < sc.components.size(); c++)
+            printf("%s%u", c ? ", " : "", sc.components[c]);
+        printf("], \"ss\": %u, \"se\": %u, \"ah\": %u, \"al\": %u}", sc.ss, sc.se, sc.ah, sc.al);
     }
     printf("\n  ],\n  \"segments\": [");
     for (size_t i = 0; i < list.segments.size(); i++) {

@@ -217,6 +217,20 @@ TEST(ToolInfo, MatchesAnIndependentMarkerWalkOnEveryCorpusStream) {
             EXPECT_EQ(info[k + ".length"], std::to_string(segs[i].length));
         }
         EXPECT_EQ(info["restart_markers"], std::to_string(restarts));
+        // Every scan header, as the walk reads it.
+        size_t n = 0;
+        for (auto &seg : segs) {
+            if (seg.marker != 0xFFDA)
+                continue;
+            std::string k = "scans." + std::to_string(n++);
+            uint32_t ns = seg.payload[0];
+            EXPECT_EQ(info[k + ".components.count"], std::to_string(ns));
+            EXPECT_EQ(info[k + ".components.0"], std::to_string(seg.payload[1]));
+            EXPECT_EQ(info[k + ".ss"], std::to_string(seg.payload[1 + 2 * ns]));
+            EXPECT_EQ(info[k + ".se"], std::to_string(seg.payload[2 + 2 * ns]));
+            EXPECT_EQ(info[k + ".al"], std::to_string(seg.payload[3 + 2 * ns] & 15));
+        }
+        EXPECT_EQ(info["scans.count"], std::to_string(n));
     }
 }
 
@@ -618,6 +632,7 @@ TEST(ToolEncode, LosslessIsExactForEveryPredictor) {
         const Seg *sos = find(e, 0xFFDA);
         ASSERT_NE(sos, nullptr);
         EXPECT_EQ(sos->payload[1 + 2 * sos->payload[0]], p);  // Ss carries the predictor
+        EXPECT_EQ(e.info["scans.0.ss"], std::to_string(p));
         EXPECT_EQ(psnr(in, e.path), INFINITY);
         sizes.push_back(readFile(e.path).size());
     }
