@@ -196,7 +196,7 @@ JpgStatus jpgReadScaleOutputGetImageSize(JpgParam *param, uint32_t *width, uint3
 // Any change of level restarts decoding at the first scan, except the very
 // first choice on a stream that has not been decoded yet.
 JpgStatus jpgReadScaleOutputSetLevel(JpgParam *param, uint32_t level) {
-    // The handle is checked, unlike the level-free setters, only to fail safely.
+    // Checked so that a null or released handle fails instead of being written.
     if (jpgCheckParam(param) == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (level > 2)
@@ -243,6 +243,8 @@ JpgStatus jpgReadScaleOutputToRect(JpgParam *param, ComplibRect *rect, uint32_t 
     if (left < 1)
         return JPG_STATUS_UNEXPECTED_END;
     int64_t remaining = lines < left ? lines : left;
+    // A rectangle narrower than the image still consumes whole MCU rows, so
+    // that the next row starts at its first MCU.
     int64_t rowPixels = static_cast<int64_t>(mcus) * w;
     if (rect->width < rowPixels)
         rowPixels = rect->width < 0 ? 0 : rect->width;
@@ -250,7 +252,7 @@ JpgStatus jpgReadScaleOutputToRect(JpgParam *param, ComplibRect *rect, uint32_t 
     ComplibRect sub = *rect;
     while (remaining > 0 && status == JPG_STATUS_OK) {
         sub.height = static_cast<int32_t>(remaining < h ? remaining : h);
-        status = kiv::scaledMcuRun(param, &sub, (rowPixels + w - 1) / w, rowPixels, w);
+        status = kiv::scaledMcuRun(param, &sub, mcus, rowPixels, w);
         if (status == JPG_STATUS_OK && skipLast)
             kiv::skipMcu(param);
         param->processedLines += static_cast<uint32_t>(sub.height);
