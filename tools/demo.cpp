@@ -245,25 +245,8 @@ void runProgressive(Report &r, const Image &rgb) {
            psnr.c_str(), same.c_str(), n);
 }
 
-}  // namespace
-
-int cmdDemo(int argc, char **argv) {
-    Args args(argc, argv, {"size"});
-    if (args.positional().size() > 1 || !args.unknown({"size"}).empty())
-        return fail("demo", "usage: kivjpeg demo [DIR] [--size WxH]");
-    unsigned w = 1024, h = 768;
-    if (args.has("size") && (sscanf(args.get("size").c_str(), "%ux%u", &w, &h) != 2 || w < 1 ||
-                             h < 1 || w > 8192 || h > 8192))
-        return fail("demo", "--size takes WIDTHxHEIGHT, each 1 to 8192");
-    Report r;
-    r.dir = args.positional().empty() ? "kivjpeg-demo" : args.positional()[0];
-    r.format = havePng() ? Format::Png : Format::Pnm;
-    r.ext = havePng() ? "png" : "pnm";
-    mkdir(r.dir.c_str(), 0755);
-    Image rgb = drawScene(w, h), deep = deepGray(rgb);
-    saveTo(r, "original." + r.ext, rgb);
-    saveTo(r, "original-gray12." + r.ext, deep);
-
+// Every quality, sampling and lossless case the demo shows.
+std::vector<Run> demoRuns() {
     std::vector<Run> runs;
     for (uint32_t q : {50u, 75u, 90u, 100u})
         for (auto s : {std::make_pair("444", Sampling::S444), std::make_pair("420", Sampling::S420)}) {
@@ -306,6 +289,29 @@ int cmdDemo(int argc, char **argv) {
     deepRun.gray12 = true;
     runs.push_back(deepRun);
 
+    return runs;
+}
+
+}  // namespace
+
+int cmdDemo(int argc, char **argv) {
+    Args args(argc, argv, {"size"});
+    if (args.positional().size() > 1 || !args.unknown({"size"}).empty())
+        return fail("demo", "usage: kivjpeg demo [DIR] [--size WxH]");
+    unsigned w = 1024, h = 768;
+    if (args.has("size") && (sscanf(args.get("size").c_str(), "%ux%u", &w, &h) != 2 || w < 1 ||
+                             h < 1 || w > 8192 || h > 8192))
+        return fail("demo", "--size takes WIDTHxHEIGHT, each 1 to 8192");
+    Report r;
+    r.dir = args.positional().empty() ? "kivjpeg-demo" : args.positional()[0];
+    r.format = havePng() ? Format::Png : Format::Pnm;
+    r.ext = havePng() ? "png" : "pnm";
+    mkdir(r.dir.c_str(), 0755);
+    Image rgb = drawScene(w, h), deep = deepGray(rgb);
+    saveTo(r, "original." + r.ext, rgb);
+    saveTo(r, "original-gray12." + r.ext, deep);
+
+    std::vector<Run> runs = demoRuns();
     printf("KivJPEG demo: synthetic %ux%u photograph, files in %s/\n", w, h, r.dir.c_str());
     printf("PSNR against the original (scaled: against the original averaged down); "
            "speed in megapixels per second\n\n");
