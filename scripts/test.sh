@@ -17,6 +17,8 @@ command -v djpeg >/dev/null || need+=(libjpeg-turbo-progs)
 command -v readelf >/dev/null || need+=(binutils)
 [ -d /usr/share/backgrounds/mate ] || need+=(mate-backgrounds)
 [ -d /usr/share/backgrounds/ukui ] || need+=(ukui-wallpapers)
+[ -f /usr/include/png.h ] || need+=(libpng-dev)
+command -v pkg-config >/dev/null || need+=(pkg-config)
 command -v ffmpeg >/dev/null || need+=(ffmpeg)
 command -v npm >/dev/null || need+=(nodejs npm)
 if [ ${#need[@]} -gt 0 ]; then
