@@ -72,6 +72,13 @@ for line in run("nm", "--defined-only", lib).splitlines():
         writable.append(parts[2])
 check(not writable, f"writable data: {writable}")
 
+# Built without exceptions and RTTI: no type information, no unwinding tables
+# for C++ exceptions, no personality routine.
+symbols = run("nm", "-a", lib)
+check(not re.search(r"\b_ZT[IS]", symbols), "type information (RTTI) is present")
+check("__gxx_personality" not in symbols, "the C++ exception personality is referenced")
+check(".gcc_except_table" not in run("readelf", "-S", lib), "C++ exception tables are present")
+
 # Handle layout: every '+offset' comment of the 32-bit layout is checked
 # against offsetof, compiled by the same compiler for the 32-bit target.
 if pointer_size == 4:
