@@ -236,7 +236,7 @@ inline EncodeOutcome EncodeWithPlan(const EncodePlan &plan, const uint8_t *data,
     } else {
         uint32_t w = 0, h = 0;
         out.decode = DecodeSequential(out.stream, plan.channels, &out.decoded, &w, &h);
-        out.roundTripChecked = true;
+        out.roundTripChecked = out.decode == JPG_STATUS_OK;
         out.roundTripExact = w == plan.width && h == plan.height;
     }
     return out;
