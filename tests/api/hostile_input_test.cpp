@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "hostile_decode.h"
+#include "hostile_encode.h"
 #include "jpeg_builder.h"
 #include "test_support.h"
 
@@ -396,6 +397,57 @@ TEST(HostileInputStatus, DecompressionBombsEndQuickly) {
         EXPECT_TRUE(out.prolog != JPG_STATUS_OK || out.last != JPG_STATUS_OK || out.height == 0)
             << bomb.what << ": a few hundred bytes cannot hold a whole 65535-line image";
         EXPECT_LT(out.calls, 64) << bomb.what << ": decoding went on past the end of the data";
+    }
+}
+
+
+// Inputs that fuzzing once found to crash, hang, leak or misdecode, under
+// tests/regressions/{decode,encode}/, each in its fuzz target's format (plan
+// bytes, then the stream or the pixels). They replay here on every build.
+std::vector<std::filesystem::path> Regressions(const char *target) {
+    std::vector<std::filesystem::path> files;
+    std::error_code ec;
+    for (auto &e : std::filesystem::directory_iterator(
+             std::string(KIV_SOURCE_DIR) + "/tests/regressions/" + target, ec))
+        if (e.is_regular_file())
+            files.push_back(e.path());
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+TEST(Regressions, DecodeFindingsEndWithAStatus) {
+    for (const auto &file : Regressions("decode")) {
+        Bytes input = kivtest::readFile(file.string());
+        kivtest::DecodePlan plan;
+        size_t used = kivtest::ReadPlan(input.data(), input.size(), &plan);
+        plan.pixelCap = uint64_t(1) << 20 | (uint64_t(1) << 19);
+        plan.maxCalls = 2048;
+        plan.tempDir = std::filesystem::path(kivtest::tempPath("r")).parent_path().string();
+        auto start = std::chrono::steady_clock::now();
+        kivtest::DecodeOutcome out =
+            kivtest::DecodeWithPlan(input.data() + used, input.size() - used, plan);
+        double seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        EXPECT_TRUE(IsLibraryStatus(out.prolog)) << file.filename();
+        EXPECT_TRUE(IsLibraryStatus(out.last)) << file.filename();
+        EXPECT_LT(seconds, 5.0) << file.filename();
+    }
+}
+
+TEST(Regressions, EncodeFindingsRoundTrip) {
+    for (const auto &file : Regressions("encode")) {
+        Bytes input = kivtest::readFile(file.string());
+        kivtest::EncodePlan plan;
+        size_t used = kivtest::ReadEncodePlan(input.data(), input.size(), &plan);
+        plan.tempDir = std::filesystem::path(kivtest::tempPath("r")).parent_path().string();
+        kivtest::EncodeOutcome out =
+            kivtest::EncodeWithPlan(plan, input.data() + used, input.size() - used);
+        EXPECT_TRUE(IsLibraryStatus(out.status)) << file.filename();
+        if (out.status != JPG_STATUS_OK || out.stream.empty())
+            continue;
+        EXPECT_TRUE(out.decode == JPG_STATUS_OK || out.decode == JPG_STATUS_NOT_SUPPORTED)
+            << file.filename() << std::hex << " decode 0x" << out.decode;
+        EXPECT_TRUE(!out.roundTripChecked || out.roundTripExact) << file.filename();
     }
 }
 
