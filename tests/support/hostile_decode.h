@@ -166,10 +166,13 @@ inline void Progressive(JpgParam *param, const DecodePlan &plan, uint32_t w, uin
         if (completed && !incremental)
             break;
     }
-    // One more call after the image is out must fail cleanly.
+    // One more call after the image is out must fail cleanly; it decodes
+    // the scans an incremental run left, so its status counts.
     OwnedRect dst(w, 1, channels, 1);
-    jpgReadProgressiveToRect(param, &dst.rect, 1, 0);
+    JpgStatus after = jpgReadProgressiveToRect(param, &dst.rect, 1, 0);
     out->calls++;
+    if (out->last == JPG_STATUS_OK && incremental)
+        out->last = after;
 }
 
 inline void Lossless(JpgParam *param, const DecodePlan &plan, uint32_t w, uint32_t h,
