@@ -314,7 +314,8 @@ inline JpgStatus Open(const uint8_t *data, size_t size, const DecodePlan &plan, 
         return JPG_STATUS_FILE_OPEN_FAILED;
     for (uint32_t i = 0; i < offset; i++)
         std::fputc(0xFF, file);
-    std::fwrite(data, 1, size, file);
+    if (size != 0)
+        std::fwrite(data, 1, size, file);
     std::fclose(file);
     int32_t length = (plan.flags & 0x80) ? int32_t(split) : 0;
     JpgStatus status = jpgReadPrologFromFile(path.c_str(), int32_t(offset), length,
