@@ -15,7 +15,7 @@ for target in decode encode; do
   mkdir -p "$found" "tests/regressions/$target"
   echo "== ${target}_fuzzer for ${seconds}s"
   if ! "$dir/${target}_fuzzer" "$found" "$dir/seeds/$target" "tests/regressions/$target" \
-        -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2560 -max_len=262144 \
+        -max_total_time="$seconds" -timeout=25 -rss_limit_mb=2560 -max_len=262144 \
         -artifact_prefix="$dir/artifacts/${target}-" -print_final_stats=1 "$@" \
         > "$dir/${target}.log" 2>&1; then
     status=1
