@@ -347,6 +347,9 @@ TEST(HostileInputStatus, EachBrokenRuleHasItsStatus) {
          }),
          0, JPG_STATUS_BAD_DATA},
         {"abbreviated table-only stream", Sequential([](B &) {}), 0, JPG_STATUS_NOT_SUPPORTED},
+        {"zero width", Sequential([](B &b) { b.Sof(0xC0, 8, 8, 0, {{1, 0x11, 0}}); }), 0,
+         JPG_STATUS_BAD_DATA},
+        {"zero-width lossless", kivtest::LosslessBomb(0, 8, 8, 1, 16), 0, JPG_STATUS_BAD_DATA},
     };
     for (const Malformed &c : cases) {
         JpgParam *param = reinterpret_cast<JpgParam *>(1);
