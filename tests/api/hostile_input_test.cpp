@@ -350,6 +350,8 @@ TEST(HostileInputStatus, EachBrokenRuleHasItsStatus) {
         {"zero width", Sequential([](B &b) { b.Sof(0xC0, 8, 8, 0, {{1, 0x11, 0}}); }), 0,
          JPG_STATUS_BAD_DATA},
         {"zero-width lossless", kivtest::LosslessBomb(0, 8, 8, 1, 16), 0, JPG_STATUS_BAD_DATA},
+        {"progressive 65535 x 65535: coefficients beyond 4 GiB",
+         kivtest::ProgressiveBomb(65535, 65535, 64, 1, 1), 0, JPG_STATUS_NO_MEMORY},
     };
     for (const Malformed &c : cases) {
         JpgParam *param = reinterpret_cast<JpgParam *>(1);
