@@ -425,7 +425,7 @@ TEST(Regressions, DecodeFindingsEndWithAStatus) {
         Bytes input = kivtest::readFile(file.string());
         kivtest::DecodePlan plan;
         size_t used = kivtest::ReadPlan(input.data(), input.size(), &plan);
-        plan.pixelCap = uint64_t(1) << 20 | (uint64_t(1) << 19);
+        plan.pixelCap = uint64_t(1) << 18;
         plan.maxCalls = 2048;
         plan.tempDir = std::filesystem::path(kivtest::tempPath("r")).parent_path().string();
         auto start = std::chrono::steady_clock::now();
