@@ -13,10 +13,12 @@ mkdir -p "$dir/artifacts"
 for target in decode encode; do
   found="$dir/found/$target"
   mkdir -p "$found" "tests/regressions/$target"
+  dict=()
+  [ "$target" = decode ] && dict=(-dict=fuzz/jpeg.dict)
   echo "== ${target}_fuzzer for ${seconds}s"
   if ! "$dir/${target}_fuzzer" "$found" "$dir/seeds/$target" "tests/regressions/$target" \
         -max_total_time="$seconds" -timeout=25 -rss_limit_mb=2560 -max_len=262144 \
-        -artifact_prefix="$dir/artifacts/${target}-" -print_final_stats=1 "$@" \
+        -artifact_prefix="$dir/artifacts/${target}-" -print_final_stats=1 "${dict[@]}" "$@" \
         > "$dir/${target}.log" 2>&1; then
     status=1
     echo "${target}_fuzzer FOUND A PROBLEM:"; grep -A40 -m1 'ERROR\|runtime error\|deadly signal\|timeout' "$dir/${target}.log" || tail -40 "$dir/${target}.log"
