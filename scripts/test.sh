@@ -17,10 +17,12 @@ command -v djpeg >/dev/null || need+=(libjpeg-turbo-progs)
 command -v readelf >/dev/null || need+=(binutils)
 [ -d /usr/share/backgrounds/mate ] || need+=(mate-backgrounds)
 [ -d /usr/share/backgrounds/ukui ] || need+=(ukui-wallpapers)
-command -v clang++-14 >/dev/null || need+=(clang-14)
-compgen -G '/usr/lib/llvm-14/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a' >/dev/null || need+=(libclang-rt-14-dev)
+[ -f /usr/include/png.h ] || need+=(libpng-dev)
+command -v pkg-config >/dev/null || need+=(pkg-config)
 command -v ffmpeg >/dev/null || need+=(ffmpeg)
 command -v npm >/dev/null || need+=(nodejs npm)
+command -v clang++-14 >/dev/null || need+=(clang-14)
+compgen -G '/usr/lib/llvm-14/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a' >/dev/null || need+=(libclang-rt-14-dev)
 if [ ${#need[@]} -gt 0 ]; then
   echo "installing: ${need[*]}"
   export DEBIAN_FRONTEND=noninteractive
