@@ -22,6 +22,8 @@ command -v readelf >/dev/null || need+=(binutils)
 command -v pkg-config >/dev/null || need+=(pkg-config)
 command -v ffmpeg >/dev/null || need+=(ffmpeg)
 command -v npm >/dev/null || need+=(nodejs npm)
+command -v clang++-14 >/dev/null || need+=(clang-14)
+compgen -G '/usr/lib/llvm-14/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a' >/dev/null || need+=(libclang-rt-14-dev)
 if [ ${#need[@]} -gt 0 ]; then
   echo "installing: ${need[*]}"
   export DEBIAN_FRONTEND=noninteractive
@@ -43,4 +45,15 @@ build x86 -DCMAKE_TOOLCHAIN_FILE="$root/cmake/i686-linux.cmake"
 build x64
 if [ "${KIV_SKIP_SANITIZE:-0}" != 1 ]; then
   build x64-sanitize -DKIV_SANITIZE=ON
+fi
+if [ "${KIV_SKIP_ROBUSTNESS:-0}" != 1 ]; then
+  # The concurrency test alone, under ThreadSanitizer, in a small build.
+  tsan=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_{C,CXX}_FLAGS=-fsanitize=thread
+        -DCMAKE_{EXE,SHARED}_LINKER_FLAGS=-fsanitize=thread)
+  cmake -S . -B build/x64-tsan "${tsan[@]}" >/dev/null
+  cmake --build build/x64-tsan -j "$jobs" --target test_api
+  TSAN_OPTIONS=halt_on_error=1 build/x64-tsan/tests/test_api --gtest_filter='Concurrency*'
+  # Each fuzz target for about a minute on its seeds; any finding fails.
+  bash fuzz/build.sh build/fuzz
+  bash fuzz/run.sh "${KIV_FUZZ_SECONDS:-60}" build/fuzz
 fi

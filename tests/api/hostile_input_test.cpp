@@ -1,0 +1,459 @@
+// Hostile input: every corpus stream (and a few the tests build) damaged in
+// the ways real files get damaged — truncated at every segment boundary,
+// bits flipped, markers inserted and duplicated, segments swapped, segment
+// lengths that lie, frame sizes of zero and 65535 — and driven through every
+// decode path. Each case must end with a library status within a time
+// bound; the sanitizer build adds "no invalid access, nothing leaked".
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "hostile_decode.h"
+#include "hostile_encode.h"
+#include "jpeg_builder.h"
+#include "test_support.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Every status the library may return.
+bool IsLibraryStatus(JpgStatus s) {
+    static constexpr JpgStatus kKnown[] = {
+        JPG_STATUS_OK,           JPG_STATUS_FAILED,           JPG_STATUS_BLOCK_UNAVAILABLE,
+        JPG_STATUS_NO_MEMORY,    JPG_STATUS_INVALID_HANDLE,   JPG_STATUS_SEEK_FAILED,
+        JPG_STATUS_OUTPUT_FULL,  JPG_STATUS_END_OF_STREAM,    JPG_STATUS_INVALID_PARAMETER,
+        JPG_STATUS_WRONG_MODE,   JPG_STATUS_NOT_SUPPORTED,    JPG_STATUS_BAD_DATA,
+        JPG_STATUS_FILE_OPEN_FAILED, JPG_STATUS_UNEXPECTED_END, JPG_STATUS_BAD_DC_CODE,
+        JPG_STATUS_BAD_AC_CODE,  JPG_STATUS_SEGMENT_LENGTH,   JPG_STATUS_BAD_SAMPLING,
+        JPG_STATUS_ERROR};
+    return std::find(std::begin(kKnown), std::end(kKnown), s) != std::end(kKnown);
+}
+
+// Where the marker segments of a stream begin, up to and including the
+// first SOS, then the EOI (if any).
+struct Layout {
+    std::vector<size_t> segments;  // offsets of 0xFF of each marker after SOI
+    size_t scanData = 0;           // first byte after the first SOS segment
+    size_t eoi = 0;                // offset of the last 0xFF 0xD9, 0 when none
+};
+
+Layout Parse(const Bytes &s) {
+    Layout layout;
+    size_t at = 2;
+    while (at + 4 <= s.size() && s[at] == 0xFF) {
+        layout.segments.push_back(at);
+        uint8_t code = s[at + 1];
+        size_t length = size_t(s[at + 2]) << 8 | s[at + 3];
+        at += 2 + length;
+        if (code == 0xDA) {
+            layout.scanData = at;
+            break;
+        }
+    }
+    for (size_t i = s.size(); i >= 2; i--)
+        if (s[i - 2] == 0xFF && s[i - 1] == 0xD9) {
+            layout.eoi = i - 2;
+            break;
+        }
+    return layout;
+}
+
+struct Input {
+    std::string name;
+    Bytes bytes;
+};
+
+std::vector<Input> Inputs() {
+    std::vector<Input> inputs;
+    for (const char *sub : {"conformance", "samples"}) {
+        std::error_code ec;
+        std::vector<std::filesystem::path> files;
+        for (auto &e : std::filesystem::directory_iterator(kivtest::corpus(sub), ec))
+            if (e.path().extension() == ".jpg")
+                files.push_back(e.path());
+        std::sort(files.begin(), files.end());
+        for (auto &f : files)
+            inputs.push_back({std::string(sub) + "/" + f.filename().string(),
+                              kivtest::readFile(f.string())});
+    }
+    inputs.push_back({"built/progressive", kivtest::ProgressiveBomb(64, 48, 64, 3, 1)});
+    inputs.push_back({"built/lossless16", kivtest::LosslessBomb(40, 20, 16, 3, 400)});
+    return inputs;
+}
+
+// The plans each damaged stream is decoded with: one per output driver.
+std::vector<kivtest::DecodePlan> Plans() {
+    std::vector<kivtest::DecodePlan> plans;
+    // Flags 2 skips the EOI search (so truncated streams reach the parser),
+    // 4 opens from a file, 1 enables partial input, 8 no colour conversion,
+    // 16 walks the segments, 0x60 puts the stream at an offset in the file.
+    const uint8_t table[][4] = {{0, 16, 2, 0},  {1, 7, 2, 3},  {2, 3, 6, 0},    {4, 5, 2, 1},
+                                {8, 16, 2, 9},  {10, 1, 2, 5}, {12, 9, 3, 9},   {0, 0, 0x1A, 7},
+                                {6, 16, 0x66, 2}, {0, 16, 0, 0}};
+    for (auto &p : table) {
+        kivtest::DecodePlan plan;
+        kivtest::ReadPlan(p, 4, &plan);
+        plan.pixelCap = 1 << 21;
+        plan.maxCalls = 512;
+        plan.tempDir = std::filesystem::path(kivtest::tempPath("x")).parent_path().string();
+        plans.push_back(plan);
+    }
+    return plans;
+}
+
+class HostileInput : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        inputs_ = new std::vector<Input>(Inputs());
+        plans_ = new std::vector<kivtest::DecodePlan>(Plans());
+    }
+    static void TearDownTestSuite() {
+        delete inputs_;
+        delete plans_;
+    }
+
+    // Decodes a damaged stream with one plan (rotating through all of them)
+    // and checks that it ends with a library status in time.
+    void Check(const std::string &what, const Bytes &bytes) {
+        const kivtest::DecodePlan &plan = (*plans_)[next_++ % plans_->size()];
+        auto start = std::chrono::steady_clock::now();
+        kivtest::DecodeOutcome out = kivtest::DecodeWithPlan(bytes.data(), bytes.size(), plan);
+        double seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        cases_++;
+        EXPECT_TRUE(IsLibraryStatus(out.prolog)) << what << std::hex << " prolog 0x" << out.prolog;
+        EXPECT_TRUE(IsLibraryStatus(out.last)) << what << std::hex << " last 0x" << out.last;
+        EXPECT_LT(seconds, 5.0) << what << " plan path " << int(plan.path);
+    }
+
+    static std::vector<Input> *inputs_;
+    static std::vector<kivtest::DecodePlan> *plans_;
+    size_t next_ = 0;
+    int cases_ = 0;
+};
+std::vector<Input> *HostileInput::inputs_ = nullptr;
+std::vector<kivtest::DecodePlan> *HostileInput::plans_ = nullptr;
+
+TEST_F(HostileInput, TruncatedAtEverySegmentBoundaryAndInsideTheScan) {
+    for (const Input &in : *inputs_) {
+        Layout layout = Parse(in.bytes);
+        std::vector<size_t> cuts = layout.segments;
+        cuts.insert(cuts.end(), {0, 1, 2, 3, in.bytes.size() - 1, in.bytes.size() - 2});
+        if (layout.scanData != 0)
+            for (size_t k = 1; k <= 4; k++)
+                cuts.push_back(layout.scanData + (in.bytes.size() - layout.scanData) * k / 5);
+        for (size_t cut : cuts) {
+            if (cut >= in.bytes.size())
+                continue;
+            Bytes truncated(in.bytes.begin(), in.bytes.begin() + cut);
+            Check(in.name + " cut at " + std::to_string(cut), truncated);
+            // The same, closed with EOI, so that the memory prolog's EOI search passes.
+            truncated.insert(truncated.end(), {0xFF, 0xD9});
+            Check(in.name + " cut at " + std::to_string(cut) + " + EOI", truncated);
+        }
+    }
+    EXPECT_GT(cases_, 200);
+}
+
+TEST_F(HostileInput, FlippedBits) {
+    uint32_t state = 2463534242u;
+    auto random = [&state] {
+        state ^= state << 13;
+        state ^= state >> 17;
+        state ^= state << 5;
+        return state;
+    };
+    for (const Input &in : *inputs_) {
+        if (in.bytes.size() > 200000)
+            continue;
+        Layout layout = Parse(in.bytes);
+        size_t header = layout.scanData != 0 ? layout.scanData : in.bytes.size();
+        for (int i = 0; i < 36; i++) {
+            Bytes damaged = in.bytes;
+            // Two thirds of the flips hit the header, where decisions are made.
+            size_t span = i % 3 != 2 ? header : damaged.size();
+            for (int f = 0; f <= i % 3; f++) {
+                size_t at = random() % span;
+                damaged[at] ^= uint8_t(1u << (random() % 8));
+            }
+            Check(in.name + " flip " + std::to_string(i), damaged);
+        }
+    }
+    EXPECT_GT(cases_, 300);
+}
+
+TEST_F(HostileInput, InsertedDuplicatedAndSwappedSegments) {
+    const Bytes kInserts[] = {
+        {0xFF, 0xD3},                    // RST3 where none belongs
+        {0xFF, 0xD8},                    // a second SOI
+        {0xFF, 0xD9},                    // an early EOI
+        {0xFF, 0x01},                    // a reserved marker
+        {0xFF, 0xFF, 0xFF},              // fill bytes
+        {0xFF, 0xDD, 0x00, 0x04, 0, 1},  // DRI with a wrong length
+        {0xFF, 0xC4, 0x00, 0x13, 0x05, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
+         0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},  // DHT with id 5 and huge counts
+    };
+    for (const Input &in : *inputs_) {
+        if (in.bytes.size() > 200000)
+            continue;
+        Layout layout = Parse(in.bytes);
+        std::vector<size_t> points = layout.segments;
+        if (layout.scanData != 0)
+            points.push_back(layout.scanData + (in.bytes.size() - layout.scanData) / 2);
+        for (size_t p = 0; p < points.size(); p++) {
+            const Bytes &insert = kInserts[p % std::size(kInserts)];
+            Bytes damaged = in.bytes;
+            damaged.insert(damaged.begin() + points[p], insert.begin(), insert.end());
+            Check(in.name + " insert at " + std::to_string(points[p]), damaged);
+        }
+        // Each header segment twice, and each adjacent pair swapped.
+        std::vector<size_t> ends = layout.segments;
+        ends.push_back(layout.scanData);
+        for (size_t i = 0; i + 1 < ends.size() && ends.back() != 0; i++) {
+            Bytes seg(in.bytes.begin() + ends[i], in.bytes.begin() + ends[i + 1]);
+            Bytes twice = in.bytes;
+            twice.insert(twice.begin() + ends[i + 1], seg.begin(), seg.end());
+            Check(in.name + " duplicate segment " + std::to_string(i), twice);
+            if (i + 2 < ends.size()) {
+                Bytes swapped(in.bytes.begin(), in.bytes.begin() + ends[i]);
+                swapped.insert(swapped.end(), in.bytes.begin() + ends[i + 1],
+                               in.bytes.begin() + ends[i + 2]);
+                swapped.insert(swapped.end(), seg.begin(), seg.end());
+                swapped.insert(swapped.end(), in.bytes.begin() + ends[i + 2], in.bytes.end());
+                Check(in.name + " swap segments " + std::to_string(i), swapped);
+            }
+        }
+    }
+    EXPECT_GT(cases_, 150);
+}
+
+TEST_F(HostileInput, SegmentLengthsThatLie) {
+    for (const Input &in : *inputs_) {
+        if (in.bytes.size() > 200000)
+            continue;
+        Layout layout = Parse(in.bytes);
+        for (size_t at : layout.segments) {
+            uint32_t length = uint32_t(in.bytes[at + 2]) << 8 | in.bytes[at + 3];
+            for (uint32_t lie : {0u, 1u, 2u, length - 1, length + 1, length + 64, 0xFFFFu}) {
+                Bytes damaged = in.bytes;
+                damaged[at + 2] = uint8_t(lie >> 8);
+                damaged[at + 3] = uint8_t(lie);
+                Check(in.name + " length " + std::to_string(lie) + " at " + std::to_string(at),
+                      damaged);
+            }
+        }
+    }
+    EXPECT_GT(cases_, 300);
+}
+
+TEST_F(HostileInput, ZeroAndHugeFrameSizes) {
+    for (const Input &in : *inputs_) {
+        if (in.bytes.size() > 200000)
+            continue;
+        Layout layout = Parse(in.bytes);
+        for (size_t at : layout.segments) {
+            uint8_t code = in.bytes[at + 1];
+            if (code < 0xC0 || code > 0xCF || code == 0xC4 || code == 0xC8 || code == 0xCC)
+                continue;
+            for (uint32_t height : {0u, 1u, 65535u})
+                for (uint32_t width : {0u, 1u, 65535u}) {
+                    Bytes damaged = in.bytes;
+                    damaged[at + 5] = uint8_t(height >> 8);
+                    damaged[at + 6] = uint8_t(height);
+                    damaged[at + 7] = uint8_t(width >> 8);
+                    damaged[at + 8] = uint8_t(width);
+                    Check(in.name + " size " + std::to_string(width) + "x" +
+                              std::to_string(height), damaged);
+                }
+        }
+    }
+    EXPECT_GT(cases_, 50);
+}
+
+// Streams that break one rule each, with the status the rule calls for.
+struct Malformed {
+    const char *what;
+    Bytes stream;
+    int32_t flags;
+    JpgStatus expected;
+};
+
+Bytes Sequential(const std::function<void(kivtest::JpegBuilder &)> &header) {
+    kivtest::JpegBuilder b;
+    b.Marker(0xD8).Dqt().DhtSingle(0x00, 0).DhtSingle(0x10, 0);
+    header(b);
+    return b.Sos({{1, 0x00}}, 0, 63, 0).Bytes(16, 0).Marker(0xD9).Take();
+}
+
+TEST(HostileInputStatus, EachBrokenRuleHasItsStatus) {
+    using B = kivtest::JpegBuilder;
+    auto grey = [](uint8_t code, uint8_t precision) {
+        return [=](B &b) { b.Sof(code, precision, 8, 8, {{1, 0x11, 0}}); };
+    };
+    const Malformed cases[] = {
+        {"no SOI", Bytes{0xFF, 0xD9, 0xFF, 0xD9}, 0, JPG_STATUS_BAD_DATA},
+        {"SOI only, no EOI", Bytes{0xFF, 0xD8, 0x00, 0x00}, 0, JPG_STATUS_BAD_DATA},
+        {"DRI of length 4",
+         Sequential([](B &b) {
+             b.Segment(0xDD, {0, 1, 0, 1}).Sof(0xC0, 8, 8, 8, {{1, 0x11, 0}});
+         }),
+         0, JPG_STATUS_SEGMENT_LENGTH},
+        {"SOF5 (differential)", Sequential(grey(0xC5, 8)), 0, JPG_STATUS_NOT_SUPPORTED},
+        {"SOF9 (arithmetic)", Sequential(grey(0xC9, 8)), 0, JPG_STATUS_NOT_SUPPORTED},
+        {"12-bit progressive", Sequential(grey(0xC2, 12)), 0, JPG_STATUS_NOT_SUPPORTED},
+        {"five components",
+         Sequential([](B &b) {
+             b.Sof(0xC0, 8, 8, 8,
+                   {{1, 0x11, 0}, {2, 0x11, 0}, {3, 0x11, 0}, {4, 0x11, 0}, {5, 0x11, 0}});
+         }),
+         0, JPG_STATUS_BAD_DATA},
+        {"quantization selector 4",
+         Sequential([](B &b) { b.Sof(0xC0, 8, 8, 8, {{1, 0x11, 4}}); }), 0,
+         JPG_STATUS_BAD_DATA},
+        {"DHT identifier 4",
+         Sequential([](B &b) { b.DhtSingle(0x04, 0).Sof(0xC0, 8, 8, 8, {{1, 0x11, 0}}); }), 0,
+         JPG_STATUS_BAD_DATA},
+        {"DQT identifier 5",
+         Sequential([](B &b) { b.Dqt(5).Sof(0xC0, 8, 8, 8, {{1, 0x11, 0}}); }), 0,
+         JPG_STATUS_BAD_DATA},
+        {"DHT counts summing above 255",
+         Sequential([](B &b) {
+             Bytes p{0x01};
+             p.insert(p.end(), 16, 0x20);
+             p.insert(p.end(), 512, 0);
+             b.Segment(0xC4, p).Sof(0xC0, 8, 8, 8, {{1, 0x11, 0}});
+         }),
+         0, JPG_STATUS_BAD_DATA},
+        {"DHT values running past the segment",
+         Sequential([](B &b) {
+             Bytes p{0x01, 0, 0, 4};
+             p.insert(p.end(), 13, 0);
+             p.push_back(0);  // one of the four values
+             b.Segment(0xC4, p).Sof(0xC0, 8, 8, 8, {{1, 0x11, 0}});
+         }),
+         0, JPG_STATUS_SEGMENT_LENGTH},
+        {"ninth Huffman table",
+         Sequential([](B &b) {
+             for (uint8_t id = 0; id < 4; id++)
+                 b.DhtSingle(id, 0).DhtSingle(0x10 | id, 0);  // 8 more, 10 in all
+             b.Sof(0xC0, 8, 8, 8, {{1, 0x11, 0}});
+         }),
+         0, JPG_STATUS_BAD_DATA},
+        {"abbreviated table-only stream", Sequential([](B &) {}), 0, JPG_STATUS_NOT_SUPPORTED},
+        {"zero width", Sequential([](B &b) { b.Sof(0xC0, 8, 8, 0, {{1, 0x11, 0}}); }), 0,
+         JPG_STATUS_BAD_DATA},
+        {"zero-width lossless", kivtest::LosslessBomb(0, 8, 8, 1, 16), 0, JPG_STATUS_BAD_DATA},
+        {"progressive 65535 x 65535: coefficients beyond 4 GiB",
+         kivtest::ProgressiveBomb(65535, 65535, 64, 1, 1), 0, JPG_STATUS_NO_MEMORY},
+    };
+    for (const Malformed &c : cases) {
+        JpgParam *param = reinterpret_cast<JpgParam *>(1);
+        JpgStatus status = jpgReadPrologFromMemory(c.stream.data(), int32_t(c.stream.size()),
+                                                   c.flags, &param);
+        EXPECT_EQ(status, c.expected) << c.what << std::hex << " got 0x" << status;
+        EXPECT_EQ(param, nullptr) << c.what;
+        if (param != nullptr && param != reinterpret_cast<JpgParam *>(1))
+            jpgReadEpilog(param);
+    }
+}
+
+// A few hundred bytes declaring a 65535 x 65535 frame: opening and decoding
+// end quickly with a status, whatever the process.
+TEST(HostileInputStatus, DecompressionBombsEndQuickly) {
+    struct Bomb {
+        const char *what;
+        Bytes stream;
+        uint8_t path;
+        bool truncated;  // the data ends long before the frame does
+    };
+    const Bomb bombs[] = {
+        {"baseline", kivtest::BaselineBomb(65535, 65535, 200), 0, true},
+        {"baseline scaled", kivtest::BaselineBomb(65535, 65535, 200), 4, true},
+        {"baseline MCU seek", kivtest::BaselineBomb(65535, 65535, 200), 10, true},
+        {"progressive grey", kivtest::ProgressiveBomb(65535, 65535, 200, 4, 1), 0, true},
+        {"progressive 4:2:0", kivtest::ProgressiveColourBomb(65535, 65535, 200), 1, true},
+        {"progressive many scans", kivtest::ProgressiveBomb(1024, 1024, 2048, 300, 1), 0, false},
+        {"lossless 16-bit", kivtest::LosslessBomb(65535, 65535, 16, 4, 200), 0, true},
+        {"lossless no height", kivtest::LosslessBomb(65535, 0, 8, 1, 200), 0, true},
+    };
+    for (const Bomb &bomb : bombs) {
+        kivtest::DecodePlan plan;
+        plan.path = bomb.path;
+        plan.batch = 16;
+        plan.extra = 0x7F;
+        plan.pixelCap = UINT64_MAX;  // the caller asks for every line
+        plan.maxCalls = 1 << 20;
+        auto start = std::chrono::steady_clock::now();
+        kivtest::DecodeOutcome out = kivtest::DecodeWithPlan(bomb.stream.data(),
+                                                             bomb.stream.size(), plan);
+        double seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        EXPECT_LT(seconds, 10.0) << bomb.what;
+        EXPECT_TRUE(IsLibraryStatus(out.prolog)) << bomb.what;
+        if (!bomb.truncated)
+            continue;
+        EXPECT_TRUE(out.prolog != JPG_STATUS_OK || out.last != JPG_STATUS_OK || out.height == 0)
+            << bomb.what << ": a few hundred bytes cannot hold a whole 65535-line image";
+        EXPECT_LT(out.calls, 64) << bomb.what << ": decoding went on past the end of the data";
+    }
+}
+
+
+// Inputs that fuzzing once found to crash, hang, leak or misdecode, under
+// tests/regressions/{decode,encode}/, each in its fuzz target's format (plan
+// bytes, then the stream or the pixels). They replay here on every build.
+std::vector<std::filesystem::path> Regressions(const char *target) {
+    std::vector<std::filesystem::path> files;
+    std::error_code ec;
+    for (auto &e : std::filesystem::directory_iterator(
+             std::string(KIV_SOURCE_DIR) + "/tests/regressions/" + target, ec))
+        if (e.is_regular_file())
+            files.push_back(e.path());
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+TEST(Regressions, DecodeFindingsEndWithAStatus) {
+    for (const auto &file : Regressions("decode")) {
+        Bytes input = kivtest::readFile(file.string());
+        kivtest::DecodePlan plan;
+        size_t used = kivtest::ReadPlan(input.data(), input.size(), &plan);
+        plan.pixelCap = uint64_t(1) << 18;
+        plan.maxCalls = 2048;
+        plan.tempDir = std::filesystem::path(kivtest::tempPath("r")).parent_path().string();
+        auto start = std::chrono::steady_clock::now();
+        kivtest::DecodeOutcome out =
+            kivtest::DecodeWithPlan(input.data() + used, input.size() - used, plan);
+        double seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        EXPECT_TRUE(IsLibraryStatus(out.prolog)) << file.filename();
+        EXPECT_TRUE(IsLibraryStatus(out.last)) << file.filename();
+        EXPECT_LT(seconds, 5.0) << file.filename();
+    }
+}
+
+TEST(Regressions, EncodeFindingsRoundTrip) {
+    for (const auto &file : Regressions("encode")) {
+        Bytes input = kivtest::readFile(file.string());
+        kivtest::EncodePlan plan;
+        size_t used = kivtest::ReadEncodePlan(input.data(), input.size(), &plan);
+        plan.tempDir = std::filesystem::path(kivtest::tempPath("r")).parent_path().string();
+        kivtest::EncodeOutcome out =
+            kivtest::EncodeWithPlan(plan, input.data() + used, input.size() - used);
+        EXPECT_TRUE(IsLibraryStatus(out.status)) << file.filename();
+        if (out.status != JPG_STATUS_OK || out.stream.empty())
+            continue;
+        EXPECT_TRUE(out.decode == JPG_STATUS_OK || out.decode == JPG_STATUS_NOT_SUPPORTED)
+            << file.filename() << std::hex << " decode 0x" << out.decode;
+        EXPECT_TRUE(!out.roundTripChecked || out.roundTripExact) << file.filename();
+    }
+}
+
+}  // namespace
