@@ -300,6 +300,48 @@ TEST(ProgressiveDecode, ShortRectangleIsNotOverrun) {
     jpgReadEpilog(param);
 }
 
+// Without colour conversion the rectangle receives the component planes,
+// the same as the baseline original gives.
+TEST(ProgressiveDecode, NoColourConversionCopiesTheComponents) {
+    Bytes orig = kivtest::readFile(kivtest::corpus("samples/testorig.jpg"));
+    Bytes prog = kivtest::readFile(kivtest::corpus("samples/testprog.jpg"));
+    Image expected, image;
+    JpgParam *param = nullptr;
+    ASSERT_EQ(open(orig, &param, &expected), JPG_STATUS_OK);
+    ASSERT_EQ(jpgReadSetNoColorConversion(param), JPG_STATUS_OK);
+    ComplibRect rect = rectFor(expected);
+    ASSERT_EQ(jpgReadToRect(param, &rect, uint32_t(expected.height)), JPG_STATUS_OK);
+    jpgReadEpilog(param);
+    ASSERT_EQ(open(prog, &param, &image), JPG_STATUS_OK);
+    ASSERT_EQ(jpgReadSetNoColorConversion(param), JPG_STATUS_OK);
+    rect = rectFor(image);
+    ComplibRect four = rect;
+    four.channels = 4;
+    EXPECT_EQ(jpgReadProgressiveToRect(param, &four, 16, 0), JPG_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(jpgReadProgressiveToRect(param, &rect, uint32_t(image.height), 0), JPG_STATUS_OK);
+    EXPECT_EQ(differences(expected, image), 0u);
+    jpgReadEpilog(param);
+}
+
+// Walking the marker segments first moves the input; the decode rewinds to
+// the first scan and gives the same pixels.
+TEST(ProgressiveDecode, SegmentWalkBeforeDecodingRewinds) {
+    Bytes prog = kivtest::readFile(kivtest::corpus("samples/testprog.jpg"));
+    Image expected, image;
+    ASSERT_EQ(decodeProgressive(prog, &expected), JPG_STATUS_OK);
+    JpgParam *param = nullptr;
+    ASSERT_EQ(open(prog, &param, &image), JPG_STATUS_OK);
+    uint16_t marker = 0;
+    uint32_t length = 0;
+    ASSERT_EQ(jpgReadSeekMarkerSegment(param, 0, &marker, &length), JPG_STATUS_OK);
+    for (int i = 0; i < 5; i++)
+        jpgReadSeekMarkerSegment(param, 1, &marker, &length);
+    ComplibRect rect = rectFor(image);
+    EXPECT_EQ(jpgReadProgressiveToRect(param, &rect, uint32_t(image.height), 0), JPG_STATUS_OK);
+    EXPECT_EQ(differences(expected, image), 0u);
+    jpgReadEpilog(param);
+}
+
 // Where scan n's entropy-coded data starts (behind its SOS segment).
 size_t scanData(const Bytes &stream, int n) {
     for (size_t i = 2; i + 3 < stream.size(); i++)
