@@ -284,6 +284,24 @@ TEST(ProgressiveDecode, DriverStatuses) {
     jpgReadEpilog(param);
 }
 
+// A rectangle narrower than the image receives only its own columns.
+TEST(ProgressiveDecode, NarrowRectangleIsNotOverrun) {
+    Bytes prog = kivtest::readFile(kivtest::corpus("samples/testprog.jpg"));
+    Image whole;
+    ASSERT_EQ(decodeProgressive(prog, &whole), JPG_STATUS_OK);
+    JpgParam *param = nullptr;
+    Image image;
+    ASSERT_EQ(open(prog, &param, &image), JPG_STATUS_OK);
+    ComplibRect rect = rectFor(image);
+    rect.width = 100;  // the stride stays that of the whole image
+    EXPECT_EQ(jpgReadProgressiveToRect(param, &rect, uint32_t(image.height), 0), JPG_STATUS_OK);
+    for (int y = 0; y < image.height; y++)
+        for (int x = 0; x < image.width; x++)
+            for (int c = 0; c < 3; c++)
+                ASSERT_EQ(image.at(x, y, c), x < 100 ? whole.at(x, y, c) : 0) << x << "," << y;
+    jpgReadEpilog(param);
+}
+
 // A rectangle shorter than the request receives only its own rows.
 TEST(ProgressiveDecode, ShortRectangleIsNotOverrun) {
     JpgParam *param = nullptr;
