@@ -144,19 +144,21 @@ JpgStatus prepareScaledOutput(JpgParam *param, const ComplibRect *rect, uint32_t
 }
 
 // Decodes `mcus` MCUs of the current MCU row and converts them side by side
-// into rect, at most `pixels` columns; MCUs wider than what is left of the
-// columns are decoded and clipped.
-JpgStatus scaledMcuRun(JpgParam *param, ComplibRect *rect, int64_t pixels, int32_t mcuWidth) {
+// into rect, clipped to `pixels` columns (MCUs past them are only decoded).
+JpgStatus scaledMcuRun(JpgParam *param, ComplibRect *rect, int64_t mcus, int64_t pixels,
+                       int32_t mcuWidth) {
     int32_t x = 0;
-    while (pixels > 0) {
+    for (; mcus > 0; mcus--) {
         if (param->currentMarker == kEoi)
             return JPG_STATUS_UNEXPECTED_END;
         JpgStatus status = param->routines.mcuScaled(param);
         if (status != JPG_STATUS_OK)
             return status;
-        param->routines.upsampleScaled(param);
-        param->routines.convertScaled(param, rect, x,
-                                      static_cast<int32_t>(pixels < mcuWidth ? pixels : mcuWidth));
+        if (pixels > 0) {
+            param->routines.upsampleScaled(param);
+            param->routines.convertScaled(param, rect, x,
+                                          static_cast<int32_t>(pixels < mcuWidth ? pixels : mcuWidth));
+        }
         x += mcuWidth;
         pixels -= mcuWidth;
     }
@@ -194,7 +196,7 @@ JpgStatus jpgReadScaleOutputGetImageSize(JpgParam *param, uint32_t *width, uint3
 // Any change of level restarts decoding at the first scan, except the very
 // first choice on a stream that has not been decoded yet.
 JpgStatus jpgReadScaleOutputSetLevel(JpgParam *param, uint32_t level) {
-    // The handle is checked, unlike the level-free setters, only to fail safely.
+    // Checked so that a null or released handle fails instead of being written.
     if (jpgCheckParam(param) == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (level > 2)
@@ -241,6 +243,8 @@ JpgStatus jpgReadScaleOutputToRect(JpgParam *param, ComplibRect *rect, uint32_t 
     if (left < 1)
         return JPG_STATUS_UNEXPECTED_END;
     int64_t remaining = lines < left ? lines : left;
+    // A rectangle narrower than the image still consumes whole MCU rows, so
+    // that the next row starts at its first MCU.
     int64_t rowPixels = static_cast<int64_t>(mcus) * w;
     if (rect->width < rowPixels)
         rowPixels = rect->width < 0 ? 0 : rect->width;
@@ -248,7 +252,7 @@ JpgStatus jpgReadScaleOutputToRect(JpgParam *param, ComplibRect *rect, uint32_t 
     ComplibRect sub = *rect;
     while (remaining > 0 && status == JPG_STATUS_OK) {
         sub.height = static_cast<int32_t>(remaining < h ? remaining : h);
-        status = kiv::scaledMcuRun(param, &sub, rowPixels, w);
+        status = kiv::scaledMcuRun(param, &sub, mcus, rowPixels, w);
         if (status == JPG_STATUS_OK && skipLast)
             kiv::skipMcu(param);
         param->processedLines += static_cast<uint32_t>(sub.height);
@@ -268,10 +272,12 @@ JpgStatus jpgReadScaleOutputMcuToRect(JpgParam *param, ComplibRect *rect, uint32
     int32_t w = static_cast<int32_t>(param->mcuWidth >> (3 - level));
     if (w < 1)
         return JPG_STATUS_BAD_DATA;
+    // Every requested MCU is decoded, so that the next call starts at the
+    // following one; those beyond the rectangle's width are not converted.
     int64_t pixels = static_cast<int64_t>(count) * w;
     if (rect->width < pixels)
         pixels = rect->width < 0 ? 0 : rect->width;
-    return kiv::scaledMcuRun(param, rect, pixels, w);
+    return kiv::scaledMcuRun(param, rect, count, pixels, w);
 }
 
 }  // extern "C"

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <random>
 
-#include "support/annex_k_tables.h"
+#include "annex_k_tables.h"
 #include "core/tables.h"
 #include "core/handle.h"
 

@@ -8,8 +8,8 @@
 #include <regex>
 
 #include "core/tables.h"
-#include "support/decode_helpers.h"
-#include "support/stream_builder.h"
+#include "decode_helpers.h"
+#include "stream_builder.h"
 
 namespace {
 

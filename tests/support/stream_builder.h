@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/annex_k_tables.h"
+#include "annex_k_tables.h"
 
 namespace kivtest {
 
