@@ -33,7 +33,7 @@ uint32_t levelEntry(const JpgHuffLevel &level, uint32_t window) {
 // Level 1 holds the short codes (its limit is a level-1 index), level 2 the
 // next ones up to its left-aligned limit (0x10000 for DC tables), level 3
 // the rest. Absent levels (no entries) are passed over.
-uint32_t lookupCode(const JpgHuffmanTable *table, uint32_t window) {
+[[gnu::always_inline]] inline uint32_t lookupCode(const JpgHuffmanTable *table, uint32_t window) {
     if (table == nullptr)
         return kInvalidEntry;
     const JpgHuffLevel *level = table->level;
@@ -65,7 +65,7 @@ struct Symbol {
 // Decodes the next symbol of a table (Annex F.2.2.3 DECODE) and, when it
 // has a magnitude, RECEIVE and EXTEND (F.2.2.1). A window that is no code
 // consumes nothing.
-Symbol decodeSymbol(Bits &bits, const JpgHuffmanTable *table) {
+[[gnu::always_inline]] inline Symbol decodeSymbol(Bits &bits, const JpgHuffmanTable *table) {
     bits.need(16);
     uint32_t entry = lookupCode(table, bits.peek(16));
     uint32_t n = entryBits(entry);
@@ -95,8 +95,9 @@ inline void correct(Bits &bits, int16_t &coef, int32_t p) {
 // End of band in a refinement scan: corrections for the non-zero
 // coefficients from k to Se, then one block of the run is used up.
 JpgStatus refineEndOfBand(JpgParam *param, Bits &bits, int16_t *block, uint32_t k, uint32_t run) {
-    int32_t p = 1 << param->scanAl;
-    for (; k <= param->scanSe; k++) {
+    const int32_t p = 1 << param->scanAl;
+    const uint32_t se = param->scanSe;
+    for (; k <= se; k++) {
         int16_t &coef = at(block, k);
         if (coef != 0)
             correct(bits, coef, p);

@@ -160,7 +160,7 @@ JpgStatus decodeScans(JpgParam *param, bool oneScan, bool fromStart) {
     if (param->currentMarker == kMarkerEoi)
         return JPG_STATUS_ERROR;
     if (fromStart)
-        memset(param->dec.coefBase, 0, static_cast<size_t>(param->totalMcus) * coefficientsPerMcu(param) * 2);
+        memset(param->dec.coefBase, 0, static_cast<size_t>(param->totalMcus) * coefficientsPerMcu(param) * sizeof(int16_t));
     for (;;) {
         JpgStatus status = decodeScan(param);
         if (status != JPG_STATUS_OK)

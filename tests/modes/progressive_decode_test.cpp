@@ -284,6 +284,24 @@ TEST(ProgressiveDecode, DriverStatuses) {
     jpgReadEpilog(param);
 }
 
+// A rectangle narrower than the image receives only its own columns.
+TEST(ProgressiveDecode, NarrowRectangleIsNotOverrun) {
+    Bytes prog = kivtest::readFile(kivtest::corpus("samples/testprog.jpg"));
+    Image whole;
+    ASSERT_EQ(decodeProgressive(prog, &whole), JPG_STATUS_OK);
+    JpgParam *param = nullptr;
+    Image image;
+    ASSERT_EQ(open(prog, &param, &image), JPG_STATUS_OK);
+    ComplibRect rect = rectFor(image);
+    rect.width = 100;  // the stride stays that of the whole image
+    EXPECT_EQ(jpgReadProgressiveToRect(param, &rect, uint32_t(image.height), 0), JPG_STATUS_OK);
+    for (int y = 0; y < image.height; y++)
+        for (int x = 0; x < image.width; x++)
+            for (int c = 0; c < 3; c++)
+                ASSERT_EQ(image.at(x, y, c), x < 100 ? whole.at(x, y, c) : 0) << x << "," << y;
+    jpgReadEpilog(param);
+}
+
 // A rectangle shorter than the request receives only its own rows.
 TEST(ProgressiveDecode, ShortRectangleIsNotOverrun) {
     JpgParam *param = nullptr;
@@ -297,6 +315,48 @@ TEST(ProgressiveDecode, ShortRectangleIsNotOverrun) {
     EXPECT_EQ(jpgReadProgressiveToRect(param, &rect, 100, 0), JPG_STATUS_OK);
     for (size_t i = 20 * rowBytes; i < image.pixels.size(); i++)
         ASSERT_EQ(image.pixels[i], 0) << i;
+    jpgReadEpilog(param);
+}
+
+// Without colour conversion the rectangle receives the component planes,
+// the same as the baseline original gives.
+TEST(ProgressiveDecode, NoColourConversionCopiesTheComponents) {
+    Bytes orig = kivtest::readFile(kivtest::corpus("samples/testorig.jpg"));
+    Bytes prog = kivtest::readFile(kivtest::corpus("samples/testprog.jpg"));
+    Image expected, image;
+    JpgParam *param = nullptr;
+    ASSERT_EQ(open(orig, &param, &expected), JPG_STATUS_OK);
+    ASSERT_EQ(jpgReadSetNoColorConversion(param), JPG_STATUS_OK);
+    ComplibRect rect = rectFor(expected);
+    ASSERT_EQ(jpgReadToRect(param, &rect, uint32_t(expected.height)), JPG_STATUS_OK);
+    jpgReadEpilog(param);
+    ASSERT_EQ(open(prog, &param, &image), JPG_STATUS_OK);
+    ASSERT_EQ(jpgReadSetNoColorConversion(param), JPG_STATUS_OK);
+    rect = rectFor(image);
+    ComplibRect four = rect;
+    four.channels = 4;
+    EXPECT_EQ(jpgReadProgressiveToRect(param, &four, 16, 0), JPG_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(jpgReadProgressiveToRect(param, &rect, uint32_t(image.height), 0), JPG_STATUS_OK);
+    EXPECT_EQ(differences(expected, image), 0u);
+    jpgReadEpilog(param);
+}
+
+// Walking the marker segments first moves the input; the decode rewinds to
+// the first scan and gives the same pixels.
+TEST(ProgressiveDecode, SegmentWalkBeforeDecodingRewinds) {
+    Bytes prog = kivtest::readFile(kivtest::corpus("samples/testprog.jpg"));
+    Image expected, image;
+    ASSERT_EQ(decodeProgressive(prog, &expected), JPG_STATUS_OK);
+    JpgParam *param = nullptr;
+    ASSERT_EQ(open(prog, &param, &image), JPG_STATUS_OK);
+    uint16_t marker = 0;
+    uint32_t length = 0;
+    ASSERT_EQ(jpgReadSeekMarkerSegment(param, 0, &marker, &length), JPG_STATUS_OK);
+    for (int i = 0; i < 5; i++)
+        jpgReadSeekMarkerSegment(param, 1, &marker, &length);
+    ComplibRect rect = rectFor(image);
+    EXPECT_EQ(jpgReadProgressiveToRect(param, &rect, uint32_t(image.height), 0), JPG_STATUS_OK);
+    EXPECT_EQ(differences(expected, image), 0u);
     jpgReadEpilog(param);
 }
 
