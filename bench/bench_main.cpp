@@ -173,13 +173,14 @@ Summary printCase(const Case &c, const std::vector<Row> &rows) {
                 encodes ? "---:|" : "");
     std::vector<double> per[kCodecCount], ratios;
     for (const Row &row : rows) {
+        std::string ours = row.note.empty() ? rate(row.rate[0]) : "fails (" + row.note + ")";
         std::printf("| %s | %.2f | %s | %s | %s | %s |", row.image.c_str(), row.megapixels,
-                    rate(row.rate[0]).c_str(), rate(row.rate[1]).c_str(),
+                    ours.c_str(), rate(row.rate[1]).c_str(),
                     rate(row.rate[2]).c_str(), ratio(row.rate[0], row.rate[1]).c_str());
         if (encodes)
             std::printf(" %s |", ratio(double(row.bytes[0]), row.bytes[1] ? double(row.bytes[1])
                                                                           : NAN).c_str());
-        std::printf("%s\n", row.note.empty() ? "" : (" " + row.note).c_str());
+        std::printf("\n");
         for (int k = 0; k < kCodecCount; ++k) per[k].push_back(row.rate[k]);
         ratios.push_back(row.rate[0] / row.rate[1]);
     }
