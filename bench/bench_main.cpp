@@ -4,7 +4,7 @@
 // image) per image and codec, the ratio to libjpeg-turbo and geometric means
 // as Markdown. `--heap` measures the library's peak heap instead.
 //
-//   kiv_bench [--min-time S] [--tmp DIR] SOURCE...
+//   kiv_bench [--min-time S] [--reps N] [--case TEXT] [--kiv-only] [--tmp DIR] SOURCE...
 //   kiv_bench --heap [--tmp DIR] LARGE_PHOTO
 #include <chrono>
 #include <cmath>
@@ -69,12 +69,20 @@ double nowSeconds() {
 }
 
 // Best time of repeated runs after one warm-up; NaN when the run failed.
-double bestSeconds(const std::function<std::string()> &once, double minTime,
+struct Options {
+    double minTime = 0.3;  // seconds of measuring per case and codec
+    int minReps = 3;       // runs after the warm-up, at least
+    std::string only;      // run only the cases whose name contains this
+    bool kivOnly = false;  // skip the peers (for profiling)
+};
+
+double bestSeconds(const std::function<std::string()> &once, const Options &options,
                    std::string *error) {
     *error = once();
     if (!error->empty()) return NAN;
     double best = INFINITY, spent = 0;
-    for (int reps = 0; (reps < 3 || spent < minTime) && reps < 200; ++reps) {
+    for (int reps = 0; (reps < options.minReps || spent < options.minTime) && reps < 200;
+         ++reps) {
         double start = nowSeconds();
         once();
         double took = nowSeconds() - start;
@@ -106,14 +114,14 @@ bool prepare(const std::string &path, const std::string &tmp, Inputs *in) {
     return true;
 }
 
-Row measure(const Case &c, const Inputs &in, double minTime) {
+Row measure(const Case &c, const Inputs &in, const Options &options) {
     Row row;
     row.image = in.name;
     row.megapixels = in.pixels.megapixels();
     for (int k = 0; k < kCodecCount; ++k) {
         Codec codec = Codec(k);
         bool losslessWork = c.work == Work::LosslessDecode || c.work == Work::LosslessEncode;
-        if (losslessWork && codec != Codec::Kiv) continue;
+        if ((losslessWork || options.kivOnly) && codec != Codec::Kiv) continue;
         Pixels pixels;
         Bytes bytes;
         const Bytes &lossless = in.lossless[c.losslessBits == 16 ? 1 : 0];
@@ -130,7 +138,7 @@ Row measure(const Case &c, const Inputs &in, double minTime) {
         case Work::LosslessEncode: once = [&] { return encodeLossless(source, &bytes); }; break;
         }
         std::string error;
-        double seconds = bestSeconds(once, minTime, &error);
+        double seconds = bestSeconds(once, options, &error);
         row.rate[k] = row.megapixels / seconds;
         row.bytes[k] = bytes.size();
         if (!error.empty() && codec == Codec::Kiv) row.note = error;
@@ -210,18 +218,20 @@ void printSummary(const std::vector<Case> &cases, const std::vector<Summary> &su
 }
 
 int runBenchmark(const std::vector<std::string> &sources, const std::string &tmp,
-                 double minTime) {
+                 const Options &options) {
     std::vector<Inputs> inputs;
     for (const std::string &path : sources) {
         Inputs in;
         if (prepare(path, tmp, &in)) inputs.push_back(std::move(in));
         else std::fprintf(stderr, "skipped %s: cannot load or convert\n", path.c_str());
     }
-    std::vector<Case> cases = allCases();
+    std::vector<Case> cases;
+    for (const Case &c : allCases())
+        if (c.name.find(options.only) != std::string::npos) cases.push_back(c);
     std::vector<std::vector<Row>> rows(cases.size());
     for (const Inputs &in : inputs) {
         std::fprintf(stderr, "%s (%.1f MP)\n", in.name.c_str(), in.pixels.megapixels());
-        for (size_t i = 0; i < cases.size(); ++i) rows[i].push_back(measure(cases[i], in, minTime));
+        for (size_t i = 0; i < cases.size(); ++i) rows[i].push_back(measure(cases[i], in, options));
     }
     std::printf("### Per image (MP/s of the full-size image)\n");
     std::vector<Summary> summaries;
@@ -240,19 +250,23 @@ int heapReport(const std::string &large, const std::string &tmp);
 int main(int argc, char **argv) {
     std::vector<std::string> sources;
     std::string tmp = "/tmp";
-    double minTime = 0.3;
+    bench::Options options;
     bool heap = false;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
-        if (arg == "--min-time" && i + 1 < argc) minTime = std::atof(argv[++i]);
+        if (arg == "--min-time" && i + 1 < argc) options.minTime = std::atof(argv[++i]);
+        else if (arg == "--reps" && i + 1 < argc) options.minReps = std::atoi(argv[++i]);
+        else if (arg == "--case" && i + 1 < argc) options.only = argv[++i];
+        else if (arg == "--kiv-only") options.kivOnly = true;
         else if (arg == "--tmp" && i + 1 < argc) tmp = argv[++i];
         else if (arg == "--heap") heap = true;
         else sources.push_back(arg);
     }
     if (sources.empty()) {
-        std::fprintf(stderr, "usage: kiv_bench [--min-time S] [--tmp DIR] [--heap] SOURCE...\n");
+        std::fprintf(stderr, "usage: kiv_bench [--min-time S] [--reps N] [--case TEXT] [--kiv-only]"
+                             " [--tmp DIR] [--heap] SOURCE...\n");
         return 2;
     }
     return heap ? bench::heapReport(sources[0], tmp)
-                : bench::runBenchmark(sources, tmp, minTime);
+                : bench::runBenchmark(sources, tmp, options);
 }
