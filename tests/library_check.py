@@ -62,15 +62,23 @@ for line in run("nm", "-D", "--undefined-only", lib).splitlines():
 check(imported <= allowed, f"unexpected imports: {sorted(imported - allowed)}")
 
 # No writable global data of the library's own (toolchain symbols aside).
+# Tables of pointers live in .data.rel.ro, which is read-only after relocation.
 toolchain = {"__dso_handle", "__TMC_END__", "completed.0", "_DYNAMIC",
              "_GLOBAL_OFFSET_TABLE_", "__bss_start", "_edata", "_end",
              "__frame_dummy_init_array_entry", "__do_global_dtors_aux_fini_array_entry"}
 writable = []
-for line in run("nm", "--defined-only", lib).splitlines():
-    parts = line.split()
-    if len(parts) == 3 and parts[1] in "dDbB" and parts[2] not in toolchain:
-        writable.append(parts[2])
+for line in run("objdump", "-t", lib).splitlines():
+    m = re.match(r"[0-9a-f]+\s.{7}\s(\S+)\s+[0-9a-f]+\s+(?:\S+\s+)?(\S+)$", line)
+    if m and m.group(1) in (".data", ".bss") and m.group(2) not in toolchain:
+        writable.append(m.group(2))
 check(not writable, f"writable data: {writable}")
+
+# Built without exceptions and RTTI: no type information, no unwinding tables
+# for C++ exceptions, no personality routine.
+symbols = run("nm", "-a", lib)
+check(not re.search(r"\b_ZT[IS]", symbols), "type information (RTTI) is present")
+check("__gxx_personality" not in symbols, "the C++ exception personality is referenced")
+check(".gcc_except_table" not in run("readelf", "-S", lib), "C++ exception tables are present")
 
 # Handle layout: every '+offset' comment of the 32-bit layout is checked
 # against offsetof, compiled by the same compiler for the 32-bit target.

@@ -1,21 +1,183 @@
-// Not built yet: every entry point of this stage refuses its work.
+// Output colour conversion: writes one upsampled MCU (16-bit samples 0..255,
+// reached through the block map and block pointer table) into the caller's
+// rectangle as 8-bit pixels, clipped at the right and bottom edges. YCbCr
+// becomes B, G, R by the JFIF equations (ISO/IEC 10918-1 leaves the colour
+// space to the application) with 16-bit fixed-point tables; other layouts copy
+// or reorder. One template per layout serves full-size and scaled blocks.
 #include "core/codec.h"
+#include "core/tables.h"
+
+namespace kiv {
+namespace {
+
+// (factor x (c - 128) + 32768) >> 16 for c = 0..255, arithmetic shift.
+constexpr int32_t chromaTerm(int32_t factor, int c) {
+    int64_t v = static_cast<int64_t>(factor) * (c - 128) + 32768;
+    return static_cast<int32_t>(v >> 16);
+}
+
+struct ChromaPair {
+    int32_t first;
+    int32_t second;
+};
+
+// Cr: (to G, to R); Cb: (to B, to G). 91881, 46802, 22554 and 116130 are
+// 1.402, 0.71414, 0.34414 and 1.772 times 65536.
+constexpr Table<ChromaPair, 256> makeCrTable() {
+    Table<ChromaPair, 256> t{};
+    for (int c = 0; c < 256; c++)
+        t.v[c] = {chromaTerm(-46802, c), chromaTerm(91881, c)};
+    return t;
+}
+constexpr Table<ChromaPair, 256> makeCbTable() {
+    Table<ChromaPair, 256> t{};
+    for (int c = 0; c < 256; c++)
+        t.v[c] = {chromaTerm(116130, c), chromaTerm(-22554, c)};
+    return t;
+}
+constexpr auto kCrTable = makeCrTable();
+constexpr auto kCbTable = makeCbTable();
+static_assert(kCrTable[255].second == 178 && kCrTable[128].first == 0 && kCbTable[0].first == -227);
+
+// Clamp of -512..767 to 0..255, reached through a pointer to its zero entry.
+constexpr Table<uint8_t, 1280> makeClamp() {
+    Table<uint8_t, 1280> t{};
+    for (int i = 0; i < 1280; i++) {
+        int v = i - 512;
+        t.v[i] = static_cast<uint8_t>(v < 0 ? 0 : v > 255 ? 255 : v);
+    }
+    return t;
+}
+constexpr auto kClamp = makeClamp();
+constexpr const uint8_t *kClampZero = kClamp.v + 512;
+
+struct Bgr {
+    uint8_t b, g, r;
+};
+
+// Samples outside 0..255 cannot come from the inverse DCT; masking keeps the
+// lookups inside their tables regardless.
+inline Bgr yccToBgr(int32_t y, int32_t cb, int32_t cr) {
+    const ChromaPair &crp = kCrTable[cr & 0xFF];
+    const ChromaPair &cbp = kCbTable[cb & 0xFF];
+    y &= 0xFF;
+    return {kClampZero[y + cbp.first], kClampZero[y + cbp.second + crp.first],
+            kClampZero[y + crp.second]};
+}
+
+enum class Layout { Copy, Reversed, YCbCr };
+
+// Writes the pixel at sample index i of the component blocks src.
+template <int kChannels, Layout kLayout>
+inline void storePixel(const int16_t *const *src, int i, uint8_t *dst) {
+    if constexpr (kLayout == Layout::YCbCr) {
+        Bgr p = yccToBgr(src[0][i], src[1][i], src[2][i]);
+        dst[0] = p.b;
+        dst[1] = p.g;
+        dst[2] = p.r;
+    } else {
+        for (int c = 0; c < kChannels; c++) {
+            int from = kLayout == Layout::Reversed ? kChannels - 1 - c : c;
+            dst[c] = static_cast<uint8_t>(src[from][i]);
+        }
+    }
+}
+
+// Writes rows x cols pixels of one block position; sample rows keep the
+// block's stride of 8.
+template <int kChannels, Layout kLayout>
+void storeBlock(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int step, int rows,
+                int cols) {
+    for (int r = 0; r < rows; r++) {
+        uint8_t *line = dst + r * stride;
+        for (int c = 0; c < cols; c++)
+            storePixel<kChannels, kLayout>(src, 8 * r + c, line + c * step);
+    }
+}
+
+// Walks the MCU's block rows and columns (blocks of 8 samples a side, or
+// 1 << scale level for scaled output), clipping against the rectangle's
+// height and the given width.
+template <int kChannels, Layout kLayout, bool kScaled>
+void convertMcu(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
+    int32_t level = param->scaleLevel < 0 ? 0 : param->scaleLevel > 3 ? 3 : param->scaleLevel;
+    const int n = kScaled ? 1 << level : 8;
+    const int step = rect->channels;
+    const ptrdiff_t stride = rect->stride;
+    const uint32_t hmax = param->hmax;
+    uint8_t *rowBase = rect->pixels + static_cast<ptrdiff_t>(x) * step;
+    int32_t rowsLeft = rect->height;
+    for (uint32_t by = 0; by < param->vmax && rowsLeft > 0; by++) {
+        int rows = rowsLeft < n ? rowsLeft : n;
+        int32_t colsLeft = width;
+        uint8_t *dst = rowBase;
+        for (uint32_t bx = 0; bx < hmax && colsLeft > 0; bx++) {
+            const uint32_t *map = param->blockMap + 4 * (by * hmax + bx);
+            const int16_t *src[kChannels];
+            for (int c = 0; c < kChannels; c++)
+                src[c] = param->blockPointers[map[c]];
+            storeBlock<kChannels, kLayout>(src, dst, stride, step, rows, colsLeft < n ? colsLeft : n);
+            dst += n * step;
+            colsLeft -= n;
+        }
+        rowBase += n * stride;
+        rowsLeft -= n;
+    }
+}
+
+}  // namespace
+}  // namespace kiv
+
+using kiv::Layout;
 
 extern "C" {
 
-void jpgReadCopyGrey(JpgParam *, ComplibRect *, int32_t, int32_t) {}
-void jpgReadCopy2(JpgParam *, ComplibRect *, int32_t, int32_t) {}
-void jpgReadCopy3(JpgParam *, ComplibRect *, int32_t, int32_t) {}
-void jpgReadCopy4(JpgParam *, ComplibRect *, int32_t, int32_t) {}
-void jpgReadCopy3Reversed(JpgParam *, ComplibRect *, int32_t, int32_t) {}
-void jpgReadYUV2Rect(JpgParam *, ComplibRect *, int32_t, int32_t) {}
-void jpgReadScaledCopyGrey(JpgParam *, ComplibRect *, int32_t, int32_t) {}
-void jpgReadScaledCopy2(JpgParam *, ComplibRect *, int32_t, int32_t) {}
-void jpgReadScaledCopy3(JpgParam *, ComplibRect *, int32_t, int32_t) {}
-void jpgReadScaledCopy4(JpgParam *, ComplibRect *, int32_t, int32_t) {}
-void jpgReadScaledCopy3Reversed(JpgParam *, ComplibRect *, int32_t, int32_t) {}
-void jpgReadScaledYUV2Rect(JpgParam *, ComplibRect *, int32_t, int32_t) {}
-void jpgReadYuv2RGB(int32_t *, int32_t *, int32_t *, int32_t, int32_t, int32_t) {}
-JpgReadColorConvertFunc jpgGetReadColorConvertGenericFunc(uint32_t) { return nullptr; }
+#define KIV_CONVERTER(name, channels, layout, scaled)                               \
+    void name(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {       \
+        kiv::convertMcu<channels, Layout::layout, scaled>(param, rect, x, width);   \
+    }
+
+KIV_CONVERTER(jpgReadCopyGrey, 1, Copy, false)
+KIV_CONVERTER(jpgReadCopy2, 2, Copy, false)
+KIV_CONVERTER(jpgReadCopy3, 3, Copy, false)
+KIV_CONVERTER(jpgReadCopy4, 4, Copy, false)
+KIV_CONVERTER(jpgReadCopy3Reversed, 3, Reversed, false)
+KIV_CONVERTER(jpgReadYUV2Rect, 3, YCbCr, false)
+KIV_CONVERTER(jpgReadScaledCopyGrey, 1, Copy, true)
+KIV_CONVERTER(jpgReadScaledCopy2, 2, Copy, true)
+KIV_CONVERTER(jpgReadScaledCopy3, 3, Copy, true)
+KIV_CONVERTER(jpgReadScaledCopy4, 4, Copy, true)
+KIV_CONVERTER(jpgReadScaledCopy3Reversed, 3, Reversed, true)
+KIV_CONVERTER(jpgReadScaledYUV2Rect, 3, YCbCr, true)
+
+#undef KIV_CONVERTER
+
+void jpgReadYuv2RGB(int32_t *r, int32_t *g, int32_t *b, int32_t y, int32_t cb, int32_t cr) {
+    kiv::Bgr p = kiv::yccToBgr(y, cb, cr);
+    if (r != nullptr)
+        *r = p.r;
+    if (g != nullptr)
+        *g = p.g;
+    if (b != nullptr)
+        *b = p.b;
+}
+
+JpgReadColorConvertFunc jpgGetReadColorConvertGenericFunc(uint32_t id) {
+    switch (id) {
+    case 0x20201: return jpgReadCopyGrey;
+    case 0x20202: return jpgReadCopy2;
+    case 0x20203: return jpgReadCopy3;
+    case 0x20204: return jpgReadCopy4;
+    case 0x1020203: return jpgReadCopy3Reversed;
+    case 0x2020203: return jpgReadYUV2Rect;
+    case 0x40020201: return jpgReadScaledCopyGrey;
+    case 0x40020202: return jpgReadScaledCopy2;
+    case 0x40020203: return jpgReadScaledCopy3;
+    case 0x40020204: return jpgReadScaledCopy4;
+    case 0x41020203: return jpgReadScaledCopy3Reversed;
+    case 0x42020203: return jpgReadScaledYUV2Rect;
+    default: return nullptr;
+    }
+}
 
 }  // extern "C"

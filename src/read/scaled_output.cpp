@@ -1,14 +1,283 @@
-// Not built yet: every entry point of this stage refuses its work.
+// Scaled output: decodes a sequential DCT image straight to 1/8, 1/4 or 1/2
+// of its size. Each block keeps only its low-frequency coefficients, which a
+// reduced inverse transform (ISO/IEC 10918-1 A.3.3 restricted to 1, 2 or 4
+// points) turns into the top-left 1x1, 2x2 or 4x4 corner of the 64-slot block
+// (row stride 8); scaled upsampling and conversion then fill the rectangle.
+// There is no one-MCU lookahead: scaled upsampling only replicates.
 #include "core/codec.h"
+#include "read/scaled_transforms.h"
+
+namespace kiv {
+namespace {
+
+constexpr int32_t sra(uint32_t v, int s) { return static_cast<int32_t>(v) >> s; }
+
+inline int16_t clipSample(uint32_t index) { return static_cast<int16_t>(PixClipTable[index & 0x3FF]); }
+
+// sqrt(2) cos(pi/8) and sqrt(2) sin(pi/8) scaled by 4096.
+constexpr uint32_t kK1 = 5352, kK3 = 2217;
+
+// 4-point butterfly; out in the order (e0 + o0), (e1 - o1), (e1 + o1), (e0 - o0).
+inline void butterfly4(const uint32_t *x, uint32_t *out) {
+    uint32_t e0 = (x[0] + x[2]) << 12, e1 = (x[0] - x[2]) << 12;
+    uint32_t o0 = kK1 * x[1] + kK3 * x[3], o1 = kK1 * x[3] - kK3 * x[1];
+    out[0] = e0 + o0;
+    out[1] = e1 - o1;
+    out[2] = e1 + o1;
+    out[3] = e0 - o0;
+}
+
+}  // namespace
+
+// Level 0: the block's only sample is its rounded DC.
+void reduceTo1x1(int16_t *block) { block[0] = clipSample(sra(static_cast<uint32_t>(block[0]) + 4, 3)); }
+
+// Level 1: 2-point transforms on F00, F01, F10, F11.
+void reduceTo2x2(int16_t *block) {
+    int32_t f00 = block[0], f01 = block[1], f10 = block[8], f11 = block[9];
+    int32_t a = f00 + f10, b = f00 - f10, c = f01 + f11, d = f01 - f11;
+    block[0] = clipSample((a + c + 4) >> 3);
+    block[1] = clipSample((a - c + 4) >> 3);
+    block[8] = clipSample((b + d + 4) >> 3);
+    block[9] = clipSample((b - d + 4) >> 3);
+}
+
+// Level 2: 4-point transform of rows and columns 0-3 (32-bit register arithmetic).
+void reduceTo4x4(int16_t *block) {
+    uint32_t work[16];
+    for (int c = 0; c < 4; c++) {
+        uint32_t x[4], y[4];
+        for (int i = 0; i < 4; i++)
+            x[i] = static_cast<uint32_t>(static_cast<int32_t>(block[8 * i + c]));
+        butterfly4(x, y);
+        for (int i = 0; i < 4; i++)
+            work[4 * i + c] = static_cast<uint32_t>(sra(y[i] + 2048, 12));
+    }
+    for (int r = 0; r < 4; r++) {
+        uint32_t y[4];
+        butterfly4(work + 4 * r, y);
+        for (int i = 0; i < 4; i++)
+            block[8 * r + i] = clipSample(sra(y[i] + 16384, 15));
+    }
+}
+
+namespace {
+
+constexpr uint32_t kEoi = 0xFFD9;
+constexpr uint32_t kLastSequentialSof = 0xFFC1;
+
+// Zig-zag positions kept per level: 1 (the DC), 4 and 24.
+constexpr uint32_t kLimits[3] = {0, 4, 24};
+
+// Clears the slots the level's transform reads that decoding may not write,
+// then decodes, then reduces.
+template <int kLevel>
+JpgStatus decodeScaledBlock(JpgParam *param, int16_t *block, JpgComponent *comp) {
+    if constexpr (kLevel == 1) {
+        block[1] = block[8] = block[9] = 0;
+    } else if constexpr (kLevel == 2) {
+        for (int i = 0; i < 32; i++)
+            block[i] = 0;
+    }
+    JpgStatus status = jpgReadGetScaleCoefficient(param, block, comp, kLimits[kLevel]);
+    if (status != JPG_STATUS_OK)
+        return status;
+    if constexpr (kLevel == 0)
+        reduceTo1x1(block);
+    else if constexpr (kLevel == 1)
+        reduceTo2x2(block);
+    else
+        reduceTo4x4(block);
+    return JPG_STATUS_OK;
+}
+
+// Decodes one MCU at the given level into the MCU buffer and keeps the
+// scan's MCU counters as the full-size MCU routine does.
+template <int kLevel>
+JpgStatus decodeScaledMcu(JpgParam *param) {
+    uint32_t count = param->numComponents > 4 ? 4 : param->numComponents;
+    uint32_t total = 0;
+    for (uint32_t c = 0; c < count; c++)
+        total += param->components[c].blocks;
+    if (total == 0)
+        return JPG_STATUS_FAILED;
+    if (total > param->blocksPerMcu)
+        return JPG_STATUS_BAD_DATA;
+    int16_t *block = param->mcuBuffer;
+    for (uint32_t c = 0; c < count; c++) {
+        JpgComponent *comp = &param->components[c];
+        for (uint32_t b = 0; b < comp->blocks; b++, block += 64) {
+            JpgStatus status = decodeScaledBlock<kLevel>(param, block, comp);
+            if (status != JPG_STATUS_OK)
+                return status;
+        }
+    }
+    if (--param->mcusLeft == 0) {
+        param->currentMarker = kEoi;
+        return JPG_STATUS_OK;
+    }
+    if (++param->mcuAddress == param->restartInterval)
+        jpgReadEpilogEntropyCodedSegment(param);
+    return JPG_STATUS_OK;
+}
+
+uint32_t scaledSize(uint32_t size, uint32_t level) {
+    uint32_t s = size >> (3 - level);
+    return s < 1 ? 1 : s;
+}
+
+// Common checks of the two output entry points; on success the level is set
+// and the scaled routines are present.
+JpgStatus prepareScaledOutput(JpgParam *param, const ComplibRect *rect, uint32_t level) {
+    if (jpgCheckParam(param) == nullptr || rect == nullptr || rect->pixels == nullptr)
+        return JPG_STATUS_INVALID_HANDLE;
+    if (param->frameMarker > kLastSequentialSof ||
+        param->numComponents > static_cast<uint32_t>(rect->channels < 0 ? 0 : rect->channels))
+        return JPG_STATUS_NOT_SUPPORTED;
+    JpgStatus status = jpgReadScaleOutputSetLevel(param, level);
+    if (status != JPG_STATUS_OK)
+        return status;
+    const JpgRoutines &r = param->routines;
+    if (r.mcuScaled == nullptr || r.upsampleScaled == nullptr || r.convertScaled == nullptr)
+        return JPG_STATUS_NOT_SUPPORTED;
+    return JPG_STATUS_OK;
+}
+
+// Decodes `mcus` MCUs of the current MCU row and converts them side by side
+// into rect, clipped to `pixels` columns (MCUs past them are only decoded).
+JpgStatus scaledMcuRun(JpgParam *param, ComplibRect *rect, int64_t mcus, int64_t pixels,
+                       int32_t mcuWidth) {
+    int32_t x = 0;
+    for (; mcus > 0; mcus--) {
+        if (param->currentMarker == kEoi)
+            return JPG_STATUS_UNEXPECTED_END;
+        JpgStatus status = param->routines.mcuScaled(param);
+        if (status != JPG_STATUS_OK)
+            return status;
+        if (pixels > 0) {
+            param->routines.upsampleScaled(param);
+            param->routines.convertScaled(param, rect, x,
+                                          static_cast<int32_t>(pixels < mcuWidth ? pixels : mcuWidth));
+        }
+        x += mcuWidth;
+        pixels -= mcuWidth;
+    }
+    return JPG_STATUS_OK;
+}
+
+// Consumes the data of an MCU that has no pixel at this scale.
+void skipMcu(JpgParam *param) {
+    if (param->currentMarker == kEoi)
+        return;
+    JpgMcuFunc level0 = jpgGetReadMCUFunc(0x001, param->processorFlag);
+    (level0 != nullptr ? level0 : jpgReadScaleOutputLevel0MCU)(param);
+}
+
+}  // namespace
+}  // namespace kiv
 
 extern "C" {
 
-JpgStatus jpgReadScaleOutputGetImageSize(JpgParam *, uint32_t *, uint32_t *, uint32_t) { return JPG_STATUS_NOT_SUPPORTED; }
-JpgStatus jpgReadScaleOutputSetLevel(JpgParam *, uint32_t) { return JPG_STATUS_NOT_SUPPORTED; }
-JpgStatus jpgReadScaleOutputLevel0MCU(JpgParam *) { return JPG_STATUS_NOT_SUPPORTED; }
-JpgStatus jpgReadScaleOutputLevel1MCU(JpgParam *) { return JPG_STATUS_NOT_SUPPORTED; }
-JpgStatus jpgReadScaleOutputLevel2MCU(JpgParam *) { return JPG_STATUS_NOT_SUPPORTED; }
-JpgStatus jpgReadScaleOutputToRect(JpgParam *, ComplibRect *, uint32_t, uint32_t) { return JPG_STATUS_NOT_SUPPORTED; }
-JpgStatus jpgReadScaleOutputMcuToRect(JpgParam *, ComplibRect *, uint32_t, uint32_t) { return JPG_STATUS_NOT_SUPPORTED; }
+JpgStatus jpgReadScaleOutputGetImageSize(JpgParam *param, uint32_t *width, uint32_t *height,
+                                         uint32_t level) {
+    if (jpgCheckParam(param) == nullptr)
+        return JPG_STATUS_INVALID_HANDLE;
+    if (level > 3)
+        return JPG_STATUS_INVALID_PARAMETER;
+    if (width == nullptr || height == nullptr)
+        return JPG_STATUS_INVALID_HANDLE;
+    if (param->frameMarker > kiv::kLastSequentialSof)
+        return JPG_STATUS_NOT_SUPPORTED;
+    *width = kiv::scaledSize(param->width, level);
+    *height = kiv::scaledSize(param->height, level);
+    return JPG_STATUS_OK;
+}
+
+// Any change of level restarts decoding at the first scan, except the very
+// first choice on a stream that has not been decoded yet.
+JpgStatus jpgReadScaleOutputSetLevel(JpgParam *param, uint32_t level) {
+    // Checked so that a null or released handle fails instead of being written.
+    if (jpgCheckParam(param) == nullptr)
+        return JPG_STATUS_INVALID_HANDLE;
+    if (level > 2)
+        return JPG_STATUS_INVALID_PARAMETER;
+    if (param->scaleLevel == static_cast<int32_t>(level))
+        return JPG_STATUS_OK;
+    if (param->scaleLevel != -1 || (param->mode & kModeRewind) != 0) {
+        param->mode &= ~kModeRewind;
+        JpgStatus status = jpgReadRewindJPEGFile(param, param->firstScanOffset, 1);
+        if (status != JPG_STATUS_OK)
+            return status;
+    }
+    param->scaleLevel = static_cast<int32_t>(level);
+    uint32_t process = param->precision == 8 ? 0x1 : 0x10001;
+    param->routines.mcuScaled = jpgGetReadMCUFunc((level << 8) | process, param->processorFlag);
+    return JPG_STATUS_OK;
+}
+
+JpgStatus jpgReadScaleOutputLevel0MCU(JpgParam *param) { return kiv::decodeScaledMcu<0>(param); }
+JpgStatus jpgReadScaleOutputLevel1MCU(JpgParam *param) { return kiv::decodeScaledMcu<1>(param); }
+JpgStatus jpgReadScaleOutputLevel2MCU(JpgParam *param) { return kiv::decodeScaledMcu<2>(param); }
+
+JpgStatus jpgReadScaleOutputToRect(JpgParam *param, ComplibRect *rect, uint32_t lines,
+                                   uint32_t level) {
+    if (level == 3)
+        return jpgReadToRect(param, rect, lines);
+    JpgStatus status = kiv::prepareScaledOutput(param, rect, level);
+    if (status != JPG_STATUS_OK)
+        return status;
+    int32_t w = static_cast<int32_t>(param->mcuWidth >> (3 - level));
+    int32_t h = static_cast<int32_t>(param->mcuHeight >> (3 - level));
+    uint32_t scaledWidth = kiv::scaledSize(param->width, level);
+    uint32_t scaledHeight = kiv::scaledSize(param->height, level);
+    if (w < 1 || h < 1)
+        return JPG_STATUS_BAD_DATA;
+
+    // Rounding the scaled width down can leave the row's last MCU without a pixel.
+    uint32_t mcus = param->mcusPerRow;
+    bool skipLast = mcus > (scaledWidth + w - 1) / static_cast<uint32_t>(w);
+    if (skipLast)
+        mcus--;
+
+    int64_t left = static_cast<int64_t>(scaledHeight) - param->processedLines;
+    if (left < 1)
+        return JPG_STATUS_UNEXPECTED_END;
+    int64_t remaining = lines < left ? lines : left;
+    // A rectangle narrower than the image still consumes whole MCU rows, so
+    // that the next row starts at its first MCU.
+    int64_t rowPixels = static_cast<int64_t>(mcus) * w;
+    if (rect->width < rowPixels)
+        rowPixels = rect->width < 0 ? 0 : rect->width;
+
+    ComplibRect sub = *rect;
+    while (remaining > 0 && status == JPG_STATUS_OK) {
+        sub.height = static_cast<int32_t>(remaining < h ? remaining : h);
+        status = kiv::scaledMcuRun(param, &sub, mcus, rowPixels, w);
+        if (status == JPG_STATUS_OK && skipLast)
+            kiv::skipMcu(param);
+        param->processedLines += static_cast<uint32_t>(sub.height);
+        remaining -= h;
+        sub.pixels += static_cast<ptrdiff_t>(sub.stride) * h;
+    }
+    return status;
+}
+
+JpgStatus jpgReadScaleOutputMcuToRect(JpgParam *param, ComplibRect *rect, uint32_t count,
+                                      uint32_t level) {
+    if (level == 3)
+        return jpgReadMcuToRect(param, rect, count);
+    JpgStatus status = kiv::prepareScaledOutput(param, rect, level);
+    if (status != JPG_STATUS_OK)
+        return status;
+    int32_t w = static_cast<int32_t>(param->mcuWidth >> (3 - level));
+    if (w < 1)
+        return JPG_STATUS_BAD_DATA;
+    // Every requested MCU is decoded, so that the next call starts at the
+    // following one; those beyond the rectangle's width are not converted.
+    int64_t pixels = static_cast<int64_t>(count) * w;
+    if (rect->width < pixels)
+        pixels = rect->width < 0 ? 0 : rect->width;
+    return kiv::scaledMcuRun(param, rect, count, pixels, w);
+}
 
 }  // extern "C"

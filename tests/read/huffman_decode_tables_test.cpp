@@ -1,0 +1,314 @@
+// Huffman decode tables: the lookup levels are checked window by window
+// against a plain decoder that walks the canonical code list, on the Annex K
+// tables, random valid tables and optimised tables whose long codes skip the
+// second AC level; the layout of the Annex K tables is pinned.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+
+#include "annex_k_tables.h"
+#include "core/tables.h"
+#include "core/handle.h"
+
+namespace {
+
+using kivtest::HuffmanSpec;
+
+struct Handle {
+    JpgParam *p = jpgProlog(nullptr);
+    ~Handle() { jpgEpilog(p); }
+};
+
+JpgStatus generate(JpgParam *p, const HuffmanSpec &spec, uint8_t classId) {
+    auto buffer = kivtest::specBuffer(spec, classId);
+    return jpgGenerateHuffmanTable(p, buffer.data(), static_cast<uint32_t>(spec.values.size()));
+}
+
+// What a 16-bit window starting at a code decodes to.
+struct Decoded {
+    bool valid = false;
+    int symbol = 0;
+    int codeLength = 0;
+    bool hasValue = false;  // the entry carried the extended magnitude
+    int value = 0;
+};
+
+// Reference: canonical codes (Annex C) and a linear search.
+Decoded referenceDecode(const HuffmanSpec &spec, uint32_t window) {
+    uint32_t code = 0;
+    size_t k = 0;
+    for (int length = 1; length <= 16; length++) {
+        for (int j = 0; j < spec.bits[length - 1]; j++, k++, code++) {
+            if ((window >> (16 - length)) == code) {
+                Decoded d;
+                d.valid = true;
+                d.symbol = spec.values[k];
+                d.codeLength = length;
+                int size = d.symbol & 15;
+                if (length + size <= 16) {
+                    uint32_t raw = ((window << length) & 0xFFFF) >> (16 - size);
+                    d.value = size ? kiv::extend(static_cast<int32_t>(raw), size) : 0;
+                }
+                return d;
+            }
+        }
+        code <<= 1;
+    }
+    return {};
+}
+
+// The lookup rules of the block decoders.
+Decoded tableDecode(const JpgHuffmanTable &t, uint32_t window, bool ac) {
+    const JpgHuffLevel *lv = t.level;
+    uint32_t entry;
+    bool composite = true;
+    uint32_t index = window >> lv[0].shift;
+    if (index < lv[0].limit) {
+        entry = lv[0].entries[index];
+    } else {
+        int level = ac && window < lv[1].limit ? 1 : ac ? 2 : 1;
+        composite = ac && level == 1;
+        const JpgHuffLevel &l = lv[level];
+        uint32_t i = (window & l.mask) >> l.shift;
+        if (l.entries == nullptr || i >= l.count)
+            return {};
+        entry = l.entries[i];
+    }
+    if (entry == 0xFFFF0000u)
+        return {};
+    Decoded d;
+    d.valid = true;
+    d.symbol = (entry >> 8) & 0xFF;
+    int size = d.symbol & 15;
+    int consumed = entry & 0xFF;
+    d.hasValue = composite && size > 0;
+    d.codeLength = d.hasValue ? consumed - size : consumed;
+    d.value = d.hasValue ? static_cast<int16_t>(entry >> 16) : 0;
+    return d;
+}
+
+void expectSameDecoding(const JpgHuffmanTable &t, const HuffmanSpec &spec, bool ac) {
+    int mismatches = 0;
+    for (uint32_t w = 0; w < 0x10000 && mismatches < 5; w++) {
+        Decoded want = referenceDecode(spec, w);
+        Decoded got = tableDecode(t, w, ac);
+        bool same = want.valid == got.valid &&
+                    (!want.valid || (want.symbol == got.symbol && want.codeLength == got.codeLength &&
+                                     (!got.hasValue || want.value == got.value)));
+        if (!same) {
+            ADD_FAILURE() << "window " << std::hex << w << ": reference valid " << want.valid
+                          << " symbol " << want.symbol << " length " << std::dec
+                          << want.codeLength << ", tables valid " << got.valid << " symbol "
+                          << std::hex << got.symbol << " length " << std::dec << got.codeLength;
+            mismatches++;
+        }
+    }
+}
+
+TEST(HuffmanTables, LuminanceDcLayout) {
+    Handle h;
+    ASSERT_EQ(generate(h.p, kivtest::kLuminanceDc, 0x00), JPG_STATUS_OK);
+    const JpgHuffmanTable &t = h.p->dcTables[0];
+    EXPECT_EQ(t.numCodes, 12u);
+    EXPECT_EQ(t.maxLength, 9u);
+    EXPECT_EQ(t.slowMaxLength, 9u);
+    // Level 1: symbols 0 to 5, width 8; symbol 6 (4 + 6 bits) is the first it leaves.
+    EXPECT_EQ(t.level[0].shift, 8u);
+    EXPECT_EQ(t.level[0].count, 256u);
+    EXPECT_EQ(t.level[0].limit, 0xE0u);
+    EXPECT_EQ(t.level[0].entries[0], (0u << 8) | 2);               // "00", size 0
+    EXPECT_EQ(t.level[0].entries[0x40], 0xFFFF0000u | (1 << 8) | 4);  // "010" then 0: -1
+    EXPECT_EQ(t.level[0].entries[0x50], 0x00010000u | (1 << 8) | 4);  // "010" then 1: +1
+    EXPECT_EQ(t.level[0].entries[0x60], 0xFFFD0000u | (2 << 8) | 5);  // "011" then 00: -3
+    // Level 2: symbols 6 to 11 without values, under the three leading ones of "1110".
+    EXPECT_EQ(t.level[1].mask, 0x1FFFu);
+    EXPECT_EQ(t.level[1].shift, 7u);
+    EXPECT_EQ(t.level[1].count, 64u);
+    EXPECT_EQ(t.level[1].limit, 0x10000u);
+    EXPECT_EQ(t.level[1].entries[0], (6u << 8) | 4);                 // "1110"
+    EXPECT_EQ(t.level[1].entries[62], (11u << 8) | 9);               // "111111110"
+    EXPECT_EQ(t.level[1].entries[63], 0xFFFF0000u);                  // nine ones: no code
+    EXPECT_EQ(t.level[2].entries, nullptr);
+    // The code list is right-aligned again.
+    EXPECT_EQ(t.codes[6].code, 0xEu);
+    EXPECT_EQ(t.codes[6].length, 4);
+    EXPECT_EQ(t.codes[12].length, 0);
+    expectSameDecoding(t, kivtest::kLuminanceDc, false);
+}
+
+TEST(HuffmanTables, LuminanceAcLayout) {
+    Handle h;
+    ASSERT_EQ(generate(h.p, kivtest::kLuminanceAc, 0x10), JPG_STATUS_OK);
+    const JpgHuffmanTable &t = h.p->acTables[0];
+    EXPECT_EQ(t.numCodes, 162u);
+    EXPECT_EQ(t.slowMaxLength, 16u);
+    // Level 1 ends at 0x06 (7 + 6 bits > 11); its widest entry is 0x05 (5 + 5).
+    EXPECT_EQ(t.level[0].shift, 6u);
+    EXPECT_EQ(t.level[0].limit, 0x78u << 3);
+    // End of block "1010" and its repeats are symbol-only.
+    EXPECT_EQ(t.level[0].entries[0xA000 >> 6], (0x00u << 8) | 4);
+    // Level 2: from 0x06 ("1111000", four leading ones) to 0xA1; width 15.
+    EXPECT_EQ(t.level[1].mask, 0x0FFFu);
+    EXPECT_EQ(t.level[1].shift, 1u);
+    EXPECT_EQ(t.level[1].count, 2048u);
+    EXPECT_EQ(t.level[1].limit, 0x3F6u << 6);  // 0x08, "1111110110"
+    // Level 3: the rest, symbol-only, six leading ones, width 16.
+    EXPECT_EQ(t.level[2].mask, 0x03FFu);
+    EXPECT_EQ(t.level[2].shift, 0u);
+    EXPECT_EQ(t.level[2].count, 1024u);
+    EXPECT_EQ(t.level[2].limit, 0x10000u);
+    EXPECT_EQ(t.level[2].entries[0xFFFE & 0x3FF], (0xFAu << 8) | 16);
+    expectSameDecoding(t, kivtest::kLuminanceAc, true);
+}
+
+TEST(HuffmanTables, ChrominanceTablesDecodeEveryWindow) {
+    Handle h;
+    ASSERT_EQ(generate(h.p, kivtest::kChrominanceDc, 0x01), JPG_STATUS_OK);
+    ASSERT_EQ(generate(h.p, kivtest::kChrominanceAc, 0x11), JPG_STATUS_OK);
+    expectSameDecoding(h.p->dcTables[1], kivtest::kChrominanceDc, false);
+    expectSameDecoding(h.p->acTables[1], kivtest::kChrominanceAc, true);
+    // ZRL (0xF0) carries no magnitude wherever it sits.
+    int seen = 0;
+    for (uint32_t w = 0; w < 0x10000; w++) {
+        Decoded d = tableDecode(h.p->acTables[1], w, true);
+        if (d.valid && d.symbol == 0xF0) {
+            EXPECT_FALSE(d.hasValue);
+            seen++;
+        }
+    }
+    EXPECT_GT(seen, 0);
+}
+
+// Random complete and incomplete code spaces with random symbols.
+HuffmanSpec randomSpec(std::mt19937 &rng, bool ac) {
+    HuffmanSpec spec{};
+    uint32_t room = 1;  // free codes at the current length
+    int total = 0;
+    int maxTotal = ac ? 162 : 12;
+    for (int length = 1; length <= 16; length++) {
+        room *= 2;
+        uint32_t n = std::uniform_int_distribution<uint32_t>(0, std::min<uint32_t>(room - 1, 12))(rng);
+        if (length == 16 || total + static_cast<int>(n) > maxTotal)
+            n = std::min<uint32_t>(room - 1, static_cast<uint32_t>(maxTotal - total));
+        spec.bits[length - 1] = static_cast<uint8_t>(n);
+        room -= n;
+        total += static_cast<int>(n);
+        if (total == maxTotal)
+            break;
+    }
+    for (int i = 0; i < total; i++) {
+        int size = std::uniform_int_distribution<int>(0, ac ? 10 : 11)(rng);
+        int run = ac ? std::uniform_int_distribution<int>(0, 15)(rng) : 0;
+        spec.values.push_back(static_cast<uint8_t>(run << 4 | size));
+    }
+    return spec;
+}
+
+TEST(HuffmanTables, RandomTablesDecodeEveryWindow) {
+    std::mt19937 rng(1234);
+    Handle h;
+    for (int round = 0; round < 40; round++) {
+        bool ac = round % 2 == 1;
+        HuffmanSpec spec = randomSpec(rng, ac);
+        uint8_t id = static_cast<uint8_t>(round / 2 % 4);
+        ASSERT_EQ(generate(h.p, spec, static_cast<uint8_t>((ac ? 0x10 : 0) | id)), JPG_STATUS_OK);
+        SCOPED_TRACE(round);
+        expectSameDecoding(ac ? h.p->acTables[id] : h.p->dcTables[id], spec, ac);
+    }
+}
+
+// An optimised table (as jpegtran -optimize writes for smooth images) whose
+// first code past level 1 already carries a large magnitude: level 2 takes
+// nothing and the long codes must be found in level 3.
+const HuffmanSpec kEmptySecondLevel = {
+    {0, 2, 1, 2, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3},
+    {0x00, 0x01, 0x02, 0x0A, 0x11, 0x09, 0x21, 0x03, 0x31, 0x41}};
+
+TEST(HuffmanTables, EmptySecondAcLevelRoutesLongCodesToTheThird) {
+    Handle h;
+    ASSERT_EQ(generate(h.p, kEmptySecondLevel, 0x12), JPG_STATUS_OK);
+    const JpgHuffmanTable &t = h.p->acTables[2];
+    EXPECT_EQ(t.level[1].entries, nullptr);
+    EXPECT_NE(t.level[2].entries, nullptr);
+    expectSameDecoding(t, kEmptySecondLevel, true);
+}
+
+TEST(HuffmanTables, RedefinitionReplacesTheTable) {
+    Handle h;
+    ASSERT_EQ(generate(h.p, kivtest::kLuminanceAc, 0x13), JPG_STATUS_OK);
+    ASSERT_EQ(generate(h.p, kivtest::kChrominanceAc, 0x13), JPG_STATUS_OK);
+    expectSameDecoding(h.p->acTables[3], kivtest::kChrominanceAc, true);
+    ASSERT_EQ(generate(h.p, kivtest::kLuminanceDc, 0x03), JPG_STATUS_OK);
+    ASSERT_EQ(generate(h.p, kivtest::kChrominanceDc, 0x03), JPG_STATUS_OK);
+    expectSameDecoding(h.p->dcTables[3], kivtest::kChrominanceDc, false);
+}
+
+TEST(HuffmanTables, BadSpecifications) {
+    Handle h;
+    HuffmanSpec tooMany{};
+    tooMany.bits[8] = 255;
+    tooMany.bits[9] = 1;  // 256 codes
+    tooMany.values.assign(256, 0x01);
+    EXPECT_EQ(generate(h.p, tooMany, 0x10), JPG_STATUS_BAD_DATA);
+    HuffmanSpec overfull{};
+    overfull.bits[0] = 3;  // three one-bit codes do not exist
+    overfull.values = {0, 1, 2};
+    EXPECT_EQ(generate(h.p, overfull, 0x00), JPG_STATUS_BAD_DATA);
+    EXPECT_EQ(h.p->dcTables[0].numCodes, 0u);
+    EXPECT_EQ(h.p->dcTables[0].level[0].limit, 0u);  // nothing a decoder could take
+    HuffmanSpec counted = kivtest::kLuminanceDc;
+    auto buffer = kivtest::specBuffer(counted, 0x00);
+    EXPECT_EQ(jpgGenerateHuffmanTable(h.p, buffer.data(), 5), JPG_STATUS_BAD_DATA);  // BITS say 12
+    EXPECT_EQ(jpgGenerateHuffmanTable(h.p, buffer.data(), 12), JPG_STATUS_OK);
+    buffer[272] = 0x04;
+    EXPECT_EQ(jpgGenerateHuffmanTable(h.p, buffer.data(), 12), JPG_STATUS_BAD_DATA);
+    EXPECT_EQ(jpgGenerateHuffmanTable(nullptr, buffer.data(), 12), JPG_STATUS_INVALID_HANDLE);
+}
+
+TEST(HuffmanTables, EmptySpecificationHasNoLevels) {
+    Handle h;
+    HuffmanSpec empty{};
+    ASSERT_EQ(generate(h.p, empty, 0x11), JPG_STATUS_OK);
+    const JpgHuffmanTable &t = h.p->acTables[1];
+    EXPECT_EQ(t.numCodes, 0u);
+    EXPECT_EQ(t.codes[0].length, 0);
+    for (const JpgHuffLevel &l : t.level)
+        EXPECT_EQ(l.entries, nullptr);
+    EXPECT_EQ(t.level[0].limit, 0u);
+    for (uint32_t w = 0; w < 0x10000; w += 97)
+        EXPECT_FALSE(tableDecode(t, w, true).valid);
+}
+
+TEST(HuffmanTables, SymbolIndexLookup) {
+    Handle h;
+    h.p->frameMarker = 0xFFC0;
+    h.p->dhtList[0] = 0x00;
+    h.p->dhtList[1] = 0x10;
+    h.p->dhtList[2] = -1;
+    ASSERT_EQ(generate(h.p, kivtest::kLuminanceDc, 0x00), JPG_STATUS_OK);
+    ASSERT_EQ(generate(h.p, kivtest::kLuminanceAc, 0x10), JPG_STATUS_OK);
+    ASSERT_EQ(jpgReadInitializeDecVLCTable(h.p), JPG_STATUS_OK);
+    const JpgHuffmanTable &dc = h.p->dcTables[0];
+    ASSERT_NE(dc.symbolIndex, nullptr);
+    for (uint32_t prefix = 0; prefix < 512; prefix++) {
+        Decoded want = referenceDecode(kivtest::kLuminanceDc, prefix << 7);
+        ASSERT_TRUE(want.valid || prefix == 511);
+        if (want.valid)
+            EXPECT_EQ(kivtest::kLuminanceDc.values[dc.symbolIndex[prefix]], want.symbol);
+        else
+            EXPECT_EQ(dc.symbolIndex[prefix], 0xFF);
+    }
+    const JpgHuffmanTable &ac = h.p->acTables[0];
+    for (uint32_t prefix = 0; prefix < 0x10000; prefix += 13) {
+        Decoded want = referenceDecode(kivtest::kLuminanceAc, prefix);
+        if (want.valid)
+            EXPECT_EQ(kivtest::kLuminanceAc.values[ac.symbolIndex[prefix]], want.symbol);
+    }
+    h.p->dhtList[0] = -1;
+    EXPECT_EQ(jpgReadInitializeDecVLCTable(h.p), JPG_STATUS_FAILED);
+    h.p->frameMarker = 0xFFC9;
+    EXPECT_EQ(jpgReadInitializeDecVLCTable(h.p), JPG_STATUS_NOT_SUPPORTED);
+}
+
+}  // namespace
