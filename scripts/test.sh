@@ -17,12 +17,19 @@ command -v djpeg >/dev/null || need+=(libjpeg-turbo-progs)
 command -v readelf >/dev/null || need+=(binutils)
 [ -d /usr/share/backgrounds/mate ] || need+=(mate-backgrounds)
 [ -d /usr/share/backgrounds/ukui ] || need+=(ukui-wallpapers)
+[ -f /usr/include/png.h ] || need+=(libpng-dev)
+command -v pkg-config >/dev/null || need+=(pkg-config)
+command -v ffmpeg >/dev/null || need+=(ffmpeg)
+command -v npm >/dev/null || need+=(nodejs npm)
 if [ ${#need[@]} -gt 0 ]; then
   echo "installing: ${need[*]}"
   export DEBIAN_FRONTEND=noninteractive
   apt-get update -qq
   apt-get install -y -qq "${need[@]}" >/dev/null
 fi
+# Independent lossless decoder for the tests (test-only, never linked).
+[ -d build/npm/node_modules/jpeg-lossless-decoder-js ] ||
+  npm install --prefix build/npm jpeg-lossless-decoder-js >/dev/null
 
 build() {  # name, extra cmake arguments...
   local dir=build/$1; shift

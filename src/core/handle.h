@@ -134,6 +134,7 @@ struct JpgDecodeState {
     int16_t *coefBase;         // progressive coefficient memory
     int16_t *coefCursor;
     uint32_t scanBlockOffset;  // block offset of the scan's first component in an MCU
+    uint8_t scanComponents[4]; // frame index of each scan component, in scan order
 };
 
 // Encode-side state (write handles only).

@@ -65,8 +65,9 @@ uint32_t lookupAc(kiv::BitState &bits, const JpgHuffLevel *ac, int32_t width, bo
     return lowerEntry(ac[2], window);
 }
 
-// AC coefficients (F.2.2.2); coefficients at zig-zag index `limit` and beyond
-// are decoded and dropped.
+// AC coefficients (F.2.2.2). The scaled variant decodes the coefficients at
+// zig-zag index `limit` and beyond and drops them.
+template <bool kScaled>
 JpgStatus decodeAc(kiv::BitState &bits, const JpgHuffLevel *ac, const uint32_t *quant,
                    int16_t *block, uint32_t limit) {
     int32_t width = firstLevelWidth(ac[0]);
@@ -93,15 +94,16 @@ JpgStatus decodeAc(kiv::BitState &bits, const JpgHuffLevel *ac, const uint32_t *
                                 : kiv::extend(static_cast<int32_t>(bits.receive(
                                                   static_cast<int32_t>(size))),
                                               static_cast<int>(size));
-        if (k < limit)
+        if (!kScaled || k < limit)
             block[kiv::kZigzag[k]] = static_cast<int16_t>(static_cast<uint32_t>(value) * quant[k]);
         if (k == 63)
             return JPG_STATUS_OK;
     }
 }
 
-// The block decoder behind jpgReadGetCoefficient (limit 64) and
+// The block decoder behind jpgReadGetCoefficient and (kScaled)
 // jpgReadGetScaleCoefficient. The DC coefficient is always stored.
+template <bool kScaled>
 JpgStatus decodeBlock(JpgParam *param, int16_t *block, JpgComponent *comp, uint32_t limit) {
     if (comp->dcLookup == nullptr || comp->acLookup == nullptr || comp->quant == nullptr)
         return JPG_STATUS_FAILED;
@@ -113,7 +115,7 @@ JpgStatus decodeBlock(JpgParam *param, int16_t *block, JpgComponent *comp, uint3
         if (size != 0)
             comp->dcPred += difference;
         block[0] = static_cast<int16_t>(comp->quant[0] * static_cast<uint32_t>(comp->dcPred));
-        status = decodeAc(bits, comp->acLookup, comp->quant, block, limit);
+        status = decodeAc<kScaled>(bits, comp->acLookup, comp->quant, block, limit);
     }
     bits.store();
     return status;
@@ -147,12 +149,12 @@ JpgStatus checkSequentialScan(const JpgParam *param) {
 extern "C" {
 
 JpgStatus jpgReadGetCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
-    return decodeBlock(param, block, comp, 64);
+    return decodeBlock<false>(param, block, comp, 64);
 }
 
 JpgStatus jpgReadGetScaleCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp,
                                      uint32_t limit) {
-    return decodeBlock(param, block, comp, limit);
+    return decodeBlock<true>(param, block, comp, limit);
 }
 
 JpgStatus jpgReadDecodeBaselineMcu(JpgParam *param) {
@@ -164,7 +166,7 @@ JpgStatus jpgReadDecodeBaselineMcu(JpgParam *param) {
         JpgComponent *comp = &param->components[c];
         for (uint32_t b = 0; b < comp->blocks; b++, block += 64) {
             memset(block, 0, 64 * sizeof(int16_t));
-            status = decodeBlock(param, block, comp, 64);
+            status = decodeBlock<false>(param, block, comp, 64);
             if (status != JPG_STATUS_OK)
                 return status;
             jpgReadInverseDCT(block);

@@ -110,8 +110,8 @@ JpgStatus jpgReadToRect(JpgParam *param, ComplibRect *rect, uint32_t lines) {
             return JPG_STATUS_UNEXPECTED_END;
         todo = todo < left ? todo : left;
     }
-    if (rect->height > 0 && todo > rect->height)  // never write below the rectangle
-        todo = rect->height;
+    if (todo > rect->height)  // never write below the rectangle
+        todo = rect->height > 0 ? rect->height : 0;
     const int64_t mcuHeight = param->mcuHeight;
     ComplibRect row = *rect;
     row.height = static_cast<int32_t>(todo < mcuHeight ? todo : mcuHeight);

@@ -225,6 +225,24 @@ void *allocate(JpgParam *param, uint64_t bytes) {
     return jpgMemAlloc(param, static_cast<uint32_t>(bytes));
 }
 
+// A header parsed again on the same handle replaces the buffers of the last.
+void releaseBuffers(JpgParam *param) {
+    auto release = [param](auto *&owned) {
+        if (owned != nullptr)
+            jpgMemFree(param, owned);
+        owned = nullptr;
+    };
+    if (param->mcuBuffer != nullptr && param->dec.mcuNext != nullptr &&
+        param->dec.mcuNext < param->mcuBuffer)
+        param->mcuBuffer = param->dec.mcuNext;
+    release(param->mcuBuffer);
+    release(param->blockPointers);
+    release(param->blockMap);
+    release(param->losslessLine);
+    param->dec.mcuNext = param->dec.upsampleBuffer = nullptr;
+    param->dec.coefBase = param->dec.coefCursor = nullptr;
+}
+
 // The previous-row buffer of lossless frames: width x sum of H x 2 bytes.
 JpgStatus allocateLosslessLine(JpgParam *param) {
     uint64_t factors = 0;
@@ -416,6 +434,7 @@ JpgStatus jpgReadProlog(JpgParam *param) {
     if (status != JPG_STATUS_OK)
         return status;
     param->firstScanOffset = jpgReadGetJPEGFileOffset(&param->bs);
+    releaseBuffers(param);
     status = marker == 0xFFC3 ? allocateLosslessLine(param) : allocateBlockBuffers(param);
     if (status != JPG_STATUS_OK)
         return status;

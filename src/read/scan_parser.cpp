@@ -75,6 +75,7 @@ JpgStatus bindComponents(JpgParam *param, const ScanHeader &scan) {
         if ((needDc && !kiv::hasDecodeLookup(dc)) || (needAc && !kiv::hasDecodeLookup(ac)))
             return JPG_STATUS_BAD_DATA;
         previous = match;
+        param->dec.scanComponents[i] = static_cast<uint8_t>(match);
         JpgComponent &record = param->components[i];
         record.acLookup = ac.level;
         record.dcLookup = dc.level;

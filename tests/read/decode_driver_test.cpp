@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <set>
 
 #include "decode_helpers.h"
 #include "stream_builder.h"
@@ -78,10 +79,15 @@ std::vector<std::string> decodableFiles() {
     std::sort(sequential.begin(), sequential.end(), [](const std::string &a, const std::string &b) {
         return readFile(a).size() < readFile(b).size();
     });
-    for (size_t i = 0; i < sequential.size() && i < 4; i++)
-        files.push_back(sequential[i]);
-    if (sequential.size() > 4)
-        files.push_back(sequential.back());
+    // The two smallest, the smallest of every other sampling layout, the largest.
+    std::set<std::string> layouts;
+    for (size_t i = 0; i < sequential.size(); i++) {
+        ReadHandle h(readFile(sequential[i]));
+        std::string layout = h.p != nullptr ? samplingName(h.p) : "";
+        if (i < 2 || i + 1 == sequential.size() || !layouts.count(layout))
+            files.push_back(sequential[i]);
+        layouts.insert(layout);
+    }
     return files;
 }
 

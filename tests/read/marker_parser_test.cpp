@@ -6,6 +6,7 @@
 
 #include <fstream>
 #include <regex>
+#include <set>
 
 #include "core/tables.h"
 #include "decode_helpers.h"
@@ -475,6 +476,64 @@ TEST(MarkerParser, QuantizationGetters) {
     EXPECT_EQ(jpgReadGetCodingProcess(nullptr, &w), JPG_STATUS_INVALID_HANDLE);
     ReadHandle grey(validGrey().bytes);
     EXPECT_EQ(jpgReadGetQuantizationTableNR(grey.p, &v0, &v1), JPG_STATUS_ERROR);
+}
+
+}  // namespace
+
+namespace {
+
+// Random byte errors in the headers: every outcome is one of the documented
+// statuses, and a stream that opens also decodes without harm.
+TEST(MarkerParser, DamagedHeadersFailCleanly) {
+    const std::set<JpgStatus> known = {
+        JPG_STATUS_OK, JPG_STATUS_FAILED, JPG_STATUS_NO_MEMORY, JPG_STATUS_END_OF_STREAM,
+        JPG_STATUS_NOT_SUPPORTED, JPG_STATUS_BAD_DATA, JPG_STATUS_UNEXPECTED_END,
+        JPG_STATUS_BAD_DC_CODE, JPG_STATUS_BAD_AC_CODE, JPG_STATUS_SEGMENT_LENGTH, JPG_STATUS_ERROR};
+    uint32_t seed = 11;
+    int opened = 0;
+    for (const char *name : {"samples/testorig.jpg", "conformance/A1.jpg"}) {
+        std::vector<uint8_t> original = readFile(corpus(name));
+        size_t header;
+        {
+            ReadHandle h(original);
+            header = h.p->firstScanOffset;
+        }
+        for (int round = 0; round < 150; round++) {
+            std::vector<uint8_t> bad = original;
+            for (int i = 0; i <= round % 3; i++) {
+                seed = seed * 1103515245 + 12345;
+                bad[2 + (seed >> 8) % (header - 2)] = static_cast<uint8_t>(seed >> 20);
+            }
+            ReadHandle h(bad);
+            EXPECT_TRUE(known.count(h.status)) << name << " round " << round << ": " << hex(h.status);
+            if (h.p == nullptr)
+                continue;
+            opened++;
+            if (h.p->width > 4096 || h.p->height > 4096)
+                continue;  // a corrupted size only costs time
+            Image image = blankImage(h.p);
+            if (image.channels == 0 || image.pixels.empty())
+                continue;
+            ComplibRect r = rectFor(image);
+            EXPECT_TRUE(known.count(jpgReadToRect(h.p, &r, h.p->height))) << name << " round " << round;
+        }
+    }
+    std::printf("damaged headers that still opened: %d of 300\n", opened);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(MarkerParser, HeaderParsedAgainReplacesTheBuffers) {
+    std::vector<uint8_t> bytes = readFile(corpus("samples/testorig.jpg"));
+    ReadHandle h(bytes);
+    Image first, second;
+    ASSERT_EQ(decodeWhole(h.p, &first), JPG_STATUS_OK);
+    ASSERT_EQ(jpgReadRewindJPEGFile(h.p, 2, 1), JPG_STATUS_OK);
+    ASSERT_EQ(jpgReadProlog(h.p), JPG_STATUS_OK);
+    ASSERT_EQ(decodeWhole(h.p, &second), JPG_STATUS_OK);
+    EXPECT_TRUE(first.pixels == second.pixels);
 }
 
 }  // namespace

@@ -1,0 +1,72 @@
+// Declarations shared by the baseline encoder's stages: the input conversion
+// context, the magnitude (category and extra bits) table of ISO/IEC 10918-1
+// F.1.2.1 and F.1.2.2, and small helpers of the bit writer.
+#pragma once
+
+#include "core/codec.h"
+
+// What the input conversion of one image needs per MCU; prepared by the
+// encode driver, read by the conversion routines.
+struct JpgWriteConvertContext {
+    const uint8_t *pixels;     // the client's interleaved 8-bit pixels
+    int16_t *blocks;           // output: the MCU's 8x8 blocks, component by component
+    int16_t *planes;           // one MCU-sized level-shifted plane per component
+    uint32_t rows;             // rows given to this call of the driver
+    uint32_t width;            // image width in samples
+    int32_t stride;            // bytes from one row to the next
+    uint32_t bytesPerPixel;    // number of channels
+    uint32_t mcuWidth;
+    uint32_t mcuHeight;
+    int32_t factors[4][2];     // per component H and V
+};
+
+namespace kiv {
+
+constexpr uint32_t kStagingSize = 0x10000;  // bytes of the bit writer's staging buffer
+constexpr int32_t kMaxMagnitude = 2047;     // largest |value| of the magnitude table
+
+// Category SSSS of a value (number of significant bits of |v|) and the
+// extra bits that follow its code: v itself, or v + 2^n - 1 when negative.
+struct Magnitude {
+    int16_t category;
+    int16_t bits;
+};
+
+constexpr Magnitude magnitudeOf(int32_t v) {
+    int32_t a = v < 0 ? -v : v;
+    int16_t n = 0;
+    while (a >> n)
+        n++;
+    int32_t bits = v >= 0 ? v : v + (1 << n) - 1;
+    return {n, static_cast<int16_t>(bits)};
+}
+
+struct MagnitudeTable {
+    Magnitude entry[2 * kMaxMagnitude + 1];
+    // Indexed directly by the signed value (-2047 to +2047).
+    constexpr const Magnitude &operator[](int32_t v) const { return entry[v + kMaxMagnitude]; }
+};
+
+constexpr MagnitudeTable makeMagnitudeTable() {
+    MagnitudeTable t{};
+    for (int32_t v = -kMaxMagnitude; v <= kMaxMagnitude; v++)
+        t.entry[v + kMaxMagnitude] = magnitudeOf(v);
+    return t;
+}
+inline constexpr MagnitudeTable kMagnitude = makeMagnitudeTable();
+
+static_assert(kMagnitude[0].category == 0 && kMagnitude[-1].category == 1 &&
+              kMagnitude[-1].bits == 0 && kMagnitude[1].bits == 1 &&
+              kMagnitude[-2047].category == 11 && kMagnitude[-2047].bits == 0 &&
+              kMagnitude[1024].category == 11 && kMagnitude[-3].bits == 0);
+
+// Builds the difference-code table (JpgDcDiff[4095], owned by the table as
+// its encoderTable) of a DC table whose code list is sorted by symbol and
+// holds the categories 0 to 11 in order; the lossless encoder shares it.
+JpgStatus buildDcDiffTable(JpgParam *param, JpgHuffmanTable *table);
+
+// Loads the base quantization tables of Annex K (K.1 luminance into table 0,
+// K.2 chrominance into table 1), in zig-zag order.
+void loadDefaultQuantTables(JpgParam *param);
+
+}  // namespace kiv

@@ -1,0 +1,144 @@
+// Scan header parser: bindings of scan components to their tables, the block
+// offset of the first scan component, the progressive routine choice and
+// its DC-table rule, refusals, and what a failed header leaves behind.
+#include <gtest/gtest.h>
+
+#include "decode_helpers.h"
+#include "stream_builder.h"
+
+namespace {
+
+using namespace kivtest;
+
+// A progressive 4:2:0 frame with tables 0 (DC, AC) and 1 (DC only) defined,
+// followed by `scans` (parsed one by one by the test).
+std::vector<uint8_t> progressiveStream(const std::vector<uint8_t> &scans) {
+    StreamBuilder s;
+    s.soi().dqt(0).dqt(1).sof(0xC2, 8, 32, 32, {{1, 0x22, 0}, {2, 0x11, 1}, {3, 0x11, 1}})
+        .dht(0x00, kLuminanceDc).dht(0x10, kLuminanceAc).dht(0x01, kChrominanceDc)
+        .sos({{1, 0x00}, {2, 0x11}, {3, 0x11}}, 0, 0, 0x01).raw(scans);
+    return s.bytes;
+}
+
+std::vector<uint8_t> scanHeader(const std::vector<ScanComponent> &comps, uint8_t ss, uint8_t se,
+                                uint8_t ahAl, const std::vector<uint8_t> &before = {}) {
+    StreamBuilder s;
+    s.raw(before).sos(comps, ss, se, ahAl);
+    return s.bytes;
+}
+
+TEST(ScanParser, FirstScanBindsEveryComponent) {
+    ReadHandle h(progressiveStream({}), 4);
+    ASSERT_EQ(h.status, JPG_STATUS_OK) << hex(h.status);
+    JpgParam *p = h.p;
+    EXPECT_EQ(p->scanNs, 3);
+    EXPECT_EQ(p->scanCs, 1);
+    EXPECT_EQ(p->scanSs, 0);
+    EXPECT_EQ(p->scanSe, 0);
+    EXPECT_EQ(p->scanAh, 0);
+    EXPECT_EQ(p->scanAl, 1);
+    EXPECT_EQ(p->components[0].dcTable, &p->dcTables[0]);
+    EXPECT_EQ(p->components[1].dcTable, &p->dcTables[1]);
+    EXPECT_EQ(p->components[1].dcLookup, p->dcTables[1].level);
+    EXPECT_EQ(p->components[2].acTable, &p->acTables[1]);
+    EXPECT_EQ(p->components[0].blocks, 4u);
+    EXPECT_EQ(p->components[2].blocks, 1u);
+    EXPECT_EQ(p->components[0].dcFastLimit, p->dcTables[0].level[0].limit);
+    EXPECT_EQ(p->dec.scanBlockOffset, 0u);
+    EXPECT_EQ(p->routines.coefficient, jpgReadGetProgressiveDCBaseCoefficient);
+    EXPECT_EQ(p->dhtCount, 0);
+    EXPECT_EQ(p->dhtList[0], -1);
+    for (int id = 0; id < 4; id++) {  // the code lists served their purpose
+        EXPECT_EQ(p->dcTables[id].codes, nullptr);
+        EXPECT_EQ(p->acTables[id].symbolIndex, nullptr);
+    }
+    EXPECT_EQ(p->dec.coefCursor, p->dec.coefBase);
+}
+
+TEST(ScanParser, LaterScansChooseTheirRoutineAndOffset) {
+    struct Case {
+        std::vector<ScanComponent> comps;
+        uint8_t ss, se, ahAl;
+        JpgCoefficientFunc routine;  // null: the DC refinement adapter
+        uint32_t offset;
+    } cases[] = {
+        {{{3, 0x10}}, 1, 63, 0x00, jpgReadGetProgressiveACBaseCoefficient, 5},
+        {{{2, 0x10}}, 1, 70, 0x10, jpgReadGetProgressiveACDiffCoefficient, 4},  // Se taken as read
+        {{{1, 0x00}, {2, 0x10}, {3, 0x10}}, 0, 0, 0x10, nullptr, 0},
+    };
+    std::vector<uint8_t> scans;
+    for (const Case &c : cases)
+        for (uint8_t b : scanHeader(c.comps, c.ss, c.se, c.ahAl))
+            scans.push_back(b);
+    ReadHandle h(progressiveStream(scans), 4);
+    ASSERT_EQ(h.status, JPG_STATUS_OK);
+    for (const Case &c : cases) {
+        h.p->components[0].dcPred = 5;
+        h.p->eobRun = 3;
+        ASSERT_EQ(jpgReadParseScanLevel(h.p), JPG_STATUS_OK);
+        EXPECT_EQ(h.p->scanNs, c.comps.size());
+        EXPECT_EQ(h.p->scanSe, c.se);
+        EXPECT_EQ(h.p->dec.scanBlockOffset, c.offset);
+        if (c.routine != nullptr)
+            EXPECT_EQ(h.p->routines.coefficient, c.routine);
+        else
+            EXPECT_NE(h.p->routines.coefficient, nullptr);
+        EXPECT_EQ(h.p->components[0].dcPred, 0);  // every scan starts its prediction afresh
+        EXPECT_EQ(h.p->eobRun, 0);
+        EXPECT_EQ(h.p->components[0].blocks, c.comps.size() == 1 ? 1u : 4u);
+    }
+}
+
+TEST(ScanParser, ProgressiveScansNeedTheirTables) {
+    // AC scan of a component whose DC table 3 was never defined.
+    ReadHandle noDc(progressiveStream(scanHeader({{2, 0x30}}, 1, 63, 0)), 4);
+    ASSERT_EQ(noDc.status, JPG_STATUS_OK);
+    EXPECT_EQ(jpgReadParseScanLevel(noDc.p), JPG_STATUS_BAD_DATA);
+    EXPECT_EQ(noDc.p->scanNs, 0);  // nothing bound: no decoder may run
+    // AC scan whose AC table 2 was never defined.
+    ReadHandle noAc(progressiveStream(scanHeader({{2, 0x02}}, 1, 63, 0)), 4);
+    EXPECT_EQ(jpgReadParseScanLevel(noAc.p), JPG_STATUS_BAD_DATA);
+}
+
+TEST(ScanParser, FiveComponentsFailBeforeTablesAreReleased) {
+    StreamBuilder table;
+    table.dht(0x12, kChrominanceAc);
+    std::vector<uint8_t> bad = table.bytes;
+    for (uint8_t b : std::vector<uint8_t>{0xFF, 0xDA, 0x00, 0x10, 5, 1, 0, 2, 0, 3, 0, 4, 0, 5, 0, 0, 63, 0})
+        bad.push_back(b);
+    ReadHandle h(progressiveStream(bad), 4);
+    ASSERT_EQ(h.status, JPG_STATUS_OK);
+    EXPECT_EQ(jpgReadParseScanLevel(h.p), JPG_STATUS_BAD_DATA);
+    EXPECT_NE(h.p->acTables[2].codes, nullptr);
+    EXPECT_NE(h.p->acTables[2].symbolIndex, nullptr);
+    EXPECT_EQ(h.p->scanNs, 0);
+}
+
+TEST(ScanParser, SequentialTablesAndOrder) {
+    struct Case {
+        const char *what;
+        std::vector<ScanComponent> comps;
+        JpgStatus status;
+    } cases[] = {
+        {"in frame order", {{1, 0x00}, {2, 0x11}, {3, 0x11}}, JPG_STATUS_OK},
+        {"undefined AC table", {{1, 0x00}, {2, 0x12}, {3, 0x11}}, JPG_STATUS_BAD_DATA},
+        {"second selector is the first component", {{2, 0x11}, {1, 0x00}, {3, 0x11}}, JPG_STATUS_BAD_DATA},
+        {"a component twice", {{1, 0x00}, {1, 0x00}, {3, 0x11}}, JPG_STATUS_BAD_DATA},
+    };
+    for (const Case &c : cases) {
+        StreamBuilder s;
+        s.soi().dqt(0).sof(0xC0, 8, 16, 16, {{1, 0x22, 0}, {2, 0x11, 0}, {3, 0x11, 0}})
+            .dht(0x00, kLuminanceDc).dht(0x10, kLuminanceAc).dht(0x01, kChrominanceDc)
+            .dht(0x11, kChrominanceAc).sos(c.comps).raw({0}).eoi();
+        ReadHandle h(s.bytes);
+        EXPECT_EQ(h.status, c.status) << c.what;
+        if (h.p == nullptr)
+            continue;
+        EXPECT_EQ(h.p->components[1].acTable, &h.p->acTables[1]);
+        EXPECT_EQ(h.p->components[1].blocks, 1u);
+    }
+}
+
+TEST(ScanParser, InvalidHandle) { EXPECT_EQ(jpgReadParseScanLevel(nullptr), JPG_STATUS_INVALID_HANDLE); }
+
+}  // namespace

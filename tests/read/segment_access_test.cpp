@@ -1,0 +1,178 @@
+// Marker segment access: a walk with jpgReadSeekMarkerSegment and
+// jpgReadReadMarkerData equals an independent byte walk (and the T.83
+// listings) on every corpus stream; payload reads in pieces; fill bytes;
+// reserved codes; decoding after a walk starts over from the first scan.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <regex>
+
+#include "decode_helpers.h"
+#include "stream_builder.h"
+
+namespace {
+
+using namespace kivtest;
+
+struct Segment {
+    uint16_t marker;
+    std::vector<uint8_t> payload;
+    bool operator==(const Segment &o) const { return marker == o.marker && payload == o.payload; }
+};
+
+// Independent walk over the bytes: markers are 0xFF followed by a byte other
+// than 0x00 and 0xFF; RSTn, SOI and EOI carry no length.
+std::vector<Segment> byteWalk(const std::vector<uint8_t> &b) {
+    std::vector<Segment> out;
+    size_t i = 0;
+    while (i + 1 < b.size()) {
+        if (b[i] != 0xFF || b[i + 1] == 0x00 || b[i + 1] == 0xFF) {
+            i++;
+            continue;
+        }
+        uint16_t marker = static_cast<uint16_t>(0xFF00 | b[i + 1]);
+        i += 2;
+        Segment s{marker, {}};
+        if (!(marker >= 0xFFD0 && marker <= 0xFFD9)) {
+            size_t length = static_cast<size_t>(b[i]) << 8 | b[i + 1];
+            s.payload.assign(b.begin() + static_cast<long>(i + 2),
+                             b.begin() + static_cast<long>(std::min(b.size(), i + length)));
+            i += length;
+        }
+        out.push_back(s);
+    }
+    return out;
+}
+
+// The library's walk, reading each payload in pieces of `piece` bytes.
+std::vector<Segment> libraryWalk(JpgParam *p, uint32_t piece, JpgStatus *end) {
+    std::vector<Segment> out;
+    uint16_t marker;
+    uint32_t length;
+    int32_t origin = 0;
+    for (;;) {
+        JpgStatus s = jpgReadSeekMarkerSegment(p, origin, &marker, &length);
+        origin = 1;
+        if (s != JPG_STATUS_OK) {
+            *end = s;
+            return out;
+        }
+        Segment seg{marker, {}};
+        std::vector<uint8_t> buffer(piece);
+        uint32_t got;
+        while (jpgReadReadMarkerData(p, buffer.data(), piece, &got) == JPG_STATUS_OK)
+            seg.payload.insert(seg.payload.end(), buffer.begin(), buffer.begin() + got);
+        EXPECT_EQ(seg.payload.size(), length);
+        out.push_back(seg);
+    }
+}
+
+std::vector<uint16_t> listingMarkers(const std::string &path) {
+    std::vector<uint16_t> markers;
+    std::ifstream in(path);
+    std::string line;
+    std::smatch m;
+    while (std::getline(in, line))
+        if (std::regex_search(line, m, std::regex(R"(^\d+\s+\S+\s*\(f*(ff[0-9a-f]{2})\))")))
+            markers.push_back(static_cast<uint16_t>(std::stoul(m[1], nullptr, 16)));
+    return markers;
+}
+
+TEST(SegmentAccess, WalkEqualsByteWalkOnEveryStream) {
+    std::vector<std::string> files = {"samples/testorig.jpg", "samples/testprog.jpg",
+                                      "samples/monkey12.jpg", "samples/testimgint.jpg"};
+    for (const char *n : {"A1", "C1", "C2", "E1", "E2", "O1", "O2"})
+        files.push_back(std::string("conformance/") + n + ".jpg");
+    for (const std::string &name : files) {
+        SCOPED_TRACE(name);
+        std::vector<uint8_t> bytes = readFile(corpus(name));
+        ReadHandle h(bytes);
+        ASSERT_EQ(h.status, JPG_STATUS_OK);
+        JpgStatus end = 0;
+        std::vector<Segment> walked = libraryWalk(h.p, name.size() % 2 ? 7 : 4096, &end);
+        EXPECT_EQ(end, JPG_STATUS_END_OF_STREAM);
+        std::vector<Segment> expected = byteWalk(bytes);
+        ASSERT_EQ(walked.size(), expected.size());
+        for (size_t i = 0; i < walked.size(); i++)
+            EXPECT_TRUE(walked[i] == expected[i]) << "segment " << i << " " << hex(walked[i].marker);
+        if (name.rfind("conformance/", 0) == 0) {
+            std::vector<uint16_t> listed = listingMarkers(corpus(name.substr(0, name.size() - 4) + ".txt"));
+            // Some listings leave the restart markers out.
+            bool listsRestarts = std::any_of(listed.begin(), listed.end(),
+                                             [](uint16_t m) { return m >= 0xFFD0 && m <= 0xFFD7; });
+            std::vector<uint16_t> ours;
+            for (const Segment &s : walked)
+                if (listsRestarts || s.marker < 0xFFD0 || s.marker > 0xFFD7)
+                    ours.push_back(s.marker);
+            EXPECT_EQ(ours, listed);
+        }
+        // The walk moved the input: decoding starts over from the first scan.
+        if (h.p->frameMarker <= 0xFFC1 && h.p->precision == 8 && h.p->scanNs == h.p->numComponents) {
+            Image walkedImage, fresh;
+            ASSERT_EQ(decodeWhole(h.p, &walkedImage), JPG_STATUS_OK);
+            ReadHandle again(bytes);
+            ASSERT_EQ(decodeWhole(again.p, &fresh), JPG_STATUS_OK);
+            EXPECT_TRUE(walkedImage.pixels == fresh.pixels);
+        }
+    }
+}
+
+TEST(SegmentAccess, PayloadInPiecesAndSkipping) {
+    StreamBuilder image, s;
+    image.greyHeader(8, 8).raw({0x2B}).eoi();
+    s.soi().segment(0xFE, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}).segment(0xE1, {0xAA, 0xBB})
+        .raw({0xFF, 0xFF, 0xFF, 0xE2, 0x00, 0x02})
+        .raw(std::vector<uint8_t>(image.bytes.begin() + 2, image.bytes.end()));
+    ReadHandle h(s.bytes);
+    ASSERT_EQ(h.status, JPG_STATUS_OK) << hex(h.status);
+    uint16_t marker;
+    uint32_t length, got;
+    uint8_t buffer[4];
+    ASSERT_EQ(jpgReadSeekMarkerSegment(h.p, 0, &marker, &length), JPG_STATUS_OK);
+    EXPECT_EQ(marker, 0xFFD8);
+    EXPECT_EQ(length, 0u);
+    EXPECT_TRUE(h.p->mode & kModeRewind);
+    ASSERT_EQ(jpgReadSeekMarkerSegment(h.p, 1, &marker, &length), JPG_STATUS_OK);
+    EXPECT_EQ(marker, 0xFFFE);
+    EXPECT_EQ(length, 10u);
+    for (uint32_t want : {4u, 4u, 2u}) {
+        ASSERT_EQ(jpgReadReadMarkerData(h.p, buffer, 4, &got), JPG_STATUS_OK);
+        EXPECT_EQ(got, want);
+    }
+    EXPECT_EQ(buffer[1], 10);
+    EXPECT_EQ(jpgReadReadMarkerData(h.p, buffer, 4, &got), JPG_STATUS_INVALID_PARAMETER);
+    ASSERT_EQ(jpgReadSeekMarkerSegment(h.p, 1, &marker, &length), JPG_STATUS_OK);
+    EXPECT_EQ(marker, 0xFFE1);
+    ASSERT_EQ(jpgReadReadMarkerData(h.p, buffer, 1, nullptr), JPG_STATUS_OK);  // part of it
+    ASSERT_EQ(jpgReadSeekMarkerSegment(h.p, 1, &marker, &length), JPG_STATUS_OK);
+    EXPECT_EQ(marker, 0xFFE2);  // behind fill bytes
+    EXPECT_EQ(length, 0u);
+    ASSERT_EQ(jpgReadSeekMarkerSegment(h.p, 1, &marker, &length), JPG_STATUS_OK);
+    EXPECT_EQ(marker, 0xFFDB);
+    EXPECT_EQ(jpgReadSeekMarkerSegment(h.p, 2, &marker, &length), JPG_STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(jpgReadSeekMarkerSegment(h.p, 1, nullptr, &length), JPG_STATUS_INVALID_HANDLE);
+    EXPECT_EQ(jpgReadReadMarkerData(h.p, nullptr, 4, &got), JPG_STATUS_INVALID_HANDLE);
+    EXPECT_EQ(jpgReadSeekMarkerData(h.p), JPG_STATUS_NOT_SUPPORTED);
+}
+
+TEST(SegmentAccess, ReservedCodeAndEnd) {
+    StreamBuilder s;
+    s.greyHeader(8, 8).raw({0x2B, 0xFF, 0x05}).eoi();
+    ReadHandle h(s.bytes);
+    ASSERT_EQ(h.status, JPG_STATUS_OK);
+    uint16_t marker = 1;
+    uint32_t length = 1;
+    JpgStatus status = jpgReadSeekMarkerSegment(h.p, 0, &marker, &length);
+    while (status == JPG_STATUS_OK)
+        status = jpgReadSeekMarkerSegment(h.p, 1, &marker, &length);
+    EXPECT_EQ(status, JPG_STATUS_ERROR);
+    EXPECT_EQ(marker, 0);
+    EXPECT_EQ(length, 0u);
+    EXPECT_EQ(jpgReadSeekMarkerSegment(h.p, 1, &marker, &length), JPG_STATUS_OK);  // EOI
+    EXPECT_EQ(marker, 0xFFD9);
+    EXPECT_EQ(jpgReadSeekMarkerSegment(h.p, 1, &marker, &length), JPG_STATUS_END_OF_STREAM);
+    EXPECT_EQ(jpgReadSeekMarkerSegment(h.p, 1, &marker, &length), JPG_STATUS_UNEXPECTED_END);
+}
+
+}  // namespace

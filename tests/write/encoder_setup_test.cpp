@@ -1,0 +1,247 @@
+// Encoder set-up: prolog defaults, setter ranges (a failed setter changes
+// nothing), bad handles, component identifiers, sampling validation and
+// the colour-conversion identifier.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+
+#include "encode_helpers.h"
+
+namespace {
+
+struct Handle {
+    JpgParam *h = nullptr;
+    Handle() { EXPECT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK); }
+    ~Handle() {
+        uint8_t *buf = nullptr;
+        uint32_t size = 0;
+        jpgWriteEpilogToMemory(h, &buf, &size);
+        jpgWriteFreeBitstream(buf);
+    }
+};
+
+}  // namespace
+
+TEST(EncoderSetup, PrologDefaults) {
+    Handle w;
+    JpgParam *h = w.h;
+    EXPECT_EQ(h->mode, kModeWrite | kModeYCbCr | kModeMemory);
+    EXPECT_EQ(h->enc.quality, 90u);
+    EXPECT_EQ(h->samplingFactors, 0x221111u);
+    EXPECT_EQ(h->restartInterval, 0u);
+    EXPECT_EQ(h->frameMarker, 0xFFC0u);
+    EXPECT_EQ(h->precision, 8u);
+    EXPECT_EQ(h->scanSs, 1);
+    EXPECT_EQ(h->quant[0][0], 16u);
+    EXPECT_EQ(h->quant[1][0], 17u);
+    EXPECT_EQ(h->quant[0][2], 12u);  // zig-zag position 2 is row 1, column 0
+    EXPECT_NE(h->routines.writeMcu, nullptr);
+    EXPECT_EQ(h->routines.writeMcu303, nullptr);
+    EXPECT_EQ(h->components[0].quantSelector, 0);
+    EXPECT_EQ(h->components[1].acSelector, 1);
+    EXPECT_EQ(h->components[2].id, 3);
+    EXPECT_EQ(h->bs.fill, 2u);  // SOI staged
+    JpgParam *p = nullptr;
+    ASSERT_EQ(jpgWritePrologToMemory(0xFFFFFFFF, &p), JPG_STATUS_OK);
+    EXPECT_EQ(p->mode, kModeWrite | kModeYCbCr | kModeMemory | kModePartial);
+    uint8_t *buf = nullptr;
+    uint32_t size = 0;
+    jpgWriteEpilogToMemory(p, &buf, &size);
+    jpgWriteFreeBitstream(buf);
+    EXPECT_EQ(jpgWritePrologToMemory(0, nullptr), JPG_STATUS_INVALID_HANDLE);
+}
+
+struct RangeCase {
+    const char *name;
+    std::function<JpgStatus(JpgParam *, uint32_t)> set;
+    std::vector<uint32_t> accepted, refused;
+};
+
+TEST(EncoderSetup, SetterRanges) {
+    const std::vector<RangeCase> cases = {
+        {"quality", jpgWriteSetQuantizationFactor, {1, 50, 100}, {0, 101, 0xFFFFFFFF}},
+        {"channels", jpgWriteSetNumberOfChannels, {1, 4}, {0, 5}},
+        {"method", jpgWriteSetSubsamplingMethod, {0, 1}, {2, 0xFFFFFFFF}},
+        {"predictor", [](JpgParam *h, uint32_t v) { return jpgWriteSetSpatialPredictor(h, static_cast<int32_t>(v)); },
+         {1, 7}, {0, 8, 0xFFFFFFFF}},
+        {"colour space", [](JpgParam *h, uint32_t v) { return jpgWriteSetInternalColorSpace(h, static_cast<int32_t>(v)); },
+         {0, 1}, {2, 0xFFFFFFFF}},
+        {"sampling", jpgWriteSetSubsamplingFactor, {0x221111, 0x321111, 0x11, 0x22212111, 0x41111111},
+         {0x441111, 0x32211100, 0x331111, 0x312111, 0x22222222}},
+        {"size width", [](JpgParam *h, uint32_t v) { return jpgWriteSetImageSize(h, v, 5); }, {1, 65535}, {0}},
+        {"size height", [](JpgParam *h, uint32_t v) { return jpgWriteSetImageSize(h, 5, v); }, {1}, {0}},
+        {"quant selector", [](JpgParam *h, uint32_t v) { return jpgWriteSetQuantizationTableSelector(h, v >> 8, v & 0xFF); },
+         {0x000, 0x003, 0x303}, {0x400, 0x500, 0x004, 0xFFFFFF00}},
+        {"dc selector", [](JpgParam *h, uint32_t v) { return jpgWriteSetDCEntropyTableSelector(h, v >> 8, v & 0xFF); },
+         {0x001, 0x302}, {0x400, 0x104}},
+        {"ac selector", [](JpgParam *h, uint32_t v) { return jpgWriteSetACEntropyTableSelector(h, v >> 8, v & 0xFF); },
+         {0x201, 0x300}, {0x401, 0x204}},
+    };
+    for (const RangeCase &c : cases) {
+        for (uint32_t v : c.refused) {
+            Handle w;
+            std::vector<uint8_t> before(reinterpret_cast<uint8_t *>(w.h), reinterpret_cast<uint8_t *>(w.h) + sizeof(JpgParam));
+            EXPECT_EQ(c.set(w.h, v), JPG_STATUS_INVALID_PARAMETER) << c.name << " " << std::hex << v;
+            EXPECT_EQ(std::memcmp(before.data(), w.h, sizeof(JpgParam)), 0) << c.name << " changed the handle";
+        }
+        Handle w;
+        for (uint32_t v : c.accepted)
+            EXPECT_EQ(c.set(w.h, v), JPG_STATUS_OK) << c.name << " " << std::hex << v;
+        EXPECT_EQ(c.set(nullptr, c.accepted[0]), JPG_STATUS_INVALID_HANDLE) << c.name;
+    }
+}
+
+TEST(EncoderSetup, BadHandlesAreRefused) {
+    std::vector<uint8_t> junk(sizeof(JpgParam), 0);
+    auto *bad = reinterpret_cast<JpgParam *>(junk.data());
+    uint32_t out = 0;
+    ComplibRect r{};
+    uint8_t byte = 0;
+    EXPECT_EQ(jpgWriteSetNoColorConversion(bad), JPG_STATUS_INVALID_HANDLE);
+    EXPECT_EQ(jpgWriteSetRestartInterval(bad, 1), JPG_STATUS_INVALID_HANDLE);
+    EXPECT_EQ(jpgWriteGetSubsamplingMethod(bad, &out), JPG_STATUS_INVALID_HANDLE);
+    EXPECT_EQ(jpgWriteFromRect(bad, &r, 1), JPG_STATUS_INVALID_HANDLE);
+    EXPECT_EQ(jpgWriteWriteMarkerSegment(bad, 0xFFE0, &byte, 1), JPG_STATUS_INVALID_HANDLE);
+    EXPECT_EQ(jpgWriteCreateTables(bad), JPG_STATUS_INVALID_HANDLE);
+    EXPECT_EQ(jpgWriteSSSetting(bad, &out), JPG_STATUS_INVALID_HANDLE);
+    EXPECT_EQ(SetColorIngredient(bad), JPG_STATUS_INVALID_HANDLE);
+    EXPECT_EQ(jpgWriteGetSubsamplingMethod(nullptr, &out), JPG_STATUS_INVALID_HANDLE);
+    Handle w;
+    EXPECT_EQ(jpgWriteGetSubsamplingMethod(w.h, nullptr), JPG_STATUS_INVALID_HANDLE);
+    ASSERT_EQ(jpgWriteSetSubsamplingMethod(w.h, 1), JPG_STATUS_OK);
+    ASSERT_EQ(jpgWriteGetSubsamplingMethod(w.h, &out), JPG_STATUS_OK);
+    EXPECT_EQ(out, 1u);
+    ASSERT_EQ(jpgWriteSetRestartInterval(w.h, 0), JPG_STATUS_OK);
+    EXPECT_EQ(w.h->restartInterval, 0u);
+}
+
+TEST(EncoderSetup, ComponentIdentifiers) {
+    struct Case {
+        uint32_t channels;
+        bool noConversion;
+        int space;
+        std::vector<uint8_t> ids;
+    };
+    for (const Case &c : {Case{3, true, 1, {'R', 'G', 'B'}}, Case{3, true, 0, {1, 2, 3}},
+                          Case{3, false, 1, {1, 2, 3}}, Case{1, false, 0, {1}}, Case{4, false, 0, {1, 2, 3, 4}}}) {
+        Handle w;
+        jpgWriteSetNumberOfChannels(w.h, c.channels);
+        if (c.noConversion)
+            jpgWriteSetNoColorConversion(w.h);
+        jpgWriteSetInternalColorSpace(w.h, c.space);
+        ASSERT_EQ(SetColorIngredient(w.h), JPG_STATUS_OK);
+        for (size_t i = 0; i < c.ids.size(); i++)
+            EXPECT_EQ(w.h->components[i].id, c.ids[i]) << c.channels << " " << i;
+    }
+}
+
+TEST(EncoderSetup, SamplingValidationAndConversionIdentifier) {
+    Handle w;
+    JpgParam *h = w.h;
+    h->numComponents = 3;
+    h->components[0].sampling = 0x22;
+    h->components[1].sampling = 0x11;
+    h->components[2].sampling = 0x11;
+    uint32_t f[8] = {};
+    ASSERT_EQ(jpgWriteSSSetting(h, f), JPG_STATUS_OK);
+    EXPECT_EQ(f[0], 2u);
+    EXPECT_EQ(f[5], 1u);
+    h->components[2].sampling = 0x10;
+    EXPECT_EQ(jpgWriteSSSetting(h, f), JPG_STATUS_NOT_SUPPORTED);
+    h->components[2].sampling = 0x32;  // 3 does not divide the largest H, 2... now 3 is largest: 2 does not divide 3
+    EXPECT_EQ(jpgWriteSSSetting(h, f), JPG_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(jpgWriteSSSetting(h, nullptr), JPG_STATUS_INVALID_HANDLE);
+    h->mcuWidth = 16;
+    h->mcuHeight = 16;
+    EXPECT_EQ(jpgWriteMakeClrCvtID(h), 0x02020203u);
+    jpgWriteSetSubsamplingMethod(h, 1);
+    EXPECT_EQ(jpgWriteMakeClrCvtID(h), 0x82020203u);
+    jpgWriteSetNoColorConversion(h);
+    EXPECT_EQ(jpgWriteMakeClrCvtID(h), 0x81020203u);
+    h->numComponents = 1;
+    h->mcuWidth = 8;
+    h->mcuHeight = 8;
+    EXPECT_EQ(jpgWriteMakeClrCvtID(h), 0x80010101u);
+}
+
+TEST(EncoderSetup, TwoChannelsWithTheDefaultFactorUseOneByOne) {
+    kivtest::Image img{9, 9, 2, std::vector<uint8_t>(9 * 9 * 2, 77)};
+    JpgParam *h = nullptr;
+    ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
+    ComplibRect r = kivtest::rectOf(img);
+    ASSERT_EQ(jpgWriteFromRect(h, &r, 9), JPG_STATUS_OK);
+    EXPECT_EQ(h->components[0].sampling, 0x11);
+    EXPECT_EQ(h->components[1].sampling, 0x11);
+    EXPECT_EQ(h->mcuWidth, 8u);
+    uint8_t *buf = nullptr;
+    uint32_t size = 0;
+    jpgWriteEpilogToMemory(h, &buf, &size);
+    EXPECT_TRUE(kivtest::jpegtranAccepts(std::vector<uint8_t>(buf, buf + size)));
+    jpgWriteFreeBitstream(buf);
+}
+
+// The driver's own checks on the rectangle and the rows.
+TEST(EncoderSetup, DriverRefusesBadRectangles) {
+    kivtest::Image img{16, 16, 3, std::vector<uint8_t>(16 * 16 * 3, 100)};
+    struct Case {
+        const char *name;
+        std::function<void(ComplibRect &)> spoil;
+        uint32_t rows;
+        JpgStatus expected;
+    };
+    const std::vector<Case> cases = {
+        {"null pixels", [](ComplibRect &r) { r.pixels = nullptr; }, 16, JPG_STATUS_INVALID_HANDLE},
+        {"zero rows", [](ComplibRect &) {}, 0, JPG_STATUS_INVALID_PARAMETER},
+        {"16-bit samples", [](ComplibRect &r) { r.sampleBits = 16; }, 16, JPG_STATUS_NOT_SUPPORTED},
+        {"12-bit samples", [](ComplibRect &r) { r.sampleBits = 12; }, 16, JPG_STATUS_NOT_SUPPORTED},
+        {"rows beyond the rectangle", [](ComplibRect &) {}, 17, JPG_STATUS_INVALID_PARAMETER},
+        {"five channels", [](ComplibRect &r) { r.channels = 5; }, 16, JPG_STATUS_INVALID_PARAMETER},
+        {"short stride", [](ComplibRect &r) { r.stride = 47; }, 16, JPG_STATUS_INVALID_PARAMETER},
+        {"too wide", [](ComplibRect &r) { r.width = 70000; }, 16, JPG_STATUS_INVALID_PARAMETER},
+    };
+    for (const Case &c : cases) {
+        JpgParam *h = nullptr;
+        ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
+        ComplibRect r = kivtest::rectOf(img);
+        c.spoil(r);
+        EXPECT_EQ(jpgWriteFromRect(h, &r, c.rows), c.expected) << c.name;
+        EXPECT_EQ(h->bs.fill, 2u) << c.name << ": nothing written";
+        uint8_t *buf = nullptr;
+        uint32_t size = 0;
+        jpgWriteEpilogToMemory(h, &buf, &size);
+        jpgWriteFreeBitstream(buf);
+    }
+    EXPECT_EQ(jpgWriteFromRect(nullptr, nullptr, 1), JPG_STATUS_INVALID_HANDLE);
+    // Later strips must keep the frame's width and channels; rows past the
+    // frame's height are refused.
+    JpgParam *h = nullptr;
+    ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
+    ASSERT_EQ(jpgWriteSetImageSize(h, 16, 16), JPG_STATUS_OK);
+    ComplibRect r = kivtest::rectOf(img);
+    r.height = 16;
+    ASSERT_EQ(jpgWriteFromRect(h, &r, 16), JPG_STATUS_OK);
+    EXPECT_EQ(jpgWriteFromRect(h, &r, 1), JPG_STATUS_INVALID_PARAMETER);
+    r.width = 8;
+    EXPECT_EQ(jpgWriteFromRect(h, &r, 1), JPG_STATUS_INVALID_PARAMETER);
+    uint8_t *buf = nullptr;
+    uint32_t size = 0;
+    jpgWriteEpilogToMemory(h, &buf, &size);
+    EXPECT_TRUE(kivtest::jpegtranAccepts(std::vector<uint8_t>(buf, buf + size)));
+    jpgWriteFreeBitstream(buf);
+}
+
+// The image height given by the setter wins over a taller first strip.
+TEST(EncoderSetup, HeightFromSetterOrFirstRectangle) {
+    kivtest::Image img{8, 40, 1, std::vector<uint8_t>(8 * 40, 50)};
+    JpgParam *h = nullptr;
+    ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
+    ComplibRect r = kivtest::rectOf(img);
+    ASSERT_EQ(jpgWriteFromRect(h, &r, 17), JPG_STATUS_OK);
+    EXPECT_EQ(h->height, 40u) << "no height set: the rectangle's";
+    EXPECT_EQ(h->enc.rowsEncoded, 17u);
+    uint8_t *buf = nullptr;
+    uint32_t size = 0;
+    jpgWriteEpilogToMemory(h, &buf, &size);
+    jpgWriteFreeBitstream(buf);
+}

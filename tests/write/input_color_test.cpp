@@ -1,0 +1,188 @@
+// Input conversion: the RGB -> YCbCr values, both down-sampling rules, the
+// block layout, the edge mirroring and mean filling, and the routine table.
+#include <gtest/gtest.h>
+
+#include "encode_helpers.h"
+#include "write/encoder.h"
+
+namespace {
+
+// One MCU's worth of buffers around a pixel rectangle.
+struct Mcu {
+    std::vector<uint8_t> pixels;
+    std::vector<int16_t> planes, blocks;
+    JpgWriteConvertContext ctx{};
+    Mcu(uint32_t width, uint32_t rows, uint32_t channels, uint32_t hmax, uint32_t vmax,
+        std::vector<std::pair<int, int>> factors) {
+        pixels.assign(static_cast<size_t>(width) * rows * channels, 0);
+        ctx.mcuWidth = 8 * hmax;
+        ctx.mcuHeight = 8 * vmax;
+        planes.assign(ctx.mcuWidth * ctx.mcuHeight * channels, 0);
+        size_t blockCount = 0;
+        for (size_t c = 0; c < factors.size(); c++) {
+            ctx.factors[c][0] = factors[c].first;
+            ctx.factors[c][1] = factors[c].second;
+            blockCount += static_cast<size_t>(factors[c].first * factors[c].second);
+        }
+        blocks.assign(blockCount * 64, 0x7777);
+        ctx.pixels = pixels.data();
+        ctx.blocks = blocks.data();
+        ctx.planes = planes.data();
+        ctx.rows = rows;
+        ctx.width = width;
+        ctx.stride = static_cast<int32_t>(width * channels);
+        ctx.bytesPerPixel = channels;
+    }
+    int16_t *block(int i) { return blocks.data() + 64 * i; }
+};
+
+}  // namespace
+
+TEST(InputColor, YCbCrValues) {
+    struct Case {
+        uint8_t b, g, r;
+        int16_t y, cb, cr;
+    };
+    for (Case c : {Case{0, 0, 0, -128, 0, 0}, Case{255, 255, 255, 127, 0, 0}, Case{255, 0, 0, -99, 128, -21},
+                   Case{0, 0, 255, -52, -43, 128}, Case{0, 255, 0, 22, -84, -107}}) {
+        Mcu m(1, 1, 3, 1, 1, {{1, 1}, {1, 1}, {1, 1}});
+        m.pixels = {c.b, c.g, c.r};
+        m.ctx.pixels = m.pixels.data();
+        ASSERT_EQ(GenericYUVConvert8bit(&m.ctx, 0, 0, 1, 1), JPG_STATUS_OK);
+        EXPECT_EQ(m.planes[0], c.y) << int(c.b) << "," << int(c.g) << "," << int(c.r);
+        EXPECT_EQ(m.planes[64], c.cb);
+        EXPECT_EQ(m.planes[128], c.cr);
+    }
+    Mcu m(1, 1, 3, 1, 1, {{1, 1}, {1, 1}, {1, 1}});
+    EXPECT_EQ(GenericYUVConvert8bit(&m.ctx, 0, 0, 2, 1), JPG_STATUS_INVALID_PARAMETER);
+}
+
+TEST(InputColor, ReversedCopyPutsRedFirst) {
+    Mcu m(8, 8, 3, 1, 1, {{1, 1}, {1, 1}, {1, 1}});
+    for (size_t i = 0; i < m.pixels.size(); i += 3) {
+        m.pixels[i] = 10;       // B
+        m.pixels[i + 1] = 20;   // G
+        m.pixels[i + 2] = 200;  // R
+    }
+    ASSERT_EQ(jpgWriteRGB2RGBRect(&m.ctx, 0, 0), JPG_STATUS_OK);
+    EXPECT_EQ(m.block(0)[0], 72);    // R - 128
+    EXPECT_EQ(m.block(1)[63], -108); // G - 128
+    EXPECT_EQ(m.block(2)[17], -118); // B - 128
+}
+
+// Plain sampling takes the top-left sample of each group; HQ averages with
+// a bias that truncates toward zero.
+TEST(InputColor, DownSamplingRules) {
+    Mcu m(16, 16, 2, 2, 2, {{2, 2}, {1, 1}});
+    for (int y = 0; y < 16; y++)
+        for (int x = 0; x < 16; x++) {
+            m.pixels[2 * (16 * y + x)] = static_cast<uint8_t>(x + 16 * y);
+            // channel 1: groups of -1, -1, -1, -2 (after the level shift)
+            m.pixels[2 * (16 * y + x) + 1] = (x % 2 == 1 && y % 2 == 1) ? 126 : 127;
+        }
+    ASSERT_EQ(jpgWriteXXX2Rect(&m.ctx, 0, 0), JPG_STATUS_OK);
+    EXPECT_EQ(m.block(1)[0], 8 - 128);                // luminance block 1 starts at x = 8
+    EXPECT_EQ(m.block(2)[9], 8 * 16 + 16 + 1 - 128);  // block 2 starts at row 8
+    EXPECT_EQ(m.block(4)[0], -1);                     // top-left of the group
+    ASSERT_EQ(jpgWriteXXX2RectHQ(&m.ctx, 0, 0), JPG_STATUS_OK);
+    EXPECT_EQ(m.block(4)[0], 0);  // (-5 + 2) / 4 truncates to 0
+    EXPECT_EQ(m.block(4)[63], 0);
+    EXPECT_EQ(m.block(0)[0], -128);  // 1x1 factors copy
+}
+
+TEST(InputColor, HQAverageOfPositiveAndTwoByOneGroups) {
+    Mcu m(16, 8, 1, 2, 1, {{1, 1}});
+    for (int x = 0; x < 16; x++)
+        for (int y = 0; y < 8; y++)
+            m.pixels[16 * y + x] = static_cast<uint8_t>(128 + (x % 2 ? 2 : 1));  // 1, 2 -> (3 + 1) / 2
+    ASSERT_EQ(jpgWriteXXX2RectHQ(&m.ctx, 0, 0), JPG_STATUS_OK);
+    EXPECT_EQ(m.block(0)[0], 2);
+}
+
+// A one-pixel-wide image mirrors its single column across all eight.
+TEST(InputColor, OnePixelWideMirrorsToEightColumns) {
+    for (auto convert : {jpgWriteXXX2Rect, jpgWriteXXX2RectHQ}) {
+        Mcu m(1, 8, 1, 1, 1, {{1, 1}});
+        for (int y = 0; y < 8; y++)
+            m.pixels[y] = static_cast<uint8_t>(100 + y);
+        ASSERT_EQ(convert(&m.ctx, 0, 0), JPG_STATUS_OK);
+        for (int y = 0; y < 8; y++)
+            for (int x = 0; x < 8; x++)
+                EXPECT_EQ(m.block(0)[8 * y + x], 100 + y - 128) << x << "," << y;
+    }
+}
+
+TEST(InputColor, MirroringDoublesTheValidPart) {
+    Mcu m(3, 3, 1, 1, 1, {{1, 1}});
+    m.pixels = {131, 132, 133, 134, 135, 136, 137, 138, 139};
+    m.ctx.pixels = m.pixels.data();
+    ASSERT_EQ(jpgWriteXXX2Rect(&m.ctx, 0, 0), JPG_STATUS_OK);
+    // columns 0 1 2 | 2 1 0 | 0 1 ; rows likewise
+    const int cols[8] = {0, 1, 2, 2, 1, 0, 0, 1};
+    for (int y = 0; y < 8; y++)
+        for (int x = 0; x < 8; x++)
+            EXPECT_EQ(m.block(0)[8 * y + x], 3 + 3 * cols[y] + cols[x]) << x << "," << y;
+}
+
+// A 1x1 three-channel image in a 2x2 MCU: the blocks holding the pixel are
+// mirrored, the other luminance blocks take the block mean.
+TEST(InputColor, SinglePixelInFourTwoZeroMcu) {
+    Mcu m(1, 1, 3, 2, 2, {{2, 2}, {1, 1}, {1, 1}});
+    m.pixels = {255, 255, 255};
+    ASSERT_EQ(jpgWriteRGB2YUVRect(&m.ctx, 0, 0), JPG_STATUS_OK);
+    for (int b = 0; b < 4; b++)
+        for (int k = 0; k < 64; k++)
+            EXPECT_EQ(m.block(b)[k], 127) << b << "," << k;
+    for (int k = 0; k < 64; k++) {
+        EXPECT_EQ(m.block(4)[k], 0);
+        EXPECT_EQ(m.block(5)[k], 0);
+    }
+}
+
+TEST(InputColor, BlocksOutsideTakeTheMeanOfTheBlockBefore) {
+    Mcu m(8, 1, 1, 2, 2, {{2, 2}});
+    for (int x = 0; x < 8; x++)
+        m.pixels[x] = static_cast<uint8_t>(128 + x);  // 0..7, mean 3 (224 >> 6)
+    ASSERT_EQ(jpgWriteXXX2RectHQ(&m.ctx, 0, 0), JPG_STATUS_OK);
+    for (int k = 0; k < 64; k++) {
+        EXPECT_EQ(m.block(0)[k], k % 8);
+        EXPECT_EQ(m.block(1)[k], 3);
+        EXPECT_EQ(m.block(2)[k], 3);
+        EXPECT_EQ(m.block(3)[k], 3);
+    }
+}
+
+TEST(InputColor, RoutineTable) {
+    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x00020201), jpgWriteXXX2Rect);
+    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x80020204), jpgWriteXXX2RectHQ);
+    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x01010103), jpgWriteRGB2RGBRect);
+    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x81010103), jpgWriteRGB2RGBRectHQ);
+    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x02020203), jpgWriteRGB2YUVRect);
+    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x82020203), jpgWriteRGB2YUVRectHQ);
+    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x03020203), nullptr);
+    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x22020203), nullptr);  // not 8-bit
+    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x02020201), nullptr);  // YCbCr of one channel
+    EXPECT_EQ(jpgGetWriteColorConvertFunc(0x02020203, 0), jpgWriteRGB2YUVRect);
+}
+
+TEST(InputColor, PositionsOutsideTheImageAreRefused) {
+    Mcu m(8, 8, 1, 1, 1, {{1, 1}});
+    EXPECT_EQ(jpgWriteXXX2Rect(&m.ctx, 8, 0), JPG_STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(jpgWriteXXX2Rect(&m.ctx, 0, 8), JPG_STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(jpgWriteRGB2YUVRect(&m.ctx, 0, 0), JPG_STATUS_INVALID_PARAMETER);  // one channel
+}
+
+// Factors that do not tile the MCU are refused instead of looping or
+// writing outside the block buffer.
+TEST(InputColor, InconsistentContextsAreRefused) {
+    Mcu m(8, 8, 1, 1, 1, {{1, 1}});
+    m.ctx.factors[0][0] = 2;  // larger than the MCU's largest factor
+    EXPECT_EQ(jpgWriteXXX2Rect(&m.ctx, 0, 0), JPG_STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(GenericSubSamplingAndBlockDivisionHQ(&m.ctx), JPG_STATUS_INVALID_PARAMETER);
+    m.ctx.factors[0][0] = 0;
+    EXPECT_EQ(GenericSubSamplingAndBlockDivision(&m.ctx), JPG_STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(GenericEdgeOptimize(&m.ctx, 1, 1), JPG_STATUS_INVALID_PARAMETER);
+    m.ctx.factors[0][0] = 1;
+    EXPECT_EQ(GenericEdgeOptimize(&m.ctx, 0, 1), JPG_STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(GenericEdgeOptimize(nullptr, 1, 1), JPG_STATUS_INVALID_HANDLE);
+}

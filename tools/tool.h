@@ -1,0 +1,97 @@
+// Shared pieces of the kivjpeg command-line tool: argument handling, error
+// reporting, JPEG decoding into RGB images, image comparison. Each command
+// lives in its own file and takes the arguments after its name.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "image_io.h"
+#include "kivjpeg.hpp"
+
+namespace kivtool {
+
+// Exit codes: 0 success, 1 error, 2 output written but the stream was damaged.
+constexpr int kExitOk = 0;
+constexpr int kExitError = 1;
+constexpr int kExitWarning = 2;
+
+// Command-line arguments after the command name: positional words and
+// "--name value" / "--flag" options.
+class Args {
+public:
+    Args(int argc, char **argv, const std::vector<std::string> &valued);
+    bool has(const std::string &name) const;
+    std::string get(const std::string &name, const std::string &fallback = "") const;
+    const std::vector<std::string> &positional() const { return positional_; }
+    // The first unknown option, or empty when all are in `known`.
+    std::string unknown(const std::vector<std::string> &known) const;
+
+private:
+    std::vector<std::pair<std::string, std::string>> options_;
+    std::vector<std::string> positional_;
+};
+
+// Prints "kivjpeg: <context>: <message>" on stderr and returns kExitError.
+int fail(const std::string &context, const std::string &message);
+int failStatus(const std::string &context, kivjpeg::Status status);
+
+// A progress line on stderr, shown only when stderr is a terminal.
+class Progress {
+public:
+    Progress(const std::string &what, uint64_t total);
+    void update(uint64_t done);
+    ~Progress();
+
+private:
+    std::string what_;
+    uint64_t total_;
+    bool active_;
+    int last_ = -1;
+};
+
+double nowSeconds();
+
+// Opens a JPEG from bytes; retries without the end-of-image check for a
+// stream whose EOI marker is missing (and says so in *note).
+kivjpeg::Status openJpeg(kivjpeg::Decoder &decoder, const std::vector<uint8_t> &bytes,
+                         std::string *note);
+
+// Decodes a whole JPEG into an image in Gray/RGB order, at a scale. Frames
+// the library cannot scale (progressive, lossless) are decoded at full size
+// and reduced by averaging here, noted in *note.
+kivjpeg::Status decodeJpeg(kivjpeg::Decoder &decoder, kivjpeg::Scale scale, kivjpeg::Image *out,
+                           std::string *note, bool showProgress = false);
+
+// Averages blocks of `factor` x `factor` pixels (partial blocks at the edges).
+kivjpeg::Image boxReduce(const kivjpeg::Image &image, uint32_t factor);
+// Converts RGB to gray with the ITU-R BT.601 weights.
+kivjpeg::Image toGray(const kivjpeg::Image &image);
+// Reduces samples to 8 bits.
+kivjpeg::Image to8Bit(const kivjpeg::Image &image);
+
+struct Difference {
+    double psnr = 0;      // dB; infinity for identical images
+    uint32_t maxDiff = 0;
+    double meanDiff = 0;
+};
+// Compares two images of the same shape; false when shapes differ.
+bool compareImages(const kivjpeg::Image &a, const kivjpeg::Image &b, Difference *d,
+                   kivjpeg::Image *diffImage);
+
+// Reads an image file or decodes a JPEG file into Gray/RGB order.
+bool loadAnyImage(const std::string &path, kivjpeg::Image *image, std::string *error);
+
+// Marker names: "SOI", "APP0", "DQT", ... and the reverse.
+std::string markerName(uint16_t marker);
+bool parseMarker(const std::string &text, uint16_t *marker);
+
+int cmdInfo(int argc, char **argv);
+int cmdSegments(int argc, char **argv);
+int cmdDecode(int argc, char **argv);
+int cmdEncode(int argc, char **argv);
+int cmdCompare(int argc, char **argv);
+int cmdDemo(int argc, char **argv);
+
+}  // namespace kivtool
