@@ -4,6 +4,7 @@
 // then rows, with the +128 level shift and clamp done by one PixClipTable
 // lookup of the low ten bits. All arithmetic wraps like 32-bit registers.
 #include "core/codec.h"
+#include "read/inverse_dct_sse2.h"
 
 namespace kiv {
 namespace {
@@ -77,10 +78,15 @@ inline void rowPass(const uint32_t *work, int16_t *block) {
 extern "C" {
 
 JpgStatus jpgReadInverseDCT(int16_t *block) {
+#if KIV_HAVE_SSE2_IDCT
+    kiv::inverseDctSse2(block);
+    return JPG_STATUS_OK;
+#else
     uint32_t work[64];
     kiv::columnPass(block, work);
     kiv::rowPass(work, block);
     return JPG_STATUS_OK;
+#endif
 }
 
 }  // extern "C"

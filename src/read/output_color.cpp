@@ -6,6 +6,7 @@
 // or reorder. One template per layout serves full-size and scaled blocks.
 #include "core/codec.h"
 #include "core/tables.h"
+#include "read/output_color_sse2.h"
 
 namespace kiv {
 namespace {
@@ -90,6 +91,12 @@ void storeBlock(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int s
                 int cols) {
     for (int r = 0; r < rows; r++) {
         uint8_t *line = dst + r * stride;
+#if KIV_HAVE_SSE2_COLOR
+        if (kLayout == Layout::YCbCr && cols == 8 && step == 3) {
+            yccRowToBgrSse2(src[0] + 8 * r, src[1] + 8 * r, src[2] + 8 * r, line);
+            continue;
+        }
+#endif
         for (int c = 0; c < cols; c++)
             storePixel<kChannels, kLayout>(src, 8 * r + c, line + c * step);
     }

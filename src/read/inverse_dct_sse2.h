@@ -1,0 +1,18 @@
+// The SSE2 inverse DCT of x86-64 (inverse_dct_sse2.cpp): bit-identical to the
+// portable transform of inverse_dct.cpp, used by jpgReadInverseDCT when built.
+#pragma once
+
+#include <stdint.h>
+
+#if defined(__x86_64__) && defined(__SSE2__)
+#define KIV_HAVE_SSE2_IDCT 1
+#else
+#define KIV_HAVE_SSE2_IDCT 0
+#endif
+
+namespace kiv {
+
+// In place: 64 dequantized coefficients in, 64 samples 0..255 out.
+void inverseDctSse2(int16_t *block);
+
+}  // namespace kiv
