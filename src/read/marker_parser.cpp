@@ -28,7 +28,7 @@ void terminateDhtList(JpgParam *param) {
 
 // One table of a DHT segment (B.2.4.2); *remaining is the segment's rest.
 JpgStatus parseOneHuffmanTable(JpgParam *param, int32_t *remaining) {
-    uint8_t spec[273];
+    uint8_t tableSpec[273];
     uint32_t classId = readByte(param);
     int32_t n = param->dhtCount < 0 ? 8 : param->dhtCount;
     if ((classId >> 4) > 1 || (classId & 15) > 3 || n >= 8)
@@ -37,8 +37,8 @@ JpgStatus parseOneHuffmanTable(JpgParam *param, int32_t *remaining) {
     param->dhtCount = n + 1;
     uint32_t sum = 0;
     for (int i = 0; i < 16; i++) {
-        spec[i] = static_cast<uint8_t>(readByte(param));
-        sum += spec[i];
+        tableSpec[i] = static_cast<uint8_t>(readByte(param));
+        sum += tableSpec[i];
     }
     *remaining -= static_cast<int32_t>(sum) + 17;
     if (*remaining < 0)
@@ -46,11 +46,11 @@ JpgStatus parseOneHuffmanTable(JpgParam *param, int32_t *remaining) {
     if (sum > 255)
         return truncatedOr(param, JPG_STATUS_BAD_DATA);
     for (uint32_t i = 0; i < sum; i++)
-        spec[16 + i] = static_cast<uint8_t>(readByte(param));
-    spec[272] = static_cast<uint8_t>(classId);
+        tableSpec[16 + i] = static_cast<uint8_t>(readByte(param));
+    tableSpec[272] = static_cast<uint8_t>(classId);
     if (param->bs.state != 0)
         return JPG_STATUS_UNEXPECTED_END;
-    return jpgGenerateHuffmanTable(param, spec, sum);
+    return jpgGenerateHuffmanTable(param, tableSpec, sum);
 }
 
 JpgStatus parseDht(JpgParam *param) {
@@ -197,7 +197,7 @@ void deriveGeometry(JpgParam *param) {
     param->mcusLeft = param->totalMcus;
 }
 
-// Frame header (B.2.2): P, Y, X, Nf and Nf component specifications.
+// Frame header (B.2.2): P, Y, X, Nf and Nf sets of component parameters.
 JpgStatus readFrameHeader(JpgParam *param) {
     param->precision = readByte(param);
     param->height = jpgReadGetBytes(param, 16);

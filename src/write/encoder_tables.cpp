@@ -121,18 +121,18 @@ bool selectorsDefined(const JpgParam *param) {
 
 JpgStatus writeDHT(JpgParam *param) {
     uint32_t payload = 0;
-    for (const auto &spec : param->enc.huffSpec)
-        payload += bitsSum(spec) > 0 ? 17 + bitsSum(spec) : 0;
+    for (const auto &record : param->enc.huffSpec)
+        payload += bitsSum(record) > 0 ? 17 + bitsSum(record) : 0;
     JpgStatus status = jpgWriteWriteMarkerCode(param, 0xFFC4, payload);
-    for (const auto &spec : param->enc.huffSpec) {
-        uint32_t count = bitsSum(spec);
+    for (const auto &record : param->enc.huffSpec) {
+        uint32_t count = bitsSum(record);
         if (status != JPG_STATUS_OK || count == 0)
             continue;
-        status = jpgWriteWriteMarkerData(param, &spec[272], 1, nullptr);
+        status = jpgWriteWriteMarkerData(param, &record[272], 1, nullptr);
         if (status == JPG_STATUS_OK)
-            status = jpgWriteWriteMarkerData(param, spec, 16, nullptr);
+            status = jpgWriteWriteMarkerData(param, record, 16, nullptr);
         if (status == JPG_STATUS_OK)
-            status = jpgWriteWriteMarkerData(param, spec + 16, count, nullptr);
+            status = jpgWriteWriteMarkerData(param, record + 16, count, nullptr);
     }
     return status;
 }
@@ -305,16 +305,16 @@ JpgStatus createDHT(JpgParam *param, const uint8_t *source) {
     if (source == nullptr)
         source = kAnnexKHuffman;
     for (int record = 0; record < 4; record++) {
-        uint8_t *spec = param->enc.huffSpec[record];
+        uint8_t *tableRecord = param->enc.huffSpec[record];
         uint32_t count = bitsSum(source);
         if (count > 256)
             return JPG_STATUS_BAD_DATA;
-        memset(spec, 0, 273);
-        memcpy(spec, source, 16 + count);
-        spec[272] = static_cast<uint8_t>((record / 2) << 4 | (record % 2));
+        memset(tableRecord, 0, 273);
+        memcpy(tableRecord, source, 16 + count);
+        tableRecord[272] = static_cast<uint8_t>((record / 2) << 4 | (record % 2));
         source += 16 + count;
         if (count > 0) {
-            JpgStatus status = jpgGenerateHuffmanTable(param, spec, count);
+            JpgStatus status = jpgGenerateHuffmanTable(param, tableRecord, count);
             if (status != JPG_STATUS_OK)
                 return status;
         }

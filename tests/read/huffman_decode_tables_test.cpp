@@ -20,9 +20,9 @@ struct Handle {
     ~Handle() { jpgEpilog(p); }
 };
 
-JpgStatus generate(JpgParam *p, const HuffmanSpec &spec, uint8_t classId) {
-    auto buffer = kivtest::specBuffer(spec, classId);
-    return jpgGenerateHuffmanTable(p, buffer.data(), static_cast<uint32_t>(spec.values.size()));
+JpgStatus generate(JpgParam *p, const HuffmanSpec &table, uint8_t classId) {
+    auto buffer = kivtest::specBuffer(table, classId);
+    return jpgGenerateHuffmanTable(p, buffer.data(), static_cast<uint32_t>(table.values.size()));
 }
 
 // What a 16-bit window starting at a code decodes to.
@@ -35,15 +35,15 @@ struct Decoded {
 };
 
 // Reference: canonical codes (Annex C) and a linear search.
-Decoded referenceDecode(const HuffmanSpec &spec, uint32_t window) {
+Decoded referenceDecode(const HuffmanSpec &table, uint32_t window) {
     uint32_t code = 0;
     size_t k = 0;
     for (int length = 1; length <= 16; length++) {
-        for (int j = 0; j < spec.bits[length - 1]; j++, k++, code++) {
+        for (int j = 0; j < table.bits[length - 1]; j++, k++, code++) {
             if ((window >> (16 - length)) == code) {
                 Decoded d;
                 d.valid = true;
-                d.symbol = spec.values[k];
+                d.symbol = table.values[k];
                 d.codeLength = length;
                 int size = d.symbol & 15;
                 if (length + size <= 16) {
@@ -88,10 +88,10 @@ Decoded tableDecode(const JpgHuffmanTable &t, uint32_t window, bool ac) {
     return d;
 }
 
-void expectSameDecoding(const JpgHuffmanTable &t, const HuffmanSpec &spec, bool ac) {
+void expectSameDecoding(const JpgHuffmanTable &t, const HuffmanSpec &table, bool ac) {
     int mismatches = 0;
     for (uint32_t w = 0; w < 0x10000 && mismatches < 5; w++) {
-        Decoded want = referenceDecode(spec, w);
+        Decoded want = referenceDecode(table, w);
         Decoded got = tableDecode(t, w, ac);
         bool same = want.valid == got.valid &&
                     (!want.valid || (want.symbol == got.symbol && want.codeLength == got.codeLength &&
@@ -182,7 +182,7 @@ TEST(HuffmanTables, ChrominanceTablesDecodeEveryWindow) {
 
 // Random complete and incomplete code spaces with random symbols.
 HuffmanSpec randomSpec(std::mt19937 &rng, bool ac) {
-    HuffmanSpec spec{};
+    HuffmanSpec table{};
     uint32_t room = 1;  // free codes at the current length
     int total = 0;
     int maxTotal = ac ? 162 : 12;
@@ -191,7 +191,7 @@ HuffmanSpec randomSpec(std::mt19937 &rng, bool ac) {
         uint32_t n = std::uniform_int_distribution<uint32_t>(0, std::min<uint32_t>(room - 1, 12))(rng);
         if (length == 16 || total + static_cast<int>(n) > maxTotal)
             n = std::min<uint32_t>(room - 1, static_cast<uint32_t>(maxTotal - total));
-        spec.bits[length - 1] = static_cast<uint8_t>(n);
+        table.bits[length - 1] = static_cast<uint8_t>(n);
         room -= n;
         total += static_cast<int>(n);
         if (total == maxTotal)
@@ -200,9 +200,9 @@ HuffmanSpec randomSpec(std::mt19937 &rng, bool ac) {
     for (int i = 0; i < total; i++) {
         int size = std::uniform_int_distribution<int>(0, ac ? 10 : 11)(rng);
         int run = ac ? std::uniform_int_distribution<int>(0, 15)(rng) : 0;
-        spec.values.push_back(static_cast<uint8_t>(run << 4 | size));
+        table.values.push_back(static_cast<uint8_t>(run << 4 | size));
     }
-    return spec;
+    return table;
 }
 
 TEST(HuffmanTables, RandomTablesDecodeEveryWindow) {
@@ -210,11 +210,11 @@ TEST(HuffmanTables, RandomTablesDecodeEveryWindow) {
     Handle h;
     for (int round = 0; round < 40; round++) {
         bool ac = round % 2 == 1;
-        HuffmanSpec spec = randomSpec(rng, ac);
+        HuffmanSpec table = randomSpec(rng, ac);
         uint8_t id = static_cast<uint8_t>(round / 2 % 4);
-        ASSERT_EQ(generate(h.p, spec, static_cast<uint8_t>((ac ? 0x10 : 0) | id)), JPG_STATUS_OK);
+        ASSERT_EQ(generate(h.p, table, static_cast<uint8_t>((ac ? 0x10 : 0) | id)), JPG_STATUS_OK);
         SCOPED_TRACE(round);
-        expectSameDecoding(ac ? h.p->acTables[id] : h.p->dcTables[id], spec, ac);
+        expectSameDecoding(ac ? h.p->acTables[id] : h.p->dcTables[id], table, ac);
     }
 }
 

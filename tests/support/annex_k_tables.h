@@ -48,12 +48,12 @@ inline const HuffmanSpec kChrominanceAc = {
 
 // The 273-byte buffer that jpgGenerateHuffmanTable takes: BITS, HUFFVAL, and
 // Tc << 4 | Th at index 272.
-inline std::vector<uint8_t> specBuffer(const HuffmanSpec &spec, uint8_t classId) {
+inline std::vector<uint8_t> specBuffer(const HuffmanSpec &table, uint8_t classId) {
     std::vector<uint8_t> buffer(273, 0);
     for (int i = 0; i < 16; i++)
-        buffer[i] = spec.bits[i];
-    for (size_t i = 0; i < spec.values.size() && i < 256; i++)
-        buffer[16 + i] = spec.values[i];
+        buffer[i] = table.bits[i];
+    for (size_t i = 0; i < table.values.size() && i < 256; i++)
+        buffer[16 + i] = table.values[i];
     buffer[272] = classId;
     return buffer;
 }

@@ -50,14 +50,14 @@ public:
             p.insert(p.end(), {c.id, c.sampling, c.tq});
         return segment(marker, p);
     }
-    static std::vector<uint8_t> dhtPayload(uint8_t classId, const HuffmanSpec &spec) {
+    static std::vector<uint8_t> dhtPayload(uint8_t classId, const HuffmanSpec &table) {
         std::vector<uint8_t> p{classId};
-        p.insert(p.end(), spec.bits, spec.bits + 16);
-        p.insert(p.end(), spec.values.begin(), spec.values.end());
+        p.insert(p.end(), table.bits, table.bits + 16);
+        p.insert(p.end(), table.values.begin(), table.values.end());
         return p;
     }
-    StreamBuilder &dht(uint8_t classId, const HuffmanSpec &spec) {
-        return segment(0xC4, dhtPayload(classId, spec));
+    StreamBuilder &dht(uint8_t classId, const HuffmanSpec &table) {
+        return segment(0xC4, dhtPayload(classId, table));
     }
     StreamBuilder &sos(const std::vector<ScanComponent> &comps, uint8_t ss = 0, uint8_t se = 63,
                        uint8_t ahAl = 0) {
@@ -78,13 +78,13 @@ public:
 };
 
 // Canonical codes of a table: symbol -> (code, length).
-inline std::map<int, std::pair<uint32_t, int>> canonicalCodes(const HuffmanSpec &spec) {
+inline std::map<int, std::pair<uint32_t, int>> canonicalCodes(const HuffmanSpec &table) {
     std::map<int, std::pair<uint32_t, int>> codes;
     uint32_t code = 0;
     size_t k = 0;
     for (int length = 1; length <= 16; length++, code <<= 1)
-        for (int j = 0; j < spec.bits[length - 1]; j++)
-            codes[spec.values[k++]] = {code++, length};
+        for (int j = 0; j < table.bits[length - 1]; j++)
+            codes[table.values[k++]] = {code++, length};
     return codes;
 }
 
