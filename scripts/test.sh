@@ -57,3 +57,7 @@ if [ "${KIV_SKIP_ROBUSTNESS:-0}" != 1 ]; then
   bash fuzz/build.sh build/fuzz
   bash fuzz/run.sh "${KIV_FUZZ_SECONDS:-60}" build/fuzz
 fi
+steps=3  # x86, x64 and sanitizer suites; then TSan and fuzzing
+[ "${KIV_SKIP_SANITIZE:-0}" = 1 ] && steps=$((steps - 1))
+[ "${KIV_SKIP_ROBUSTNESS:-0}" = 1 ] || steps=$((steps + 2))
+echo "test.sh: ${steps} passed, 0 failed"
