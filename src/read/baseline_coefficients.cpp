@@ -11,7 +11,16 @@
 
 namespace {
 
+using kiv::BitState;
+
 constexpr uint32_t kInvalidEntry = 0xFFFF0000u;
+constexpr int32_t kWindowBits = 16;  // the longest code: levels 2 and 3 look at 16 bits
+
+// Lookup entry fields: consumed bits, SSSS, RRRR, the EXTENDed value.
+constexpr int32_t entryBits(uint32_t e) { return static_cast<int32_t>(e & 0xFF); }
+constexpr uint32_t entrySize(uint32_t e) { return (e >> 8) & 15; }
+constexpr uint32_t entryRun(uint32_t e) { return (e >> 12) & 15; }
+constexpr int32_t entryValue(uint32_t e) { return static_cast<int16_t>(e >> 16); }
 
 // Entry of a lower lookup level, or the invalid entry when the level is absent.
 uint32_t lowerEntry(const JpgHuffLevel &level, uint32_t window) {
@@ -19,104 +28,125 @@ uint32_t lowerEntry(const JpgHuffLevel &level, uint32_t window) {
     return level.entries != nullptr && index < level.count ? level.entries[index] : kInvalidEntry;
 }
 
-int32_t firstLevelWidth(const JpgHuffLevel &level) {
-    return level.shift < 16 ? 16 - static_cast<int32_t>(level.shift) : 16;
+// The first lookup level as the decoding loops use it: entries below the
+// limit resolve a code (with its magnitude bits when it has any) at once.
+struct FirstLevel {
+    const uint32_t *entries;
+    uint32_t limit;
+    int32_t width;
+    explicit FirstLevel(const JpgHuffLevel &level)
+        : entries(level.entries), limit(level.limit),
+          width(level.shift < 16 ? 16 - static_cast<int32_t>(level.shift) : 16) {}
+};
+
+JpgStatus badCode(const BitState &bits, JpgStatus status) {
+    return bits.ended() ? JPG_STATUS_UNEXPECTED_END : status;
 }
 
-// DC difference (F.2.2.1): composite first-level entries carry it; the
-// second level gives SSSS and the magnitude bits follow.
-JpgStatus decodeDc(kiv::BitState &bits, const JpgHuffLevel *dc, int32_t *difference,
-                   uint32_t *size) {
-    int32_t width = firstLevelWidth(dc[0]);
-    bits.need(width);
-    uint32_t index = bits.peek(width);
-    uint32_t entry;
-    bool carried = index < dc[0].limit;
-    if (carried) {
-        entry = dc[0].entries[index];
-    } else {
-        bits.need(16);
-        entry = lowerEntry(dc[1], bits.acc >> 16);
-    }
+// A symbol-only entry completed by RECEIVE and EXTEND (F.2.2.1) into the
+// form of a first-level entry whose bits are already consumed.
+uint32_t receiveValue(BitState &bits, uint32_t entry) {
+    uint32_t size = entrySize(entry);
+    if (size == 0)
+        return entry & 0xFF00;
+    int32_t value = kiv::extend(static_cast<int32_t>(bits.receive(static_cast<int32_t>(size))),
+                                static_cast<int>(size));
+    return static_cast<uint32_t>(value) << 16 | (entry & 0xFF00);
+}
+
+// A DC code the first level does not take: level 2 gives SSSS, the
+// magnitude bits follow. Consumes the code; the invalid entry when none.
+[[gnu::noinline]] uint32_t decodeLongDc(BitState &bits, const JpgHuffLevel *dc) {
+    bits.need(kWindowBits);
+    uint32_t entry = lowerEntry(dc[1], bits.window());
     if (entry == kInvalidEntry)
-        return bits.ended() ? JPG_STATUS_UNEXPECTED_END : JPG_STATUS_BAD_DC_CODE;
-    bits.skip(static_cast<int32_t>(entry & 0xFF));
-    *size = (entry >> 8) & 15;
-    if (carried || *size == 0)
-        *difference = carried ? static_cast<int16_t>(entry >> 16) : 0;
-    else
-        *difference = kiv::extend(static_cast<int32_t>(bits.receive(static_cast<int32_t>(*size))),
-                                  static_cast<int>(*size));
-    return JPG_STATUS_OK;
+        return entry;
+    bits.skip(entryBits(entry));
+    return receiveValue(bits, entry);
 }
 
-// One AC lookup: the entry and whether it carries the coefficient value.
-uint32_t lookupAc(kiv::BitState &bits, const JpgHuffLevel *ac, int32_t width, bool *carried) {
-    bits.need(width);
-    uint32_t index = bits.peek(width);
-    *carried = true;
-    if (index < ac[0].limit)
-        return ac[0].entries[index];
-    bits.need(16);
-    uint32_t window = bits.acc >> 16;
-    if (window < ac[1].limit)
-        return lowerEntry(ac[1], window);
-    *carried = false;
-    return lowerEntry(ac[2], window);
+// An AC code the first level does not take: level 2 carries the value,
+// level 3 only the symbol. Consumes the code; the invalid entry when none.
+[[gnu::noinline]] uint32_t decodeLongAc(BitState &bits, const JpgHuffLevel *ac) {
+    bits.need(kWindowBits);
+    uint32_t window = bits.window();
+    if (window < ac[1].limit) {
+        uint32_t entry = lowerEntry(ac[1], window);
+        if (entry != kInvalidEntry)
+            bits.skip(entryBits(entry));
+        return entry & ~0xFFu;
+    }
+    uint32_t entry = lowerEntry(ac[2], window);
+    if (entry == kInvalidEntry)
+        return entry;
+    bits.skip(entryBits(entry));
+    return receiveValue(bits, entry);
 }
 
-// AC coefficients (F.2.2.2). The scaled variant decodes the coefficients at
-// zig-zag index `limit` and beyond and drops them.
+// One Huffman code of the table: the first-level entry, still to be
+// consumed, or a completed lower-level one. At most 16 bits are made
+// valid for the first level, as the exported reader would be asked.
+template <typename LongDecoder>
+inline uint32_t nextEntry(BitState &bits, const FirstLevel &first, const JpgHuffLevel *levels,
+                          LongDecoder decodeLong) {
+    bits.needAhead(first.width, kWindowBits);
+    uint32_t index = bits.peek(first.width);
+    uint32_t entry = index < first.limit ? first.entries[index] : decodeLong(bits, levels);
+    bits.skip(entryBits(entry));
+    return entry;
+}
+
+// One block (F.2.2.1, F.2.2.2): the DC difference updates the predictor,
+// AC run/size pairs place dequantized values in natural order. An over-long
+// block ends silently. The scaled variant decodes the coefficients at
+// zig-zag index `limit` and beyond and drops them; the DC is always stored.
 template <bool kScaled>
-JpgStatus decodeAc(kiv::BitState &bits, const JpgHuffLevel *ac, const uint32_t *quant,
-                   int16_t *block, uint32_t limit) {
-    int32_t width = firstLevelWidth(ac[0]);
+JpgStatus decodeBlock(BitState &bits, int16_t *block, JpgComponent *comp, uint32_t limit) {
+    const JpgHuffLevel *dc = comp->dcLookup, *ac = comp->acLookup;
+    const uint32_t *quant = comp->quant;
+    uint32_t entry = nextEntry(bits, FirstLevel(dc[0]), dc, decodeLongDc);
+    if (entry == kInvalidEntry)
+        return badCode(bits, JPG_STATUS_BAD_DC_CODE);
+    // A zero SSSS carries the value 0: adding it leaves the predictor as it is.
+    uint32_t predictor = static_cast<uint32_t>(comp->dcPred) + static_cast<uint32_t>(entryValue(entry));
+    comp->dcPred = static_cast<int32_t>(predictor);
+    block[0] = static_cast<int16_t>(quant[0] * predictor);
+    const FirstLevel first(ac[0]);
     uint32_t k = 0;
     for (;;) {
-        bool carried;
-        uint32_t entry = lookupAc(bits, ac, width, &carried);
-        if (entry == kInvalidEntry)
-            return bits.ended() ? JPG_STATUS_UNEXPECTED_END : JPG_STATUS_BAD_AC_CODE;
-        bits.skip(static_cast<int32_t>(entry & 0xFF));
-        uint32_t run = (entry >> 12) & 15, size = (entry >> 8) & 15;
-        if (size == 0) {
-            if (run == 0)
-                return JPG_STATUS_OK;  // end of block
-            k += 16;                   // ZRL
+        entry = nextEntry(bits, first, ac, decodeLongAc);
+        if ((entry & 0xF00) == 0) {  // SSSS = 0: end of block, ZRL, or no code
+            if (entryRun(entry) == 0)
+                return entry == kInvalidEntry ? badCode(bits, JPG_STATUS_BAD_AC_CODE) : JPG_STATUS_OK;
+            k += 16;
             if (k > 63)
                 return JPG_STATUS_OK;
             continue;
         }
-        k += run + 1;
-        if (k > 63)  // an over-long block ends silently
+        k += entryRun(entry) + 1;
+        bool last = k >= 63;
+        if (last && k > 63)
             return JPG_STATUS_OK;
-        int32_t value = carried ? static_cast<int16_t>(entry >> 16)
-                                : kiv::extend(static_cast<int32_t>(bits.receive(
-                                                  static_cast<int32_t>(size))),
-                                              static_cast<int>(size));
         if (!kScaled || k < limit)
-            block[kiv::kZigzag[k]] = static_cast<int16_t>(static_cast<uint32_t>(value) * quant[k]);
-        if (k == 63)
+            block[kiv::kZigzag[k]] =
+                static_cast<int16_t>(static_cast<uint32_t>(entryValue(entry)) * quant[k]);
+        if (last)
             return JPG_STATUS_OK;
     }
 }
 
-// The block decoder behind jpgReadGetCoefficient and (kScaled)
-// jpgReadGetScaleCoefficient. The DC coefficient is always stored.
+bool hasLookups(const JpgComponent *comp) {
+    return comp->dcLookup != nullptr && comp->acLookup != nullptr && comp->quant != nullptr;
+}
+
+// The exported single-block decoders: the reader's state is loaded and
+// stored around the one block.
 template <bool kScaled>
-JpgStatus decodeBlock(JpgParam *param, int16_t *block, JpgComponent *comp, uint32_t limit) {
-    if (comp->dcLookup == nullptr || comp->acLookup == nullptr || comp->quant == nullptr)
+JpgStatus decodeSingleBlock(JpgParam *param, int16_t *block, JpgComponent *comp, uint32_t limit) {
+    if (!hasLookups(comp))
         return JPG_STATUS_FAILED;
-    kiv::BitState bits(param);
-    int32_t difference = 0;
-    uint32_t size = 0;
-    JpgStatus status = decodeDc(bits, comp->dcLookup, &difference, &size);
-    if (status == JPG_STATUS_OK) {
-        if (size != 0)
-            comp->dcPred += difference;
-        block[0] = static_cast<int16_t>(comp->quant[0] * static_cast<uint32_t>(comp->dcPred));
-        status = decodeAc<kScaled>(bits, comp->acLookup, comp->quant, block, limit);
-    }
+    BitState bits(param);
+    JpgStatus status = decodeBlock<kScaled>(bits, block, comp, limit);
     bits.store();
     return status;
 }
@@ -149,29 +179,35 @@ JpgStatus checkSequentialScan(const JpgParam *param) {
 extern "C" {
 
 JpgStatus jpgReadGetCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
-    return decodeBlock<false>(param, block, comp, 64);
+    return decodeSingleBlock<false>(param, block, comp, 64);
 }
 
 JpgStatus jpgReadGetScaleCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp,
                                      uint32_t limit) {
-    return decodeBlock<true>(param, block, comp, limit);
+    return decodeSingleBlock<true>(param, block, comp, limit);
 }
 
 JpgStatus jpgReadDecodeBaselineMcu(JpgParam *param) {
     JpgStatus status = kiv::checkSequentialScan(param);
     if (status != JPG_STATUS_OK)
         return status;
+    // One load of the reader's state for the whole MCU; stored before any
+    // return and before the restart processing reads the handle's reader.
+    BitState bits(param);
     int16_t *block = param->mcuBuffer;
     for (uint32_t c = 0; c < param->numComponents; c++) {
         JpgComponent *comp = &param->components[c];
         for (uint32_t b = 0; b < comp->blocks; b++, block += 64) {
             memset(block, 0, 64 * sizeof(int16_t));
-            status = decodeBlock<false>(param, block, comp, 64);
-            if (status != JPG_STATUS_OK)
+            status = hasLookups(comp) ? decodeBlock<false>(bits, block, comp, 64) : JPG_STATUS_FAILED;
+            if (status != JPG_STATUS_OK) {
+                bits.store();
                 return status;
+            }
             jpgReadInverseDCT(block);
         }
     }
+    bits.store();
     kiv::advanceMcuCounters(param);
     return status;
 }

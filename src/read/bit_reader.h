@@ -1,9 +1,12 @@
 // Inline bit supply for the entropy decoders: the same byte loading as
 // jpgReadGetBits (ISO/IEC 10918-1 F.2.2.5 with the byte stuffing of F.1.2.3),
-// working on a local copy of the accumulator. A decoder loads its state with
-// BitState, calls need()/take() and writes the state back with store().
-// At the end of data the missing bytes read as all ones (end state 2, then 1).
+// working on a machine-word copy of the accumulator. A decoder loads its
+// state with BitState, calls need()/take() and writes the state back with
+// store(). At the end of data the missing bytes read as all ones (end state
+// 2, then 1). Invariant: the bits below the valid count are always zero.
 #pragma once
+
+#include <string.h>
 
 #include "core/codec.h"
 
@@ -43,22 +46,123 @@ inline void loadEntropyBits(JpgParam *param, uint32_t &acc, int32_t &count, int3
     }
 }
 
+// The decoders' accumulator: 64 bits where the target has 64-bit registers,
+// 32 bits on the 32-bit target.
+using BitWord = uintptr_t;
+constexpr int32_t kWordBits = static_cast<int32_t>(sizeof(BitWord) * 8);
+constexpr BitWord kByteOnes = ~BitWord(0) / 0xFF;  // 0x01 in every byte
+
+// The next sizeof(BitWord) buffer bytes, the first one most significant.
+inline BitWord loadBigEndian(const uint8_t *p) {
+#if defined(__GNUC__) && defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    BitWord w;
+    memcpy(&w, p, sizeof w);
+    if constexpr (sizeof(BitWord) == 8)
+        return static_cast<BitWord>(__builtin_bswap64(w));
+    else
+        return static_cast<BitWord>(__builtin_bswap32(static_cast<uint32_t>(w)));
+#else
+    BitWord w = 0;
+    for (size_t i = 0; i < sizeof w; i++)
+        w = (w << 8) | p[i];
+    return w;
+#endif
+}
+
+// Whether any byte of the word is 0xFF (a zero byte of its complement).
+constexpr bool hasByteFF(BitWord w) { return ((~w - kByteOnes) & w & (kByteOnes << 7)) != 0; }
+
+// The reader's state in registers for the length of a decoding routine.
+//
+// Loading follows two paths. The slow path is jpgReadGetBits' own loop, byte
+// by byte, run only when fewer than n bits are held and for exactly the n the
+// exported reader would be asked for, so the end-of-data fill (which also
+// sets the bits still held) happens at the same bit position with the same
+// count. The fast path appends whole bytes at once, as many as fit, when at
+// least a word's worth of bytes is left in the buffer and none of them is
+// 0xFF: without stuffing, markers or the end of data near, reading ahead is
+// invisible, because the bytes held plus the bytes left form the same
+// sequence either way (raw and entropy-coded reads agree on them).
+//
+// The handle holds only 32 bits, so store() un-reads the whole bytes held
+// beyond 32 bits by stepping the read position back. That is exact because
+// such bytes always come from the fast path of the current buffer fill: the
+// slow path starts below 16 held bits and stops below 32, so more than 32
+// bits are held only after a fast load, which cannot refill the buffer,
+// and the un-read bytes (all below bit 25 of the held bits) belong to it.
 struct BitState {
     JpgParam *param;
-    uint32_t acc;
+    BitWord acc;  // left-aligned: the next bit is the most significant
     int32_t count;
 
-    explicit BitState(JpgParam *p) : param(p), acc(p->bs.accumulator), count(p->bs.bitCount) {}
-    void store() const {
-        param->bs.accumulator = acc;
-        param->bs.bitCount = count;
+    explicit BitState(JpgParam *p)
+        : param(p), acc(static_cast<BitWord>(p->bs.accumulator) << (kWordBits - 32)),
+          count(p->bs.bitCount) {}
+
+    void store() {
+        ComplibBitstream &bs = param->bs;
+        if constexpr (kWordBits > 32) {
+            if (count > 32) {
+                int32_t surplus = (count - 25) >> 3;
+                bs.readPos -= static_cast<uint32_t>(surplus);
+                count -= 8 * surplus;
+                acc &= ~BitWord(0) << (kWordBits - count);
+            }
+        }
+        bs.accumulator = static_cast<uint32_t>(acc >> (kWordBits - 32));
+        bs.bitCount = count;
     }
-    void need(int32_t n) {
-        if (count < n)
-            loadEntropyBits(param, acc, count, n);
+
+    // Fast path: false when the buffer ends within a word or holds a 0xFF
+    // there. Afterwards at least kWordBits - 8 bits are valid.
+    bool refillFast() {
+        ComplibBitstream &bs = param->bs;
+        uint32_t pos = bs.readPos;
+        if (pos + sizeof(BitWord) > bs.fill)
+            return false;
+        BitWord word = loadBigEndian(param->input + pos);
+        if (hasByteFF(word))
+            return false;
+        int32_t bytes = (kWordBits - 1 - count) >> 3;
+        int32_t total = count + 8 * bytes;
+        acc |= (word >> count) & (~BitWord(0) << (kWordBits - total));
+        count = total;
+        bs.readPos = pos + static_cast<uint32_t>(bytes);
+        return true;
+    }
+
+    // Slow path: byte by byte until n bits are valid, as loadEntropyBits.
+    [[gnu::noinline]] void refillSlow(int32_t n) {
+        while (count < n) {
+            uint32_t byte = takeInputByte(param);
+            merge(byte);
+            if (byte != 0xFF)
+                continue;
+            uint32_t next = takeInputByte(param);
+            if (next != 0)
+                merge(next);
+        }
+    }
+
+    // The end-of-data value sign-extends, setting every bit above it.
+    void merge(uint32_t byte) {
+        acc |= static_cast<BitWord>(static_cast<intptr_t>(static_cast<int32_t>(byte)))
+               << (kWordBits - 8 - count);
+        count += 8;
+    }
+
+    // Makes at least n (at most 16) bits valid.
+    void need(int32_t n) { needAhead(n, n); }
+    // As need(n), and also fills ahead when fewer than `ahead` bits are
+    // held and the fast path is open (which leaves at least 24 bits).
+    void needAhead(int32_t n, int32_t ahead) {
+        if (count < ahead && !refillFast() && count < n)
+            refillSlow(n);
     }
     // The top n (1..16) bits, without consuming them; need(n) must precede.
-    uint32_t peek(int32_t n) const { return acc >> (32 - n); }
+    uint32_t peek(int32_t n) const { return static_cast<uint32_t>(acc >> (kWordBits - n)); }
+    // The top 16 bits; need(16) must precede.
+    uint32_t window() const { return peek(16); }
     void skip(int32_t n) {
         acc <<= n;
         count -= n;
