@@ -43,44 +43,37 @@ JpgStatus badCode(const BitState &bits, JpgStatus status) {
     return bits.ended() ? JPG_STATUS_UNEXPECTED_END : status;
 }
 
-// A symbol-only entry completed by RECEIVE and EXTEND (F.2.2.1) into the
-// form of a first-level entry whose bits are already consumed.
-uint32_t receiveValue(BitState &bits, uint32_t entry) {
-    uint32_t size = entrySize(entry);
-    if (size == 0)
-        return entry & 0xFF00;
-    int32_t value = kiv::extend(static_cast<int32_t>(bits.receive(static_cast<int32_t>(size))),
-                                static_cast<int>(size));
-    return static_cast<uint32_t>(value) << 16 | (entry & 0xFF00);
+// RECEIVE and EXTEND (F.2.2.1) of a magnitude of `size` bits (1 to 15).
+int32_t receiveExtend(BitState &bits, uint32_t size) {
+    return kiv::extend(static_cast<int32_t>(bits.receive(static_cast<int32_t>(size))),
+                       static_cast<int>(size));
 }
 
 // A DC code the first level does not take: level 2 gives SSSS, the
-// magnitude bits follow. Consumes the code; the invalid entry when none.
+// magnitude bits follow. Consumes both and returns the entry with its
+// value (bit count 0); the invalid entry when there is no code.
 [[gnu::noinline]] uint32_t decodeLongDc(BitState &bits, const JpgHuffLevel *dc) {
     bits.need(kWindowBits);
     uint32_t entry = lowerEntry(dc[1], bits.window());
     if (entry == kInvalidEntry)
         return entry;
     bits.skip(entryBits(entry));
-    return receiveValue(bits, entry);
+    uint32_t size = entrySize(entry);
+    int32_t value = size == 0 ? 0 : receiveExtend(bits, size);
+    return static_cast<uint32_t>(value) << 16 | (entry & 0xFF00);
 }
 
 // An AC code the first level does not take: level 2 carries the value,
-// level 3 only the symbol. Consumes the code; the invalid entry when none.
+// level 3 only the symbol (value field 0: the caller receives the magnitude
+// once it knows the coefficient is inside the block). Consumes the code and
+// returns the entry with bit count 0; the invalid entry when there is none.
 [[gnu::noinline]] uint32_t decodeLongAc(BitState &bits, const JpgHuffLevel *ac) {
     bits.need(kWindowBits);
     uint32_t window = bits.window();
-    if (window < ac[1].limit) {
-        uint32_t entry = lowerEntry(ac[1], window);
-        if (entry != kInvalidEntry)
-            bits.skip(entryBits(entry));
-        return entry & ~0xFFu;
-    }
-    uint32_t entry = lowerEntry(ac[2], window);
-    if (entry == kInvalidEntry)
-        return entry;
-    bits.skip(entryBits(entry));
-    return receiveValue(bits, entry);
+    uint32_t entry = window < ac[1].limit ? lowerEntry(ac[1], window) : lowerEntry(ac[2], window);
+    if (entry != kInvalidEntry)
+        bits.skip(entryBits(entry));
+    return entry & ~0xFFu;
 }
 
 // One Huffman code of the table: the first-level entry, still to be
@@ -127,9 +120,11 @@ JpgStatus decodeBlock(BitState &bits, int16_t *block, JpgComponent *comp, uint32
         bool last = k >= 63;
         if (last && k > 63)
             return JPG_STATUS_OK;
+        int32_t value = entryValue(entry);
+        if (value == 0)  // a long code: its magnitude bits follow (never 0 otherwise)
+            value = receiveExtend(bits, entrySize(entry));
         if (!kScaled || k < limit)
-            block[kiv::kZigzag[k]] =
-                static_cast<int16_t>(static_cast<uint32_t>(entryValue(entry)) * quant[k]);
+            block[kiv::kZigzag[k]] = static_cast<int16_t>(static_cast<uint32_t>(value) * quant[k]);
         if (last)
             return JPG_STATUS_OK;
     }

@@ -108,8 +108,11 @@ TEST(BitReader, InlineSupplyMatchesGetBits) {
         ASSERT_EQ(bits.receive(n), jpgReadGetBits(a.p, n)) << i;
     }
     bits.store();
-    EXPECT_EQ(b.p->bs.bitCount, a.p->bs.bitCount);
-    EXPECT_EQ(b.p->bs.readPos, a.p->bs.readPos);
+    // The inline supply may hold bytes the exported reader has yet to load,
+    // never a different position in the stream.
+    EXPECT_EQ(8 * static_cast<int64_t>(b.p->bs.readPos) - b.p->bs.bitCount,
+              8 * static_cast<int64_t>(a.p->bs.readPos) - a.p->bs.bitCount);
+    EXPECT_LE(b.p->bs.bitCount, 32);
 }
 
 TEST(BitReader, OffsetAndRewind) {
