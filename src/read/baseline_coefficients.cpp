@@ -44,7 +44,7 @@ JpgStatus badCode(const BitState &bits, JpgStatus status) {
 }
 
 // RECEIVE and EXTEND (F.2.2.1) of a magnitude of `size` bits (1 to 15).
-int32_t receiveExtend(BitState &bits, uint32_t size) {
+[[gnu::always_inline]] inline int32_t receiveExtend(BitState &bits, uint32_t size) {
     return kiv::extend(static_cast<int32_t>(bits.receive(static_cast<int32_t>(size))),
                        static_cast<int>(size));
 }
@@ -52,7 +52,7 @@ int32_t receiveExtend(BitState &bits, uint32_t size) {
 // A DC code the first level does not take: level 2 gives SSSS, the
 // magnitude bits follow. Consumes both and returns the entry with its
 // value (bit count 0); the invalid entry when there is no code.
-[[gnu::noinline]] uint32_t decodeLongDc(BitState &bits, const JpgHuffLevel *dc) {
+[[gnu::always_inline]] inline uint32_t decodeLongDc(BitState &bits, const JpgHuffLevel *dc) {
     bits.need(kWindowBits);
     uint32_t entry = lowerEntry(dc[1], bits.window());
     if (entry == kInvalidEntry)
@@ -63,69 +63,117 @@ int32_t receiveExtend(BitState &bits, uint32_t size) {
     return static_cast<uint32_t>(value) << 16 | (entry & 0xFF00);
 }
 
-// An AC code the first level does not take: level 2 carries the value,
-// level 3 only the symbol (value field 0: the caller receives the magnitude
-// once it knows the coefficient is inside the block). Consumes the code and
-// returns the entry with bit count 0; the invalid entry when there is none.
-[[gnu::noinline]] uint32_t decodeLongAc(BitState &bits, const JpgHuffLevel *ac) {
+// An AC code the first level does not take, k being the zig-zag index
+// reached before it: level 2 carries the value, level 3 only the symbol, and
+// its magnitude bits are received only for a coefficient inside the block
+// (past it the block ends without them). Consumes them and returns the entry
+// with its value and bit count 0; the invalid entry when there is no code.
+[[gnu::always_inline]] inline uint32_t decodeLongAc(BitState &bits, const JpgHuffLevel *ac,
+                                                    uint32_t k) {
     bits.need(kWindowBits);
     uint32_t window = bits.window();
-    uint32_t entry = window < ac[1].limit ? lowerEntry(ac[1], window) : lowerEntry(ac[2], window);
-    if (entry != kInvalidEntry)
-        bits.skip(entryBits(entry));
-    return entry & ~0xFFu;
+    if (window < ac[1].limit) {
+        uint32_t entry = lowerEntry(ac[1], window);
+        if (entry != kInvalidEntry)
+            bits.skip(entryBits(entry));
+        return entry & ~0xFFu;
+    }
+    uint32_t entry = lowerEntry(ac[2], window);
+    if (entry == kInvalidEntry)
+        return entry;
+    bits.skip(entryBits(entry));
+    uint32_t size = entrySize(entry);
+    if (size == 0 || k + entryRun(entry) + 1 > 63)
+        return entry & 0xFF00;
+    return static_cast<uint32_t>(receiveExtend(bits, size)) << 16 | (entry & 0xFF00);
 }
 
-// One Huffman code of the table: the first-level entry, still to be
-// consumed, or a completed lower-level one. At most 16 bits are made
-// valid for the first level, as the exported reader would be asked.
-template <typename LongDecoder>
-inline uint32_t nextEntry(BitState &bits, const FirstLevel &first, const JpgHuffLevel *levels,
-                          LongDecoder decodeLong) {
+// The DC difference (F.2.2.1) in the value field of an entry whose bits are
+// consumed; the invalid entry when there is no code. At most 16 bits are
+// made valid for the first level, as the exported reader would be asked.
+[[gnu::always_inline]] inline uint32_t nextDcEntry(BitState &bits, const JpgHuffLevel *dc) {
+    const FirstLevel first(dc[0]);
     bits.needAhead(first.width, kWindowBits);
     uint32_t index = bits.peek(first.width);
-    uint32_t entry = index < first.limit ? first.entries[index] : decodeLong(bits, levels);
+    uint32_t entry = index < first.limit ? first.entries[index] : decodeLongDc(bits, dc);
     bits.skip(entryBits(entry));
     return entry;
 }
 
+// The next AC code at zig-zag index k, consumed, its value in the entry.
+[[gnu::always_inline]] inline uint32_t nextAcEntry(BitState &bits, const FirstLevel &first,
+                                                   const JpgHuffLevel *ac, uint32_t k) {
+    bits.needAhead(first.width, kWindowBits);
+    uint32_t index = bits.peek(first.width);
+    uint32_t entry = index < first.limit ? first.entries[index] : decodeLongAc(bits, ac, k);
+    bits.skip(entryBits(entry));
+    return entry;
+}
+
+// An entry with SSSS = 0 at zig-zag index *k: end of block (or no code,
+// which has the same fields) ends the block, ZRL skips sixteen zeros and
+// ends it when that passes the last coefficient.
+[[gnu::always_inline]] inline bool endsBlock(const BitState &bits, uint32_t entry, uint32_t *k,
+                                             JpgStatus *status) {
+    *status = JPG_STATUS_OK;
+    if (entryRun(entry) == 0) {
+        if (entry == kInvalidEntry)
+            *status = badCode(bits, JPG_STATUS_BAD_AC_CODE);
+        return true;
+    }
+    *k += 16;
+    return *k > 63;
+}
+
 // One block (F.2.2.1, F.2.2.2): the DC difference updates the predictor,
 // AC run/size pairs place dequantized values in natural order. An over-long
-// block ends silently. The scaled variant decodes the coefficients at
-// zig-zag index `limit` and beyond and drops them; the DC is always stored.
+// block ends silently. The scaled variant stores only the coefficients below
+// zig-zag index `limit` and passes over the rest; the DC is always stored.
 template <bool kScaled>
-JpgStatus decodeBlock(BitState &bits, int16_t *block, JpgComponent *comp, uint32_t limit) {
-    const JpgHuffLevel *dc = comp->dcLookup, *ac = comp->acLookup;
+[[gnu::always_inline]] inline JpgStatus decodeBlock(BitState &bits, int16_t *block,
+                                                    JpgComponent *comp, uint32_t limit) {
     const uint32_t *quant = comp->quant;
-    uint32_t entry = nextEntry(bits, FirstLevel(dc[0]), dc, decodeLongDc);
+    uint32_t entry = nextDcEntry(bits, comp->dcLookup);
     if (entry == kInvalidEntry)
         return badCode(bits, JPG_STATUS_BAD_DC_CODE);
     // A zero SSSS carries the value 0: adding it leaves the predictor as it is.
-    uint32_t predictor = static_cast<uint32_t>(comp->dcPred) + static_cast<uint32_t>(entryValue(entry));
+    uint32_t predictor =
+        static_cast<uint32_t>(comp->dcPred) + static_cast<uint32_t>(entryValue(entry));
     comp->dcPred = static_cast<int32_t>(predictor);
     block[0] = static_cast<int16_t>(quant[0] * predictor);
+    const JpgHuffLevel *ac = comp->acLookup;
     const FirstLevel first(ac[0]);
     uint32_t k = 0;
-    for (;;) {
-        entry = nextEntry(bits, first, ac, decodeLongAc);
-        if ((entry & 0xF00) == 0) {  // SSSS = 0: end of block, ZRL, or no code
-            if (entryRun(entry) == 0)
-                return entry == kInvalidEntry ? badCode(bits, JPG_STATUS_BAD_AC_CODE) : JPG_STATUS_OK;
-            k += 16;
-            if (k > 63)
+    JpgStatus status;
+    if (!kScaled || limit > 1) {
+        for (;;) {
+            entry = nextAcEntry(bits, first, ac, k);
+            if ((entry & 0xF00) == 0) {
+                if (endsBlock(bits, entry, &k, &status))
+                    return status;
+                continue;
+            }
+            k += entryRun(entry) + 1;
+            uint32_t value = static_cast<uint32_t>(entryValue(entry));
+            if (k >= 63) {
+                if (k == 63 && (!kScaled || k < limit))
+                    block[63] = static_cast<int16_t>(value * quant[63]);
                 return JPG_STATUS_OK;
+            }
+            if (kScaled && k >= limit)
+                break;
+            block[kiv::kZigzag[k]] = static_cast<int16_t>(value * quant[k]);
+        }
+    }
+    for (;;) {  // scaled: the rest of the block is decoded and dropped
+        entry = nextAcEntry(bits, first, ac, k);
+        if ((entry & 0xF00) == 0) {
+            if (endsBlock(bits, entry, &k, &status))
+                return status;
             continue;
         }
         k += entryRun(entry) + 1;
-        bool last = k >= 63;
-        if (last && k > 63)
-            return JPG_STATUS_OK;
-        int32_t value = entryValue(entry);
-        if (value == 0)  // a long code: its magnitude bits follow (never 0 otherwise)
-            value = receiveExtend(bits, entrySize(entry));
-        if (!kScaled || k < limit)
-            block[kiv::kZigzag[k]] = static_cast<int16_t>(static_cast<uint32_t>(value) * quant[k]);
-        if (last)
+        if (k >= 63)
             return JPG_STATUS_OK;
     }
 }

@@ -72,6 +72,34 @@ inline BitWord loadBigEndian(const uint8_t *p) {
 // Whether any byte of the word is 0xFF (a zero byte of its complement).
 constexpr bool hasByteFF(BitWord w) { return ((~w - kByteOnes) & w & (kByteOnes << 7)) != 0; }
 
+// The accumulator and its count, passed by value so that a decoder's copy
+// can stay in registers across the out-of-line slow path.
+struct HeldBits {
+    BitWord acc;
+    int32_t count;
+};
+
+// The end-of-data value sign-extends, setting every bit above it.
+inline void mergeWordByte(HeldBits &held, uint32_t byte) {
+    held.acc |= static_cast<BitWord>(static_cast<intptr_t>(static_cast<int32_t>(byte)))
+                << (kWordBits - 8 - held.count);
+    held.count += 8;
+}
+
+// Slow path: byte by byte until n bits are valid, exactly as loadEntropyBits.
+[[gnu::noinline]] inline HeldBits loadEntropyBytes(JpgParam *param, HeldBits held, int32_t n) {
+    while (held.count < n) {
+        uint32_t byte = takeInputByte(param);
+        mergeWordByte(held, byte);
+        if (byte != 0xFF)
+            continue;
+        uint32_t next = takeInputByte(param);
+        if (next != 0)
+            mergeWordByte(held, next);
+    }
+    return held;
+}
+
 // The reader's state in registers for the length of a decoding routine.
 //
 // Loading follows two paths. The slow path is jpgReadGetBits' own loop, byte
@@ -131,24 +159,10 @@ struct BitState {
         return true;
     }
 
-    // Slow path: byte by byte until n bits are valid, as loadEntropyBits.
-    [[gnu::noinline]] void refillSlow(int32_t n) {
-        while (count < n) {
-            uint32_t byte = takeInputByte(param);
-            merge(byte);
-            if (byte != 0xFF)
-                continue;
-            uint32_t next = takeInputByte(param);
-            if (next != 0)
-                merge(next);
-        }
-    }
-
-    // The end-of-data value sign-extends, setting every bit above it.
-    void merge(uint32_t byte) {
-        acc |= static_cast<BitWord>(static_cast<intptr_t>(static_cast<int32_t>(byte)))
-               << (kWordBits - 8 - count);
-        count += 8;
+    void refillSlow(int32_t n) {
+        HeldBits held = loadEntropyBytes(param, HeldBits{acc, count}, n);
+        acc = held.acc;
+        count = held.count;
     }
 
     // Makes at least n (at most 16) bits valid.
