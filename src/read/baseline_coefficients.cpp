@@ -178,6 +178,14 @@ template <bool kScaled>
     }
 }
 
+// Zeroes the 64 coefficients of a block in 16-byte pieces, which compilers
+// turn into plain stores (a string instruction costs more to start up).
+inline void clearBlock(int16_t *block) {
+#pragma GCC unroll 8
+    for (int i = 0; i < 64; i += 8)
+        memset(block + i, 0, 8 * sizeof(int16_t));
+}
+
 bool hasLookups(const JpgComponent *comp) {
     return comp->dcLookup != nullptr && comp->acLookup != nullptr && comp->quant != nullptr;
 }
@@ -241,7 +249,7 @@ JpgStatus jpgReadDecodeBaselineMcu(JpgParam *param) {
     for (uint32_t c = 0; c < param->numComponents; c++) {
         JpgComponent *comp = &param->components[c];
         for (uint32_t b = 0; b < comp->blocks; b++, block += 64) {
-            memset(block, 0, 64 * sizeof(int16_t));
+            clearBlock(block);
             status = hasLookups(comp) ? decodeBlock<false>(bits, block, comp, 64) : JPG_STATUS_FAILED;
             if (status != JPG_STATUS_OK) {
                 bits.store();
