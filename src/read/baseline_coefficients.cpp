@@ -1,8 +1,8 @@
-// Baseline coefficient decoding: Huffman-decodes one 8x8 block (DC
-// difference and prediction, AC run/size pairs; ISO/IEC 10918-1 F.2.2),
-// dequantizes into natural order, and walks the blocks of one MCU through the
-// inverse DCT. One block decoder serves full-size and scaled output (the
-// scaled one stores only the first coefficients). The caller zeroes blocks.
+// Baseline coefficient decoding: Huffman-decodes 8x8 blocks (DC difference
+// and prediction, AC run/size pairs; ISO/IEC 10918-1 F.2.2), dequantizes into
+// natural order, and walks the blocks of one MCU through the inverse DCT with
+// one load of the bit reader's state. One block decoder serves full-size and
+// scaled output (the scaled one stores only the first coefficients).
 #include <string.h>
 
 #include "core/tables.h"

@@ -1,9 +1,9 @@
 // Inline bit supply for the entropy decoders: the same byte loading as
 // jpgReadGetBits (ISO/IEC 10918-1 F.2.2.5 with the byte stuffing of F.1.2.3),
 // working on a machine-word copy of the accumulator. A decoder loads its
-// state with BitState, calls need()/take() and writes the state back with
-// store(). At the end of data the missing bytes read as all ones (end state
-// 2, then 1). Invariant: the bits below the valid count are always zero.
+// state with BitState, calls need()/peek()/skip() and writes the state back
+// with store(). At the end of data the missing bytes read as all ones (end
+// state 2, then 1). Invariant: the bits below the valid count are zero.
 #pragma once
 
 #include <string.h>
@@ -116,8 +116,9 @@ inline void mergeWordByte(HeldBits &held, uint32_t byte) {
 // beyond 32 bits by stepping the read position back. That is exact because
 // such bytes always come from the fast path of the current buffer fill: the
 // slow path starts below 16 held bits and stops below 32, so more than 32
-// bits are held only after a fast load, which cannot refill the buffer,
-// and the un-read bytes (all below bit 25 of the held bits) belong to it.
+// bits are held only after a fast load (which never refills the buffer)
+// that began below 16 bits, and the bytes un-read, all past the first 25
+// held bits, belong to that load.
 struct BitState {
     JpgParam *param;
     BitWord acc;  // left-aligned: the next bit is the most significant
