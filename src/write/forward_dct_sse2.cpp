@@ -2,8 +2,9 @@
 // roundings, eight columns (then eight rows) at a time. Each product of the
 // portable pass is regrouped into sums of 16-bit values times 16-bit
 // constants, so that pmaddwd forms it exactly in 32 bits (for example
-// 3135 d + 2217 (d + e) = 5352 s07 + 2217 s16 - 5352 s34 - 2217 s25);
-// every 16-bit intermediate fits for samples within +-kFdctSampleLimit.
+// 3135 d + 2217 (d + e) = 5352 d + 2217 e, and in the row pass
+// = 5352 s07 + 2217 s16 - 5352 s34 - 2217 s25); every 16-bit intermediate
+// fits for samples within +-kFdctSampleLimit.
 #include "write/forward_dct.h"
 
 #if KIV_HAVE_SSE2_FDCT
@@ -40,21 +41,36 @@ __m128i roundNarrow(Wide v) {
                            _mm_srai_epi32(_mm_add_epi32(v.hi, bias), Shift));
 }
 
-// The column pass keeps three extra bits, the row pass removes them.
-struct ColumnPass {
-    static __m128i whole(Wide v) {
-        return _mm_packs_epi32(_mm_slli_epi32(v.lo, 3), _mm_slli_epi32(v.hi, 3));
-    }
-    static __m128i scaled(Wide v) { return roundNarrow<256, 9>(v); }
-};
-struct RowPass {
-    static __m128i whole(Wide v) { return roundNarrow<4, 3>(v); }
-    static __m128i scaled(Wide v) { return roundNarrow<16384, 15>(v); }
-};
+// Column pass: the samples are small enough that every intermediate,
+// including a + b, d + e and u, w, g, h, fits 16 bits, so each output is one
+// product pair; the pass keeps three extra bits.
+void columnPass(__m128i *x) {
+    __m128i s07 = _mm_add_epi16(x[0], x[7]), s16 = _mm_add_epi16(x[1], x[6]);
+    __m128i s25 = _mm_add_epi16(x[2], x[5]), s34 = _mm_add_epi16(x[3], x[4]);
+    __m128i t07 = _mm_sub_epi16(x[0], x[7]), t16 = _mm_sub_epi16(x[1], x[6]);
+    __m128i t25 = _mm_sub_epi16(x[2], x[5]), t34 = _mm_sub_epi16(x[3], x[4]);
+    __m128i a = _mm_add_epi16(s07, s34), b = _mm_add_epi16(s16, s25);
+    __m128i d = _mm_sub_epi16(s07, s34), e = _mm_sub_epi16(s16, s25);
+    x[0] = _mm_slli_epi16(_mm_add_epi16(a, b), 3);
+    x[4] = _mm_slli_epi16(_mm_sub_epi16(a, b), 3);
+    Pairs de = interleave(d, e);
+    x[2] = roundNarrow<256, 9>(madd<5352, 2217>(de));   // 3135 d + z
+    x[6] = roundNarrow<256, 9>(madd<2217, -5352>(de));  // z - 7569 e
 
-// One eight-point pass on x[0..7] (each a vector of eight lanes), in place.
-template <typename Pass>
-void transform8(__m128i *x) {
+    Pairs mid = interleave(t16, t25);
+    __m128i p = roundNarrow<2048, 12>(madd<2896, -2896>(mid));
+    __m128i r = roundNarrow<2048, 12>(madd<2896, 2896>(mid));
+    Pairs gu = interleave(_mm_add_epi16(t07, r), _mm_add_epi16(t34, p));
+    Pairs hw = interleave(_mm_sub_epi16(t07, r), _mm_sub_epi16(t34, p));
+    x[1] = roundNarrow<256, 9>(madd<5681, 1130>(gu));   // 4551 g + k1
+    x[7] = roundNarrow<256, 9>(madd<1130, -5681>(gu));  // k1 - 6811 u
+    x[3] = roundNarrow<256, 9>(madd<4816, -3218>(hw));  // k2 - 8034 w
+    x[5] = roundNarrow<256, 9>(madd<3218, 4816>(hw));   // k2 - 1598 h
+}
+
+// Row pass: sums of four inputs may exceed 16 bits, so every product is
+// regrouped into pairs of 16-bit terms; the pass removes the extra bits.
+void rowPass(__m128i *x) {
     __m128i s07 = _mm_add_epi16(x[0], x[7]), s16 = _mm_add_epi16(x[1], x[6]);
     __m128i s25 = _mm_add_epi16(x[2], x[5]), s34 = _mm_add_epi16(x[3], x[4]);
     __m128i t07 = _mm_sub_epi16(x[0], x[7]), t16 = _mm_sub_epi16(x[1], x[6]);
@@ -62,10 +78,10 @@ void transform8(__m128i *x) {
 
     // Even part: a = s07 + s34, b = s16 + s25, d = s07 - s34, e = s16 - s25.
     Pairs outer = interleave(s07, s16), inner = interleave(s34, s25);
-    x[0] = Pass::whole(madd<1, 1>(outer) + madd<1, 1>(inner));
-    x[4] = Pass::whole(madd<1, -1>(outer) + madd<1, -1>(inner));
-    x[2] = Pass::scaled(madd<5352, 2217>(outer) + madd<-5352, -2217>(inner));  // 3135 d + z
-    x[6] = Pass::scaled(madd<2217, -5352>(outer) + madd<-2217, 5352>(inner));  // z - 7569 e
+    x[0] = roundNarrow<4, 3>(madd<1, 1>(outer) + madd<1, 1>(inner));
+    x[4] = roundNarrow<4, 3>(madd<1, -1>(outer) + madd<1, -1>(inner));
+    x[2] = roundNarrow<16384, 15>(madd<5352, 2217>(outer) + madd<-5352, -2217>(inner));  // 3135 d + z
+    x[6] = roundNarrow<16384, 15>(madd<2217, -5352>(outer) + madd<-2217, 5352>(inner));  // z - 7569 e
 
     // Odd part: p and r are the 1/sqrt(2) products rounded to integers; then
     // u = t34 + p, w = t34 - p, g = t07 + r, h = t07 - r enter only as sums.
@@ -73,10 +89,10 @@ void transform8(__m128i *x) {
     __m128i p = roundNarrow<2048, 12>(madd<2896, -2896>(mid));
     __m128i r = roundNarrow<2048, 12>(madd<2896, 2896>(mid));
     Pairs ends = interleave(t07, t34), rounded = interleave(r, p);
-    x[1] = Pass::scaled(madd<5681, 1130>(ends) + madd<5681, 1130>(rounded));     // 4551 g + k1
-    x[7] = Pass::scaled(madd<1130, -5681>(ends) + madd<1130, -5681>(rounded));   // k1 - 6811 u
-    x[3] = Pass::scaled(madd<4816, -3218>(ends) + madd<-4816, 3218>(rounded));   // k2 - 8034 w
-    x[5] = Pass::scaled(madd<3218, 4816>(ends) + madd<-3218, -4816>(rounded));   // k2 - 1598 h
+    x[1] = roundNarrow<16384, 15>(madd<5681, 1130>(ends) + madd<5681, 1130>(rounded));    // 4551 g + k1
+    x[7] = roundNarrow<16384, 15>(madd<1130, -5681>(ends) + madd<1130, -5681>(rounded));  // k1 - 6811 u
+    x[3] = roundNarrow<16384, 15>(madd<4816, -3218>(ends) + madd<-4816, 3218>(rounded));  // k2 - 8034 w
+    x[5] = roundNarrow<16384, 15>(madd<3218, 4816>(ends) + madd<-3218, -4816>(rounded));  // k2 - 1598 h
 }
 
 void transpose8x8(__m128i *m) {
@@ -106,9 +122,9 @@ void forwardDctSse2(int16_t *block) {
     __m128i m[8];
     for (int i = 0; i < 8; i++)
         m[i] = _mm_loadu_si128(reinterpret_cast<const __m128i *>(block + 8 * i));
-    transform8<ColumnPass>(m);  // lanes are columns: vector i is row i
+    columnPass(m);  // lanes are columns: vector i is row i
     transpose8x8(m);
-    transform8<RowPass>(m);     // lanes are rows
+    rowPass(m);     // lanes are rows
     transpose8x8(m);
     for (int i = 0; i < 8; i++)
         _mm_storeu_si128(reinterpret_cast<__m128i *>(block + 8 * i), m[i]);

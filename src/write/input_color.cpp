@@ -6,6 +6,7 @@
 // the parts of blocks beyond the image's right and bottom edges.
 // Pixels are stored B, G, R: the first byte of a pixel is blue.
 #include "write/encoder.h"
+#include "write/input_color_sse2.h"
 
 namespace {
 
@@ -72,6 +73,22 @@ void convertArea(JpgWriteConvertContext *ctx, int32_t x, int32_t y, int32_t w, i
                 plane(ctx, 2)[at + col] = static_cast<int16_t>(((p[2] << 11) - g.cr - b.cr) >> 12);
             }
         }
+    }
+}
+
+// One sample of component c of the pixel at p, as convertArea computes it.
+template <Layout L>
+int16_t sampleOf(const uint8_t *p, uint32_t c) {
+    if constexpr (L == Layout::Planes) {
+        return static_cast<int16_t>(p[c] - 128);
+    } else if constexpr (L == Layout::Reversed) {
+        return static_cast<int16_t>(p[2 - c] - 128);
+    } else {
+        if (c == 0)
+            return static_cast<int16_t>((kYcc.blue[p[0]].y + kYcc.green[p[1]].y + kYcc.red[p[2]].y) >> 12);
+        if (c == 1)
+            return static_cast<int16_t>(((p[0] << 11) - kYcc.green[p[1]].cb - kYcc.red[p[2]].cb) >> 12);
+        return static_cast<int16_t>(((p[2] << 11) - kYcc.green[p[1]].cr - kYcc.blue[p[0]].cr) >> 12);
     }
 }
 
@@ -166,6 +183,88 @@ void mirrorBlock(int16_t *block, int32_t c, int32_t r) {
                 block[8 * k + col] = block[8 * (2 * valid - 1 - k) + col];
 }
 
+// A full MCU of the plain family straight into its blocks: each block
+// sample is the converted top-left pixel of its group, which is what the
+// conversion into planes followed by plain down-sampling gives, without
+// converting the samples that down-sampling drops.
+template <Layout L, uint32_t C>
+void directComponent(const JpgWriteConvertContext *ctx, int32_t x, int32_t y, int16_t *&block) {
+    ComponentGrid g = grid(ctx, C);
+    const ptrdiff_t step = static_cast<ptrdiff_t>(g.sx) * ctx->bytesPerPixel;
+    for (int32_t by = 0; by < static_cast<int32_t>(ctx->mcuHeight); by += 8 * g.sy)
+        for (int32_t bx = 0; bx < static_cast<int32_t>(ctx->mcuWidth); bx += 8 * g.sx, block += 64)
+            for (int32_t i = 0; i < 8; i++) {
+                const uint8_t *p = pixelRow(ctx, x + bx, y + by + g.sy * i);
+                for (int32_t j = 0; j < 8; j++, p += step)
+                    block[8 * i + j] = sampleOf<L>(p, C);
+            }
+}
+
+#if KIV_HAVE_SSE2_COLOR
+
+// The blocks of the components whose outputs are wanted, all on the grid of
+// component c, eight samples at a time; out[k] is the first block of each.
+template <bool Y, bool Cb, bool Cr>
+void yccComponents(const JpgWriteConvertContext *ctx, int32_t x, int32_t y, uint32_t c, int16_t *const *out) {
+    ComponentGrid g = grid(ctx, c);
+    const ptrdiff_t step = 3 * static_cast<ptrdiff_t>(g.sx);
+    int32_t at = 0;
+    for (int32_t by = 0; by < static_cast<int32_t>(ctx->mcuHeight); by += 8 * g.sy)
+        for (int32_t bx = 0; bx < static_cast<int32_t>(ctx->mcuWidth); bx += 8 * g.sx, at += 64)
+            for (int32_t i = 0; i < 8; i++) {
+                int32_t to = at + 8 * i;
+                kiv::color_sse2::ycc8<Y, Cb, Cr>(pixelRow(ctx, x + bx, y + by + g.sy * i), step,
+                                                 Y ? out[0] + to : nullptr, Cb ? out[1] + to : nullptr,
+                                                 Cr ? out[2] + to : nullptr);
+            }
+}
+
+bool sameGrid(const JpgWriteConvertContext *ctx, uint32_t a, uint32_t b) {
+    return ctx->factors[a][0] == ctx->factors[b][0] && ctx->factors[a][1] == ctx->factors[b][1];
+}
+
+// Components that share a grid are converted from one read of their pixels.
+void directYccBlocks(const JpgWriteConvertContext *ctx, int32_t x, int32_t y) {
+    int16_t *out[3] = {ctx->blocks};
+    for (uint32_t c = 1; c < 3; c++)
+        out[c] = out[c - 1] + 64 * ctx->factors[c - 1][0] * ctx->factors[c - 1][1];
+    bool chromaShared = sameGrid(ctx, 1, 2);
+    if (chromaShared && sameGrid(ctx, 0, 1)) {
+        yccComponents<true, true, true>(ctx, x, y, 0, out);
+        return;
+    }
+    yccComponents<true, false, false>(ctx, x, y, 0, out);
+    if (chromaShared) {
+        int16_t *chroma[3] = {nullptr, out[1], out[2]};
+        yccComponents<false, true, true>(ctx, x, y, 1, chroma);
+        return;
+    }
+    int16_t *cb[3] = {nullptr, out[1], nullptr};
+    int16_t *cr[3] = {nullptr, nullptr, out[2]};
+    yccComponents<false, true, false>(ctx, x, y, 1, cb);
+    yccComponents<false, false, true>(ctx, x, y, 2, cr);
+}
+
+#endif
+
+template <Layout L>
+void directBlocks(const JpgWriteConvertContext *ctx, int32_t x, int32_t y) {
+#if KIV_HAVE_SSE2_COLOR
+    if constexpr (L == Layout::YCbCr) {
+        directYccBlocks(ctx, x, y);
+        return;
+    }
+#endif
+    int16_t *block = ctx->blocks;
+    directComponent<L, 0>(ctx, x, y, block);
+    if (ctx->bytesPerPixel > 1)
+        directComponent<L, 1>(ctx, x, y, block);
+    if (ctx->bytesPerPixel > 2)
+        directComponent<L, 2>(ctx, x, y, block);
+    if (ctx->bytesPerPixel > 3)
+        directComponent<L, 3>(ctx, x, y, block);
+}
+
 template <Layout L, bool HQ>
 JpgStatus convertMcu(JpgWriteConvertContext *ctx, int32_t x, int32_t y) {
     if (ctx == nullptr)
@@ -178,8 +277,12 @@ JpgStatus convertMcu(JpgWriteConvertContext *ctx, int32_t x, int32_t y) {
         return JPG_STATUS_INVALID_PARAMETER;
     w = w < static_cast<int32_t>(ctx->mcuWidth) ? w : static_cast<int32_t>(ctx->mcuWidth);
     h = h < static_cast<int32_t>(ctx->mcuHeight) ? h : static_cast<int32_t>(ctx->mcuHeight);
-    convertArea<L>(ctx, x, y, w, h);
     bool full = w == static_cast<int32_t>(ctx->mcuWidth) && h == static_cast<int32_t>(ctx->mcuHeight);
+    if (!HQ && full) {
+        directBlocks<L>(ctx, x, y);
+        return JPG_STATUS_OK;
+    }
+    convertArea<L>(ctx, x, y, w, h);
     if (!HQ) {
         GenericSubSamplingAndBlockDivision(ctx);
         if (!full)

@@ -4,6 +4,8 @@
 // at once with the same 16-bit arithmetic as the portable ones.
 #include "write/quantizer.h"
 
+#include <utility>
+
 #include "core/tables.h"
 
 #if KIV_HAVE_SSE2_QUANTIZER
@@ -36,6 +38,12 @@ int32_t quantizeByDivision(const int16_t *block, const kiv::QuantSteps &steps, i
 
 #if KIV_HAVE_SSE2_QUANTIZER
 
+// zz[k] = natural[zig-zag k], unrolled with the indices as constants.
+template <size_t... K>
+void zigzagOrder(const int16_t *natural, int16_t *zz, std::index_sequence<K...>) {
+    ((zz[K] = natural[kiv::kZigzag[K]]), ...);
+}
+
 // Eight coefficients: |c| + d/2, divided by reciprocal, the sign put back.
 inline __m128i quantize8(__m128i c, const uint16_t *mult, const uint16_t *post, const uint16_t *half) {
     __m128i sign = _mm_srai_epi16(c, 15);
@@ -60,8 +68,7 @@ int32_t quantizeBlockSse2(const int16_t *block, const kiv::QuantSteps &steps, in
             dc = static_cast<int16_t>(_mm_cvtsi128_si32(q));
         _mm_store_si128(reinterpret_cast<__m128i *>(natural + i), _mm_max_epi16(_mm_min_epi16(q, limit), negLimit));
     }
-    for (int k = 0; k < 64; k++)
-        zz[k] = natural[kiv::kZigzag[k]];
+    zigzagOrder(natural, zz, std::make_index_sequence<64>());
     return dc;
 }
 
