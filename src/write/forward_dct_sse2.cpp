@@ -95,7 +95,7 @@ void rowPass(__m128i *x) {
     x[5] = roundNarrow<16384, 15>(madd<3218, 4816>(ends) + madd<-3218, -4816>(rounded));  // k2 - 1598 h
 }
 
-void transpose8x8(__m128i *m) {
+inline __attribute__((always_inline)) void transpose8x8(__m128i *m) {
     __m128i a0 = _mm_unpacklo_epi16(m[0], m[1]), a1 = _mm_unpackhi_epi16(m[0], m[1]);
     __m128i a2 = _mm_unpacklo_epi16(m[2], m[3]), a3 = _mm_unpackhi_epi16(m[2], m[3]);
     __m128i a4 = _mm_unpacklo_epi16(m[4], m[5]), a5 = _mm_unpackhi_epi16(m[4], m[5]);

@@ -204,19 +204,29 @@ void directComponent(const JpgWriteConvertContext *ctx, int32_t x, int32_t y, in
 
 // The blocks of the components whose outputs are wanted, all on the grid of
 // component c, eight samples at a time; out[k] is the first block of each.
+template <bool Y, bool Cb, bool Cr, ptrdiff_t Step>
+void yccGrid(const JpgWriteConvertContext *ctx, int32_t x, int32_t y, const ComponentGrid &g, int16_t *const *out) {
+    const ptrdiff_t step = 3 * static_cast<ptrdiff_t>(g.sx);
+    const ptrdiff_t rowStep = static_cast<ptrdiff_t>(g.sy) * ctx->stride;
+    int32_t at = 0;
+    for (int32_t by = 0; by < static_cast<int32_t>(ctx->mcuHeight); by += 8 * g.sy)
+        for (int32_t bx = 0; bx < static_cast<int32_t>(ctx->mcuWidth); bx += 8 * g.sx, at += 64) {
+            const uint8_t *p = pixelRow(ctx, x + bx, y + by);
+            for (int32_t i = 0; i < 8; i++, p += rowStep) {
+                int32_t to = at + 8 * i;
+                kiv::color_sse2::ycc8<Y, Cb, Cr, Step>(p, step, Y ? out[0] + to : nullptr,
+                                                       Cb ? out[1] + to : nullptr, Cr ? out[2] + to : nullptr);
+            }
+        }
+}
+
 template <bool Y, bool Cb, bool Cr>
 void yccComponents(const JpgWriteConvertContext *ctx, int32_t x, int32_t y, uint32_t c, int16_t *const *out) {
     ComponentGrid g = grid(ctx, c);
-    const ptrdiff_t step = 3 * static_cast<ptrdiff_t>(g.sx);
-    int32_t at = 0;
-    for (int32_t by = 0; by < static_cast<int32_t>(ctx->mcuHeight); by += 8 * g.sy)
-        for (int32_t bx = 0; bx < static_cast<int32_t>(ctx->mcuWidth); bx += 8 * g.sx, at += 64)
-            for (int32_t i = 0; i < 8; i++) {
-                int32_t to = at + 8 * i;
-                kiv::color_sse2::ycc8<Y, Cb, Cr>(pixelRow(ctx, x + bx, y + by + g.sy * i), step,
-                                                 Y ? out[0] + to : nullptr, Cb ? out[1] + to : nullptr,
-                                                 Cr ? out[2] + to : nullptr);
-            }
+    if (g.sx == 1)
+        yccGrid<Y, Cb, Cr, 3>(ctx, x, y, g, out);
+    else
+        yccGrid<Y, Cb, Cr, 0>(ctx, x, y, g, out);
 }
 
 bool sameGrid(const JpgWriteConvertContext *ctx, uint32_t a, uint32_t b) {
