@@ -17,11 +17,12 @@ int32_t clampTo(int32_t v, int32_t limit) { return v < -limit ? -limit : v > lim
 
 int lowestBit(uint64_t mask) { return __builtin_ctzll(mask); }
 
-// Codes the AC values zz[1..63] (zig-zag order) whose non-zero positions are
-// the bits of `mask`: ZRL for every 16 zeros before a value, the value's
-// run/size code with its extra bits, and EOB when the block ends in zeros.
+// Codes the AC values of a quantized block (natural order) whose zig-zag
+// positions are the bits of `mask`: ZRL for every 16 zeros before a value,
+// the value's run/size code with its extra bits, and EOB when the block ends
+// in zeros.
 template <bool Checked>
-JpgStatus emitAc(BitSink &sink, const JpgAcSymbol *table, const int16_t *zz, uint64_t mask) {
+JpgStatus emitAc(BitSink &sink, const JpgAcSymbol *table, const int16_t *natural, uint64_t mask) {
     int last = 0;
     while (mask != 0) {
         int k = lowestBit(mask);
@@ -33,7 +34,7 @@ JpgStatus emitAc(BitSink &sink, const JpgAcSymbol *table, const int16_t *zz, uin
             if (status != JPG_STATUS_OK)
                 return status;
         }
-        kiv::Magnitude m = kiv::kMagnitude[zz[k]];
+        kiv::Magnitude m = kiv::kMagnitude[natural[kiv::kZigzag[k]]];
         const JpgAcSymbol &entry = table[run << 4 | static_cast<uint32_t>(m.category)];
         JpgStatus status = sink.put<Checked>(entry.code | static_cast<uint16_t>(m.bits), entry.length);
         if (status != JPG_STATUS_OK)
@@ -48,15 +49,15 @@ JpgStatus emitAc(BitSink &sink, const JpgAcSymbol *table, const int16_t *zz, uin
 // DC value even when the output fails.
 template <bool Checked>
 JpgStatus encodeBlock(BitSink &sink, JpgComponent *comp, const kiv::QuantSteps &steps, int16_t *block) {
-    alignas(16) int16_t zz[64];
+    alignas(16) int16_t quantized[64];
     kiv::forwardDct(block);
-    int32_t dc = kiv::quantizeBlock(block, steps, zz);
+    int32_t dc = kiv::quantizeBlock(block, steps, quantized);
     const JpgDcDiff &entry = comp->dcDiff[clampTo(dc - comp->dcPred, kMaxMagnitude)];
     comp->dcPred = dc;
     JpgStatus status = sink.put<Checked>(entry.bits, static_cast<int32_t>(entry.length));
     if (status != JPG_STATUS_OK)
         return status;
-    return emitAc<Checked>(sink, comp->acSymbols, zz, kiv::acNonZeroMask(zz));
+    return emitAc<Checked>(sink, comp->acSymbols, quantized, kiv::acNonZeroMask(quantized));
 }
 
 JpgStatus encodeBlocks(JpgParam *param, const kiv::QuantSteps *steps) {
@@ -107,10 +108,10 @@ JpgStatus jpgWriteBaseLine8BitACHuffman(ComplibBitstream *bs, const JpgAcSymbol 
                                         const uint32_t *quant, int16_t *block) {
     kiv::QuantSteps steps;
     kiv::makeQuantSteps(quant, &steps);
-    alignas(16) int16_t zz[64];
-    kiv::quantizeBlock(block, steps, zz);
+    alignas(16) int16_t quantized[64];
+    kiv::quantizeBlock(block, steps, quantized);
     BitSink sink(bs);
-    JpgStatus status = emitAc<true>(sink, table, zz, kiv::acNonZeroMask(zz));
+    JpgStatus status = emitAc<true>(sink, table, quantized, kiv::acNonZeroMask(quantized));
     sink.finish();
     return status;
 }

@@ -1,10 +1,8 @@
 // Quantizer of the baseline encoder: reciprocal division of the DCT outputs
-// (natural order in, zig-zag order out) and the mask of non-zero AC values
-// that the entropy coder walks. The SSE2 routines work on eight coefficients
-// at once with the same 16-bit arithmetic as the portable ones.
+// (natural order in and out) and the zig-zag mask of non-zero AC values that
+// the entropy coder walks. The SSE2 routines work on eight coefficients at
+// once with the same 16-bit arithmetic as the portable ones.
 #include "write/quantizer.h"
-
-#include <utility>
 
 #include "core/tables.h"
 
@@ -26,23 +24,15 @@ int32_t divideRounded(int32_t c, uint32_t d) {
     return c < 0 ? -v : v;
 }
 
-int32_t quantizeByDivision(const int16_t *block, const kiv::QuantSteps &steps, int16_t *zz) {
-    for (int k = 1; k < 64; k++) {
-        uint32_t n = kiv::kZigzag[k];
-        zz[k] = static_cast<int16_t>(clampAc(divideRounded(block[n], steps.divisor[n])));
-    }
+int32_t quantizeByDivision(const int16_t *block, const kiv::QuantSteps &steps, int16_t *out) {
+    for (int i = 1; i < 64; i++)
+        out[i] = static_cast<int16_t>(clampAc(divideRounded(block[i], steps.divisor[i])));
     int32_t dc = divideRounded(block[0], steps.divisor[0]);
-    zz[0] = static_cast<int16_t>(clampAc(dc));
+    out[0] = static_cast<int16_t>(clampAc(dc));
     return dc;
 }
 
 #if KIV_HAVE_SSE2_QUANTIZER
-
-// zz[k] = natural[zig-zag k], unrolled with the indices as constants.
-template <size_t... K>
-void zigzagOrder(const int16_t *natural, int16_t *zz, std::index_sequence<K...>) {
-    ((zz[K] = natural[kiv::kZigzag[K]]), ...);
-}
 
 // Eight coefficients: |c| + d/2, divided by reciprocal, the sign put back.
 inline __m128i quantize8(__m128i c, const uint16_t *mult, const uint16_t *post, const uint16_t *half) {
@@ -55,8 +45,7 @@ inline __m128i quantize8(__m128i c, const uint16_t *mult, const uint16_t *post, 
     return _mm_sub_epi16(_mm_xor_si128(q, sign), sign);
 }
 
-int32_t quantizeBlockSse2(const int16_t *block, const kiv::QuantSteps &steps, int16_t *zz) {
-    alignas(16) int16_t natural[64];
+int32_t quantizeBlockSse2(const int16_t *block, const kiv::QuantSteps &steps, int16_t *out) {
     const __m128i limit = _mm_set1_epi16(kMaxAc);
     const __m128i negLimit = _mm_set1_epi16(-kMaxAc);
     int32_t dc = 0;
@@ -66,9 +55,8 @@ int32_t quantizeBlockSse2(const int16_t *block, const kiv::QuantSteps &steps, in
         // The quotient of a 16-bit dividend by a divisor >= 3 fits 16 bits signed.
         if (i == 0)
             dc = static_cast<int16_t>(_mm_cvtsi128_si32(q));
-        _mm_store_si128(reinterpret_cast<__m128i *>(natural + i), _mm_max_epi16(_mm_min_epi16(q, limit), negLimit));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(out + i), _mm_max_epi16(_mm_min_epi16(q, limit), negLimit));
     }
-    zigzagOrder(natural, zz, std::make_index_sequence<64>());
     return dc;
 }
 
@@ -95,51 +83,57 @@ void makeQuantSteps(const uint32_t *zigzagDivisors, QuantSteps *steps) {
     }
 }
 
-int32_t quantizeBlockPortable(const int16_t *block, const QuantSteps &steps, int16_t *zz) {
+int32_t quantizeBlockPortable(const int16_t *block, const QuantSteps &steps, int16_t *out) {
     if (!steps.exact)
-        return quantizeByDivision(block, steps, zz);
+        return quantizeByDivision(block, steps, out);
     int32_t dc = 0;
-    for (int k = 0; k < 64; k++) {
-        uint32_t i = kZigzag[k];
+    for (int i = 0; i < 64; i++) {
         int32_t c = block[i];
         uint32_t n = static_cast<uint32_t>(c < 0 ? -c : c) + steps.half[i];
         int32_t v = static_cast<int32_t>(divideByReciprocal(n, {steps.mult[i], steps.post[i]}));
         v = c < 0 ? -v : v;
-        if (k == 0)
+        if (i == 0)
             dc = v;
-        zz[k] = static_cast<int16_t>(clampAc(v));
+        out[i] = static_cast<int16_t>(clampAc(v));
     }
     return dc;
 }
 
-int32_t quantizeBlock(const int16_t *block, const QuantSteps &steps, int16_t *zz) {
+int32_t quantizeBlock(const int16_t *block, const QuantSteps &steps, int16_t *out) {
 #if KIV_HAVE_SSE2_QUANTIZER
     if (steps.exact)
-        return quantizeBlockSse2(block, steps, zz);
+        return quantizeBlockSse2(block, steps, out);
 #endif
-    return quantizeBlockPortable(block, steps, zz);
+    return quantizeBlockPortable(block, steps, out);
 }
 
-uint64_t acNonZeroMaskPortable(const int16_t *zz) {
+uint64_t acNonZeroMaskPortable(const int16_t *natural) {
     uint64_t mask = 0;
     for (int k = 1; k < 64; k++)
-        mask |= static_cast<uint64_t>(zz[k] != 0) << k;
+        mask |= static_cast<uint64_t>(natural[kZigzag[k]] != 0) << k;
     return mask;
 }
 
-uint64_t acNonZeroMask(const int16_t *zz) {
+// The natural-order mask comes from vector compares; its bits (as many as
+// there are non-zero values, few at usual qualities) then move to their
+// zig-zag positions one by one.
+uint64_t acNonZeroMask(const int16_t *natural) {
 #if KIV_HAVE_SSE2_QUANTIZER
-    uint64_t mask = 0;
+    uint64_t found = 0;
     const __m128i zero = _mm_setzero_si128();
     for (int i = 0; i < 64; i += 16) {
-        __m128i a = _mm_cmpeq_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(zz + i)), zero);
-        __m128i b = _mm_cmpeq_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(zz + i + 8)), zero);
+        __m128i a = _mm_cmpeq_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(natural + i)), zero);
+        __m128i b = _mm_cmpeq_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(natural + i + 8)), zero);
         uint32_t zeros = static_cast<uint32_t>(_mm_movemask_epi8(_mm_packs_epi16(a, b)));
-        mask |= static_cast<uint64_t>(~zeros & 0xFFFF) << i;
+        found |= static_cast<uint64_t>(~zeros & 0xFFFF) << i;
     }
-    return mask & ~uint64_t{1};
+    found &= ~uint64_t{1};
+    uint64_t mask = 0;
+    for (; found != 0; found &= found - 1)
+        mask |= uint64_t{1} << kNaturalToZigzag[__builtin_ctzll(found)];
+    return mask;
 #else
-    return acNonZeroMaskPortable(zz);
+    return acNonZeroMaskPortable(natural);
 #endif
 }
 

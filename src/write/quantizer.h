@@ -1,10 +1,11 @@
 // Quantizer of the baseline encoder (ISO/IEC 10918-1 A.3.4): divides the 64
 // DCT outputs of a block by their divisors, rounding half away from zero,
-// and lays the results out in zig-zag order. The division is a multiply by a
+// and finds the non-zero AC values in zig-zag order. The division is a multiply by a
 // precomputed reciprocal (Granlund and Montgomery, "Division by invariant
 // integers using multiplication", 1994, Figure 4.1), exact for every
 // dividend 0..65535 and divisor 3..65535; the SSE2 and portable routines
 // give the same bits. Divisors outside that range fall back to division.
+// The entropy coder then walks the non-zero values in zig-zag order.
 #pragma once
 
 #include <stdint.h>
@@ -62,17 +63,18 @@ struct QuantSteps {
 // Prepares the steps of a table of 64 divisors held in zig-zag order.
 void makeQuantSteps(const uint32_t *zigzagDivisors, QuantSteps *steps);
 
-// Quantizes a block (natural order) into zz[0..63] in zig-zag order:
-// zz[k] = sign(c) * ((|c| + d/2) / d) for the coefficient c and divisor d of
-// zig-zag position k; AC values are limited to +-1023 (the largest a
-// baseline AC table codes). Returns the DC value, not limited.
-int32_t quantizeBlock(const int16_t *block, const QuantSteps &steps, int16_t *zz);
+// Quantizes a block into out[0..63], both in natural order:
+// out[i] = sign(c) * ((|c| + d/2) / d) for the coefficient c and divisor d
+// at i; AC values are limited to +-1023 (the largest a baseline AC table
+// codes). Returns the DC value, not limited.
+int32_t quantizeBlock(const int16_t *block, const QuantSteps &steps, int16_t *out);
 
 // The portable routine, which quantizeBlock uses when SSE2 is not built in.
-int32_t quantizeBlockPortable(const int16_t *block, const QuantSteps &steps, int16_t *zz);
+int32_t quantizeBlockPortable(const int16_t *block, const QuantSteps &steps, int16_t *out);
 
-// Bit k set for every k in 1..63 with zz[k] != 0.
-uint64_t acNonZeroMask(const int16_t *zz);
-uint64_t acNonZeroMaskPortable(const int16_t *zz);
+// Of a quantized block in natural order: bit k set for every zig-zag
+// position k in 1..63 whose value is non-zero.
+uint64_t acNonZeroMask(const int16_t *natural);
+uint64_t acNonZeroMaskPortable(const int16_t *natural);
 
 }  // namespace kiv
