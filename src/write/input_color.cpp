@@ -99,9 +99,30 @@ struct ComponentGrid {
     int32_t sx, sy;   // plane samples per block sample
 };
 
+// a / b for the sampling factors and MCU sizes in blocks (1 to 4) from a
+// table, since every MCU asks; other values are divided.
+constexpr int32_t kSmall = 4;
+struct SmallQuotients {
+    uint8_t q[kSmall + 1][kSmall + 1];
+};
+constexpr SmallQuotients makeSmallQuotients() {
+    SmallQuotients t{};
+    for (int a = 0; a <= kSmall; a++)
+        for (int b = 1; b <= kSmall; b++)
+            t.q[a][b] = static_cast<uint8_t>(a / b);
+    return t;
+}
+constexpr SmallQuotients kSmallQuotients = makeSmallQuotients();
+
+int32_t quotient(uint32_t a, int32_t b) {
+    if (a <= kSmall && b >= 1 && b <= kSmall)
+        return kSmallQuotients.q[a][b];
+    return static_cast<int32_t>(a / static_cast<uint32_t>(b));
+}
+
 ComponentGrid grid(const JpgWriteConvertContext *ctx, uint32_t c) {
-    int32_t sx = static_cast<int32_t>(ctx->mcuWidth / 8) / ctx->factors[c][0];
-    int32_t sy = static_cast<int32_t>(ctx->mcuHeight / 8) / ctx->factors[c][1];
+    int32_t sx = quotient(ctx->mcuWidth / 8, ctx->factors[c][0]);
+    int32_t sy = quotient(ctx->mcuHeight / 8, ctx->factors[c][1]);
     return {plane(ctx, c), ctx->mcuWidth, sx, sy};
 }
 
@@ -113,8 +134,8 @@ bool validContext(const JpgWriteConvertContext *ctx) {
         return false;
     for (uint32_t c = 0; c < ctx->bytesPerPixel; c++) {
         int32_t h = ctx->factors[c][0], v = ctx->factors[c][1];
-        if (h < 1 || v < 1 || (ctx->mcuWidth / 8) % static_cast<uint32_t>(h) != 0 ||
-            (ctx->mcuHeight / 8) % static_cast<uint32_t>(v) != 0)
+        if (h < 1 || v < 1 || static_cast<uint32_t>(quotient(ctx->mcuWidth / 8, h) * h) != ctx->mcuWidth / 8 ||
+            static_cast<uint32_t>(quotient(ctx->mcuHeight / 8, v) * v) != ctx->mcuHeight / 8)
             return false;
     }
     return true;
