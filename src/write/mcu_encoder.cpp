@@ -83,8 +83,11 @@ JpgStatus jpgWriteEncodeBaselineMcu(JpgParam *param) {
     } else {
         // Called outside the encode driver: the divisors are prepared here.
         kiv::QuantSteps steps[4];
-        for (uint32_t c = 0; c < param->numComponents && c < 4; c++)
+        for (uint32_t c = 0; c < param->numComponents && c < 4; c++) {
+            if (param->components[c].quant == nullptr)
+                return JPG_STATUS_INVALID_PARAMETER;
             kiv::makeQuantSteps(param->components[c].quant, &steps[c]);
+        }
         status = encodeBlocks(param, steps);
     }
     if (status != JPG_STATUS_OK)
