@@ -137,6 +137,10 @@ struct JpgDecodeState {
     uint8_t scanComponents[4]; // frame index of each scan component, in scan order
 };
 
+namespace kiv {
+struct QuantSteps;  // the quantizer's divisors of one table (write/quantizer.h)
+}
+
 // Encode-side state (write handles only).
 struct JpgEncodeState {
     uint8_t huffSpec[4][273];  // BITS[16], HUFFVAL[256], Tc << 4 | Th: DC0, DC1, AC0, AC1
@@ -148,6 +152,7 @@ struct JpgEncodeState {
     uint32_t quantPrecision;   // Pq of the written tables (0)
     uint32_t memInitialSize;   // first size of the memory output block
     int16_t *mcuBlocks;        // this call's MCU block buffer (not owned by the handle)
+    const kiv::QuantSteps *quantSteps; // this call's per-component divisors (not owned)
 };
 
 constexpr size_t kStageStateSize = 1144;

@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "write/encoder.h"
+#include "write/quantizer.h"
 
 namespace {
 
@@ -83,6 +84,7 @@ void releaseStrip(JpgParam *param, StripBuffers &b) {
     jpgMemFree(param, b.blocks);
     jpgMemFree(param, b.ctx);
     param->enc.mcuBlocks = nullptr;
+    param->enc.quantSteps = nullptr;
 }
 
 JpgStatus prepareStrip(JpgParam *param, const ComplibRect *rect, uint32_t rows, StripBuffers &b) {
@@ -142,6 +144,10 @@ JpgStatus jpgWriteFromRect(JpgParam *param, const ComplibRect *rect, uint32_t ro
         rows = rows < left ? rows : left;
     }
     StripBuffers buffers{};
+    kiv::QuantSteps steps[4];
+    for (uint32_t i = 0; i < param->numComponents && i < 4; i++)
+        kiv::makeQuantSteps(param->components[i].quant, &steps[i]);
+    param->enc.quantSteps = steps;
     status = prepareStrip(param, rect, rows, buffers);
     for (uint32_t y = 0; status == JPG_STATUS_OK && y < rows; y += param->mcuHeight)
         for (uint32_t x = 0; status == JPG_STATUS_OK && x < param->width; x += param->mcuWidth) {

@@ -6,6 +6,7 @@
 // the parts of blocks beyond the image's right and bottom edges.
 // Pixels are stored B, G, R: the first byte of a pixel is blue.
 #include "write/encoder.h"
+#include "write/input_color_sse2.h"
 
 namespace {
 
@@ -75,6 +76,22 @@ void convertArea(JpgWriteConvertContext *ctx, int32_t x, int32_t y, int32_t w, i
     }
 }
 
+// One sample of component c of the pixel at p, as convertArea computes it.
+template <Layout L>
+int16_t sampleOf(const uint8_t *p, uint32_t c) {
+    if constexpr (L == Layout::Planes) {
+        return static_cast<int16_t>(p[c] - 128);
+    } else if constexpr (L == Layout::Reversed) {
+        return static_cast<int16_t>(p[2 - c] - 128);
+    } else {
+        if (c == 0)
+            return static_cast<int16_t>((kYcc.blue[p[0]].y + kYcc.green[p[1]].y + kYcc.red[p[2]].y) >> 12);
+        if (c == 1)
+            return static_cast<int16_t>(((p[0] << 11) - kYcc.green[p[1]].cb - kYcc.red[p[2]].cb) >> 12);
+        return static_cast<int16_t>(((p[2] << 11) - kYcc.green[p[1]].cr - kYcc.blue[p[0]].cr) >> 12);
+    }
+}
+
 // Geometry of one component's blocks within the MCU.
 struct ComponentGrid {
     const int16_t *plane;
@@ -82,9 +99,30 @@ struct ComponentGrid {
     int32_t sx, sy;   // plane samples per block sample
 };
 
+// a / b for the sampling factors and MCU sizes in blocks (1 to 4) from a
+// table, since every MCU asks; other values are divided.
+constexpr int32_t kSmall = 4;
+struct SmallQuotients {
+    uint8_t q[kSmall + 1][kSmall + 1];
+};
+constexpr SmallQuotients makeSmallQuotients() {
+    SmallQuotients t{};
+    for (int a = 0; a <= kSmall; a++)
+        for (int b = 1; b <= kSmall; b++)
+            t.q[a][b] = static_cast<uint8_t>(a / b);
+    return t;
+}
+constexpr SmallQuotients kSmallQuotients = makeSmallQuotients();
+
+int32_t quotient(uint32_t a, int32_t b) {
+    if (a <= kSmall && b >= 1 && b <= kSmall)
+        return kSmallQuotients.q[a][b];
+    return static_cast<int32_t>(a / static_cast<uint32_t>(b));
+}
+
 ComponentGrid grid(const JpgWriteConvertContext *ctx, uint32_t c) {
-    int32_t sx = static_cast<int32_t>(ctx->mcuWidth / 8) / ctx->factors[c][0];
-    int32_t sy = static_cast<int32_t>(ctx->mcuHeight / 8) / ctx->factors[c][1];
+    int32_t sx = quotient(ctx->mcuWidth / 8, ctx->factors[c][0]);
+    int32_t sy = quotient(ctx->mcuHeight / 8, ctx->factors[c][1]);
     return {plane(ctx, c), ctx->mcuWidth, sx, sy};
 }
 
@@ -96,8 +134,8 @@ bool validContext(const JpgWriteConvertContext *ctx) {
         return false;
     for (uint32_t c = 0; c < ctx->bytesPerPixel; c++) {
         int32_t h = ctx->factors[c][0], v = ctx->factors[c][1];
-        if (h < 1 || v < 1 || (ctx->mcuWidth / 8) % static_cast<uint32_t>(h) != 0 ||
-            (ctx->mcuHeight / 8) % static_cast<uint32_t>(v) != 0)
+        if (h < 1 || v < 1 || static_cast<uint32_t>(quotient(ctx->mcuWidth / 8, h) * h) != ctx->mcuWidth / 8 ||
+            static_cast<uint32_t>(quotient(ctx->mcuHeight / 8, v) * v) != ctx->mcuHeight / 8)
             return false;
     }
     return true;
@@ -166,6 +204,98 @@ void mirrorBlock(int16_t *block, int32_t c, int32_t r) {
                 block[8 * k + col] = block[8 * (2 * valid - 1 - k) + col];
 }
 
+// A full MCU of the plain family straight into its blocks: each block
+// sample is the converted top-left pixel of its group, which is what the
+// conversion into planes followed by plain down-sampling gives, without
+// converting the samples that down-sampling drops.
+template <Layout L, uint32_t C>
+void directComponent(const JpgWriteConvertContext *ctx, int32_t x, int32_t y, int16_t *&block) {
+    ComponentGrid g = grid(ctx, C);
+    const ptrdiff_t step = static_cast<ptrdiff_t>(g.sx) * ctx->bytesPerPixel;
+    for (int32_t by = 0; by < static_cast<int32_t>(ctx->mcuHeight); by += 8 * g.sy)
+        for (int32_t bx = 0; bx < static_cast<int32_t>(ctx->mcuWidth); bx += 8 * g.sx, block += 64)
+            for (int32_t i = 0; i < 8; i++) {
+                const uint8_t *p = pixelRow(ctx, x + bx, y + by + g.sy * i);
+                for (int32_t j = 0; j < 8; j++, p += step)
+                    block[8 * i + j] = sampleOf<L>(p, C);
+            }
+}
+
+#if KIV_HAVE_SSE2_COLOR
+
+// The blocks of the components whose outputs are wanted, all on the grid of
+// component c, eight samples at a time; out[k] is the first block of each.
+template <bool Y, bool Cb, bool Cr, ptrdiff_t Step>
+void yccGrid(const JpgWriteConvertContext *ctx, int32_t x, int32_t y, const ComponentGrid &g, int16_t *const *out) {
+    const ptrdiff_t step = 3 * static_cast<ptrdiff_t>(g.sx);
+    const ptrdiff_t rowStep = static_cast<ptrdiff_t>(g.sy) * ctx->stride;
+    int32_t at = 0;
+    for (int32_t by = 0; by < static_cast<int32_t>(ctx->mcuHeight); by += 8 * g.sy)
+        for (int32_t bx = 0; bx < static_cast<int32_t>(ctx->mcuWidth); bx += 8 * g.sx, at += 64) {
+            const uint8_t *p = pixelRow(ctx, x + bx, y + by);
+            for (int32_t i = 0; i < 8; i++, p += rowStep) {
+                int32_t to = at + 8 * i;
+                kiv::color_sse2::ycc8<Y, Cb, Cr, Step>(p, step, Y ? out[0] + to : nullptr,
+                                                       Cb ? out[1] + to : nullptr, Cr ? out[2] + to : nullptr);
+            }
+        }
+}
+
+template <bool Y, bool Cb, bool Cr>
+void yccComponents(const JpgWriteConvertContext *ctx, int32_t x, int32_t y, uint32_t c, int16_t *const *out) {
+    ComponentGrid g = grid(ctx, c);
+    if (g.sx == 1)
+        yccGrid<Y, Cb, Cr, 3>(ctx, x, y, g, out);
+    else
+        yccGrid<Y, Cb, Cr, 0>(ctx, x, y, g, out);
+}
+
+bool sameGrid(const JpgWriteConvertContext *ctx, uint32_t a, uint32_t b) {
+    return ctx->factors[a][0] == ctx->factors[b][0] && ctx->factors[a][1] == ctx->factors[b][1];
+}
+
+// Components that share a grid are converted from one read of their pixels.
+void directYccBlocks(const JpgWriteConvertContext *ctx, int32_t x, int32_t y) {
+    int16_t *out[3] = {ctx->blocks};
+    for (uint32_t c = 1; c < 3; c++)
+        out[c] = out[c - 1] + 64 * ctx->factors[c - 1][0] * ctx->factors[c - 1][1];
+    bool chromaShared = sameGrid(ctx, 1, 2);
+    if (chromaShared && sameGrid(ctx, 0, 1)) {
+        yccComponents<true, true, true>(ctx, x, y, 0, out);
+        return;
+    }
+    yccComponents<true, false, false>(ctx, x, y, 0, out);
+    if (chromaShared) {
+        int16_t *chroma[3] = {nullptr, out[1], out[2]};
+        yccComponents<false, true, true>(ctx, x, y, 1, chroma);
+        return;
+    }
+    int16_t *cb[3] = {nullptr, out[1], nullptr};
+    int16_t *cr[3] = {nullptr, nullptr, out[2]};
+    yccComponents<false, true, false>(ctx, x, y, 1, cb);
+    yccComponents<false, false, true>(ctx, x, y, 2, cr);
+}
+
+#endif
+
+template <Layout L>
+void directBlocks(const JpgWriteConvertContext *ctx, int32_t x, int32_t y) {
+#if KIV_HAVE_SSE2_COLOR
+    if constexpr (L == Layout::YCbCr) {
+        directYccBlocks(ctx, x, y);
+        return;
+    }
+#endif
+    int16_t *block = ctx->blocks;
+    directComponent<L, 0>(ctx, x, y, block);
+    if (ctx->bytesPerPixel > 1)
+        directComponent<L, 1>(ctx, x, y, block);
+    if (ctx->bytesPerPixel > 2)
+        directComponent<L, 2>(ctx, x, y, block);
+    if (ctx->bytesPerPixel > 3)
+        directComponent<L, 3>(ctx, x, y, block);
+}
+
 template <Layout L, bool HQ>
 JpgStatus convertMcu(JpgWriteConvertContext *ctx, int32_t x, int32_t y) {
     if (ctx == nullptr)
@@ -178,8 +308,12 @@ JpgStatus convertMcu(JpgWriteConvertContext *ctx, int32_t x, int32_t y) {
         return JPG_STATUS_INVALID_PARAMETER;
     w = w < static_cast<int32_t>(ctx->mcuWidth) ? w : static_cast<int32_t>(ctx->mcuWidth);
     h = h < static_cast<int32_t>(ctx->mcuHeight) ? h : static_cast<int32_t>(ctx->mcuHeight);
-    convertArea<L>(ctx, x, y, w, h);
     bool full = w == static_cast<int32_t>(ctx->mcuWidth) && h == static_cast<int32_t>(ctx->mcuHeight);
+    if (!HQ && full) {
+        directBlocks<L>(ctx, x, y);
+        return JPG_STATUS_OK;
+    }
+    convertArea<L>(ctx, x, y, w, h);
     if (!HQ) {
         GenericSubSamplingAndBlockDivision(ctx);
         if (!full)

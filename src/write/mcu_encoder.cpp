@@ -4,69 +4,94 @@
 // F.1.2.1, F.1.2.2) and ends a restart interval with RSTn (F.1.1.5, B.2.1).
 // The DC predictors, the MCU counter and the RST number persist across calls.
 #include "core/tables.h"
-#include "write/encoder.h"
+#include "write/bit_sink.h"
+#include "write/forward_dct.h"
+#include "write/quantizer.h"
 
 namespace {
 
+using kiv::BitSink;
 using kiv::kMaxMagnitude;
-
-// Largest quantized AC magnitude that a baseline AC table codes (size 10).
-constexpr int32_t kMaxAc = 1023;
 
 int32_t clampTo(int32_t v, int32_t limit) { return v < -limit ? -limit : v > limit ? limit : v; }
 
-// Rounds c / q half away from zero.
-int32_t quantize(int32_t c, int32_t q) {
-    return c >= 0 ? (c + (q >> 1)) / q : (c - (q >> 1)) / q;
-}
+int lowestBit(uint64_t mask) { return __builtin_ctzll(mask); }
 
-struct AcPair {
-    uint8_t run;
-    int16_t value;
-};
-
-// Gathers the (run, value) pairs of the AC coefficients in zig-zag order,
-// with ZRL pairs for runs above 15 and EOB when the block ends in zeros.
-int gatherAc(const int16_t *block, const uint32_t *quant, AcPair *pairs) {
-    int count = 0;
-    uint32_t run = 0;
-    for (int k = 1; k < 64; k++) {
-        int32_t c = block[kiv::kZigzag[k]];
-        int32_t q = static_cast<int32_t>(quant[k]);
-        int32_t m = (c < 0 ? -c : c) + (q >> 1);
-        if (m < q) {
-            run++;
-            continue;
-        }
-        for (; run > 15; run -= 16)
-            pairs[count++] = {0xF0, 0};
-        int32_t value = clampTo(c < 0 ? -(m / q) : m / q, kMaxAc);
-        pairs[count++] = {static_cast<uint8_t>(run << 4), static_cast<int16_t>(value)};
-        run = 0;
-    }
-    if (run != 0)
-        pairs[count++] = {0x00, 0};
-    return count;
-}
-
-JpgStatus jpgWriteEncodeBaselineMcu(JpgParam *param) {
-    int16_t *block = param->enc.mcuBlocks;
-    if (block == nullptr)
-        return JPG_STATUS_INVALID_PARAMETER;
-    ComplibBitstream *bs = &param->bs;
-    for (uint32_t c = 0; c < param->numComponents && c < 4; c++) {
-        JpgComponent *comp = &param->components[c];
-        for (uint32_t b = 0; b < comp->blocks; b++, block += 64) {
-            complibIntFDCT8x8(block);
-            int32_t dc = quantize(block[0], static_cast<int32_t>(comp->quant[0]));
-            JpgStatus status = jpgWriteBaseLine8BitDCHuffman(bs, comp, dc - comp->dcPred);
-            comp->dcPred = dc;
-            if (status == JPG_STATUS_OK)
-                status = jpgWriteBaseLine8BitACHuffman(bs, comp->acSymbols, comp->quant, block);
+// Codes the AC values of a quantized block (natural order) whose zig-zag
+// positions are the bits of `mask`: ZRL for every 16 zeros before a value,
+// the value's run/size code with its extra bits, and EOB when the block ends
+// in zeros.
+template <bool Checked>
+JpgStatus emitAc(BitSink &sink, const JpgAcSymbol *table, const int16_t *natural, uint64_t mask) {
+    int last = 0;
+    while (mask != 0) {
+        int k = lowestBit(mask);
+        mask &= mask - 1;
+        uint32_t run = static_cast<uint32_t>(k - last - 1);
+        last = k;
+        for (; run > 15; run -= 16) {
+            JpgStatus status = sink.put<Checked>(table[0xF0].code, table[0xF0].length);
             if (status != JPG_STATUS_OK)
                 return status;
         }
+        kiv::Magnitude m = kiv::kMagnitude[natural[kiv::kZigzag[k]]];
+        const JpgAcSymbol &entry = table[run << 4 | static_cast<uint32_t>(m.category)];
+        JpgStatus status = sink.put<Checked>(entry.code | static_cast<uint16_t>(m.bits), entry.length);
+        if (status != JPG_STATUS_OK)
+            return status;
     }
+    if (last == 63)
+        return JPG_STATUS_OK;  // a block that ends in a value has no EOB
+    return sink.put<Checked>(table[0x00].code, table[0x00].length);
+}
+
+// Transforms, quantizes and codes one block; the predictor takes the new
+// DC value even when the output fails.
+template <bool Checked>
+JpgStatus encodeBlock(BitSink &sink, JpgComponent *comp, const kiv::QuantSteps &steps, int16_t *block) {
+    alignas(16) int16_t quantized[64];
+    kiv::forwardDct(block);
+    int32_t dc = kiv::quantizeBlock(block, steps, quantized);
+    const JpgDcDiff &entry = comp->dcDiff[clampTo(dc - comp->dcPred, kMaxMagnitude)];
+    comp->dcPred = dc;
+    JpgStatus status = sink.put<Checked>(entry.bits, static_cast<int32_t>(entry.length));
+    if (status != JPG_STATUS_OK)
+        return status;
+    return emitAc<Checked>(sink, comp->acSymbols, quantized, kiv::acNonZeroMask(quantized));
+}
+
+JpgStatus encodeBlocks(JpgParam *param, const kiv::QuantSteps *steps) {
+    int16_t *block = param->enc.mcuBlocks;
+    BitSink sink(&param->bs);
+    JpgStatus status = JPG_STATUS_OK;
+    for (uint32_t c = 0; c < param->numComponents && c < 4 && status == JPG_STATUS_OK; c++) {
+        JpgComponent *comp = &param->components[c];
+        for (uint32_t b = 0; b < comp->blocks && status == JPG_STATUS_OK; b++, block += 64)
+            status = sink.roomForBlock() ? encodeBlock<false>(sink, comp, steps[c], block)
+                                         : encodeBlock<true>(sink, comp, steps[c], block);
+    }
+    sink.finish();
+    return status;
+}
+
+JpgStatus jpgWriteEncodeBaselineMcu(JpgParam *param) {
+    if (param->enc.mcuBlocks == nullptr)
+        return JPG_STATUS_INVALID_PARAMETER;
+    JpgStatus status;
+    if (param->enc.quantSteps != nullptr) {
+        status = encodeBlocks(param, param->enc.quantSteps);
+    } else {
+        // Called outside the encode driver: the divisors are prepared here.
+        kiv::QuantSteps steps[4];
+        for (uint32_t c = 0; c < param->numComponents && c < 4; c++) {
+            if (param->components[c].quant == nullptr)
+                return JPG_STATUS_INVALID_PARAMETER;
+            kiv::makeQuantSteps(param->components[c].quant, &steps[c]);
+        }
+        status = encodeBlocks(param, steps);
+    }
+    if (status != JPG_STATUS_OK)
+        return status;
     if (++param->mcuAddress == param->restartInterval)
         return jpgWriteEpilogEntropyCodedSegment(param);
     return JPG_STATUS_OK;
@@ -82,35 +107,15 @@ JpgStatus jpgWriteBaseLine8BitDCHuffman(ComplibBitstream *bs, JpgComponent *comp
     return jpgWritePutBits(bs, entry.bits, static_cast<int32_t>(entry.length));
 }
 
-// The pairs' patterns (at most 16 + 10 bits) go into the accumulator inline,
-// by the rule of jpgWritePutBits.
 JpgStatus jpgWriteBaseLine8BitACHuffman(ComplibBitstream *bs, const JpgAcSymbol *table,
                                         const uint32_t *quant, int16_t *block) {
-    AcPair pairs[64 + 3];  // 63 values; ZRLs only replace zeros they stand for; EOB
-    int count = gatherAc(block, quant, pairs);
-    uint32_t acc = bs->accumulator;
-    int32_t free = bs->bitCount;
-    JpgStatus status = JPG_STATUS_OK;
-    for (int i = 0; i < count; i++) {
-        kiv::Magnitude m = kiv::kMagnitude[pairs[i].value];
-        const JpgAcSymbol &entry = table[pairs[i].run | static_cast<uint32_t>(m.category)];
-        uint32_t bits = entry.code | static_cast<uint16_t>(m.bits);
-        int32_t length = entry.length;
-        if (length < free) {
-            acc = (acc << length) | bits;
-            free -= length;
-            continue;
-        }
-        int32_t rest = length - free;
-        bs->accumulator = (free >= 32 ? 0 : acc << free) | (bits >> rest);
-        status = jpgWriteByteStuff(bs);
-        acc = bits;
-        free = 32 - rest;
-        if (status != JPG_STATUS_OK)
-            break;
-    }
-    bs->accumulator = acc;
-    bs->bitCount = free;
+    kiv::QuantSteps steps;
+    kiv::makeQuantSteps(quant, &steps);
+    alignas(16) int16_t quantized[64];
+    kiv::quantizeBlock(block, steps, quantized);
+    BitSink sink(bs);
+    JpgStatus status = emitAc<true>(sink, table, quantized, kiv::acNonZeroMask(quantized));
+    sink.finish();
     return status;
 }
 

@@ -1,0 +1,84 @@
+// The entropy coder's fast view of the bit writer (ISO/IEC 10918-1 F.1.2.3,
+// B.1.1.5): codes go, most significant first, into a 64-bit accumulator
+// taken over from the bitstream; every complete 32-bit word goes to the
+// staging buffer at once, byte by byte with stuffing only when one of its
+// bytes is 0xFF. The bytes, and the state handed back, are exactly those of
+// jpgWritePutBits. Unchecked stores need kBlockRoom bytes of staging room.
+#pragma once
+
+#include <string.h>
+
+#include "write/encoder.h"
+
+namespace kiv {
+
+// Staging bytes one block can produce: DC (27 bits), 63 AC codes of at most
+// 26 bits or EOB, the 31 pending bits, every byte stuffed.
+constexpr uint32_t kBlockRoom = 2 * ((27 + 63 * 26 + 16 + 31) / 8 + 1);
+static_assert(kBlockRoom < kStagingSize / 2);
+
+class BitSink {
+public:
+    explicit BitSink(ComplibBitstream *bs)
+        : bs_(bs), acc_(bs->accumulator), pending_(32 - bs->bitCount), fill_(bs->fill) {}
+
+    // Hands the accumulator and the staging count back to the bitstream.
+    void finish() {
+        bs_->accumulator = static_cast<uint32_t>(acc_);
+        bs_->bitCount = 32 - pending_;
+        bs_->fill = fill_;
+    }
+
+    bool roomForBlock() const { return fill_ <= kStagingSize - kBlockRoom; }
+
+    // Appends `length` (1 to 32) bits; Checked stores test for a full buffer.
+    template <bool Checked>
+    JpgStatus put(uint32_t bits, int32_t length) {
+        acc_ = (acc_ << length) | bits;
+        pending_ += length;
+        if (pending_ < 32)
+            return JPG_STATUS_OK;
+        pending_ -= 32;
+        uint32_t word = static_cast<uint32_t>(acc_ >> pending_);
+        if (Checked)
+            return putWordChecked(word);
+        putWord(word);
+        return JPG_STATUS_OK;
+    }
+
+private:
+    void putWord(uint32_t word) {
+        uint8_t *p = bs_->putStart + fill_;
+        // A byte is 0xFF exactly when its low seven bits plus one carry into
+        // bit 7 and bit 7 is set; no carry crosses into the next byte.
+        if ((((word & 0x7F7F7F7Fu) + 0x01010101u) & word & 0x80808080u) == 0) {
+            uint8_t bytes[4] = {static_cast<uint8_t>(word >> 24), static_cast<uint8_t>(word >> 16),
+                                static_cast<uint8_t>(word >> 8), static_cast<uint8_t>(word)};
+            memcpy(p, bytes, 4);
+            fill_ += 4;
+            return;
+        }
+        for (int shift = 24; shift >= 0; shift -= 8) {
+            uint8_t byte = static_cast<uint8_t>(word >> shift);
+            *p++ = byte;
+            if (byte == 0xFF)
+                *p++ = 0;
+        }
+        fill_ = static_cast<uint32_t>(p - bs_->putStart);
+    }
+
+    JpgStatus putWordChecked(uint32_t word) {
+        bs_->fill = fill_;
+        bs_->accumulator = word;
+        JpgStatus status = jpgWriteByteStuff(bs_);
+        fill_ = bs_->fill;
+        return status;
+    }
+
+    ComplibBitstream *bs_;
+    uint64_t acc_;
+    int32_t pending_;  // valid low bits of acc_, 0 to 31 between calls
+    uint32_t fill_;
+};
+
+}  // namespace kiv

@@ -1,0 +1,80 @@
+// Quantizer of the baseline encoder (ISO/IEC 10918-1 A.3.4): divides the 64
+// DCT outputs of a block by their divisors, rounding half away from zero,
+// and finds the non-zero AC values in zig-zag order. The division is a multiply by a
+// precomputed reciprocal (Granlund and Montgomery, "Division by invariant
+// integers using multiplication", 1994, Figure 4.1), exact for every
+// dividend 0..65535 and divisor 3..65535; the SSE2 and portable routines
+// give the same bits. Divisors outside that range fall back to division.
+// The entropy coder then walks the non-zero values in zig-zag order.
+#pragma once
+
+#include <stdint.h>
+
+#if defined(__x86_64__) && defined(__SSE2__)
+#define KIV_HAVE_SSE2_QUANTIZER 1
+#else
+#define KIV_HAVE_SSE2_QUANTIZER 0
+#endif
+
+namespace kiv {
+
+constexpr uint32_t kMinReciprocalDivisor = 3;
+constexpr uint32_t kMaxReciprocalDivisor = 0xFFFF;
+
+// One divisor d as the pair of 16-bit multipliers of the reciprocal method:
+// with l = ceil(log2 d), mult = floor(2^16 (2^l - d) / d) + 1 and
+// post = 2^(17 - l) (the final shift right by l - 1 done as a high product).
+struct Reciprocal {
+    uint16_t mult;
+    uint16_t post;
+};
+
+constexpr Reciprocal reciprocalOf(uint32_t d) {
+    uint32_t l = 0;
+    while ((1u << l) < d)
+        l++;
+    uint64_t mult = ((uint64_t{1} << 16) * ((uint64_t{1} << l) - d)) / d + 1;
+    return {static_cast<uint16_t>(mult), static_cast<uint16_t>(1u << (17 - l))};
+}
+
+// floor(n / d) for n in 0..65535, with r = reciprocalOf(d), d in 3..65535.
+constexpr uint32_t divideByReciprocal(uint32_t n, Reciprocal r) {
+    uint32_t t = (n * r.mult) >> 16;
+    uint32_t x = t + ((n - t) >> 1);
+    return (x * r.post) >> 16;
+}
+
+static_assert(divideByReciprocal(65535, reciprocalOf(3)) == 21845);
+static_assert(divideByReciprocal(65535, reciprocalOf(65535)) == 1);
+static_assert(divideByReciprocal(65534, reciprocalOf(65535)) == 0);
+static_assert(divideByReciprocal(1023, reciprocalOf(8)) == 127);
+
+// The divisors of one quantization table in natural order: the reciprocals
+// and half of each divisor (the rounding bias). When `exact` is false some
+// divisor is outside 3..65535 and `divisor` is used with real division.
+struct QuantSteps {
+    uint16_t mult[64];
+    uint16_t post[64];
+    uint16_t half[64];
+    uint32_t divisor[64];
+    bool exact;
+};
+
+// Prepares the steps of a table of 64 divisors held in zig-zag order.
+void makeQuantSteps(const uint32_t *zigzagDivisors, QuantSteps *steps);
+
+// Quantizes a block into out[0..63], both in natural order:
+// out[i] = sign(c) * ((|c| + d/2) / d) for the coefficient c and divisor d
+// at i; AC values are limited to +-1023 (the largest a baseline AC table
+// codes). Returns the DC value, not limited.
+int32_t quantizeBlock(const int16_t *block, const QuantSteps &steps, int16_t *out);
+
+// The portable routine, which quantizeBlock uses when SSE2 is not built in.
+int32_t quantizeBlockPortable(const int16_t *block, const QuantSteps &steps, int16_t *out);
+
+// Of a quantized block in natural order: bit k set for every zig-zag
+// position k in 1..63 whose value is non-zero.
+uint64_t acNonZeroMask(const int16_t *natural);
+uint64_t acNonZeroMaskPortable(const int16_t *natural);
+
+}  // namespace kiv

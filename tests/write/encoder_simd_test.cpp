@@ -1,0 +1,300 @@
+// The encoder's fast routines against their plain twins, bit for bit: the
+// reciprocal division against real division over every dividend, the SSE2
+// quantizer, non-zero mask and forward DCT against the portable ones, the
+// 64-bit bit sink against jpgWritePutBits, and the direct block conversion
+// of full MCUs against conversion into planes plus plain down-sampling.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <vector>
+
+#include "core/tables.h"
+#include "encode_helpers.h"
+#include "write/bit_sink.h"
+#include "write/encoder.h"
+#include "write/forward_dct.h"
+#include "write/quantizer.h"
+
+namespace {
+
+using kiv::divideByReciprocal;
+using kiv::reciprocalOf;
+
+void expectExactForAllDividends(uint32_t d) {
+    kiv::Reciprocal r = reciprocalOf(d);
+    for (uint32_t n = 0; n <= 0xFFFF; n++)
+        if (divideByReciprocal(n, r) != n / d)
+            FAIL() << n << " / " << d << " gave " << divideByReciprocal(n, r);
+}
+
+// Rounds c / d half away from zero, limited as the AC coder needs.
+int16_t referenceQuantize(int32_t c, uint32_t d, bool isDc) {
+    int64_t m = (c < 0 ? -int64_t{c} : c) + (d >> 1);
+    int64_t v = m / d;
+    v = c < 0 ? -v : v;
+    if (!isDc)
+        v = v < -1023 ? -1023 : v > 1023 ? 1023 : v;
+    return static_cast<int16_t>(v);
+}
+
+std::vector<uint32_t> randomDivisors(std::mt19937 &rng, uint32_t lo, uint32_t hi) {
+    std::uniform_int_distribution<uint32_t> dist(lo, hi);
+    std::vector<uint32_t> table(64);
+    for (uint32_t &d : table)
+        d = dist(rng);
+    return table;
+}
+
+// Coefficients that probe the rounding: exact multiples of d and d/2 either
+// side, the int16 extremes, zero and random values.
+void fillProbingBlock(std::mt19937 &rng, const std::vector<uint32_t> &zigzagDivisors, int16_t *block) {
+    std::uniform_int_distribution<int32_t> any(-32768, 32767);
+    std::uniform_int_distribution<int32_t> pick(0, 9);
+    for (int k = 0; k < 64; k++) {
+        int32_t d = static_cast<int32_t>(zigzagDivisors[k]);
+        int32_t mult = std::uniform_int_distribution<int32_t>(0, 32768 / d)(rng);
+        int32_t c = 0;
+        switch (pick(rng)) {
+        case 0: c = -32768; break;
+        case 1: c = 32767; break;
+        case 2: c = 0; break;
+        case 3: c = mult * d + d / 2; break;
+        case 4: c = mult * d + d / 2 - 1; break;
+        case 5: c = -(mult * d + d / 2); break;
+        case 6: c = -(mult * d + d / 2 - 1); break;
+        default: c = any(rng); break;
+        }
+        block[kiv::kZigzag[k]] = static_cast<int16_t>(c < -32768 ? -32768 : c > 32767 ? 32767 : c);
+    }
+}
+
+void expectQuantizersAgree(const std::vector<uint32_t> &divisors, const int16_t *block) {
+    kiv::QuantSteps steps;
+    kiv::makeQuantSteps(divisors.data(), &steps);
+    int16_t fast[64], portable[64];
+    int32_t dcFast = kiv::quantizeBlock(block, steps, fast);
+    int32_t dcPortable = kiv::quantizeBlockPortable(block, steps, portable);
+    int16_t dcRef = referenceQuantize(block[0], divisors[0], true);
+    ASSERT_EQ(dcFast, dcRef);
+    ASSERT_EQ(dcPortable, dcRef);
+    for (int k = 0; k < 64; k++) {
+        uint32_t i = kiv::kZigzag[k];
+        int16_t want = referenceQuantize(block[i], divisors[k], false);
+        ASSERT_EQ(fast[i], want) << "position " << k << " divisor " << divisors[k];
+        ASSERT_EQ(portable[i], want) << "position " << k << " divisor " << divisors[k];
+    }
+}
+
+}  // namespace
+
+TEST(EncoderSimd, ReciprocalIsExactForEveryDividendAndSmallDivisor) {
+    for (uint32_t d = kiv::kMinReciprocalDivisor; d <= 2048; d++)
+        expectExactForAllDividends(d);
+}
+
+TEST(EncoderSimd, ReciprocalIsExactForLargeDivisors) {
+    for (uint32_t d = 2049; d <= 0xFFFF; d += 61)
+        expectExactForAllDividends(d);
+    for (uint32_t l = 12; l <= 16; l++)
+        for (uint32_t d : {(1u << l) - 1, 1u << l, (1u << l) + 1})
+            if (d <= 0xFFFF)
+                expectExactForAllDividends(d);
+}
+
+TEST(EncoderSimd, QuantizerMatchesDivisionOnBaselineTables) {
+    std::mt19937 rng(1);
+    alignas(16) int16_t block[64];
+    for (int round = 0; round < 3000; round++) {
+        std::vector<uint32_t> divisors = randomDivisors(rng, 1, 255);
+        for (uint32_t &d : divisors)
+            d *= 8;  // the divisors the encoder makes: 8 x Q
+        fillProbingBlock(rng, divisors, block);
+        expectQuantizersAgree(divisors, block);
+    }
+}
+
+TEST(EncoderSimd, QuantizerMatchesDivisionOnAnyDivisors) {
+    std::mt19937 rng(2);
+    alignas(16) int16_t block[64];
+    for (int round = 0; round < 3000; round++) {
+        // Divisors 1 and 2 take the division fallback; the rest reciprocals.
+        std::vector<uint32_t> divisors = randomDivisors(rng, round % 3 == 0 ? 1 : 3, round % 2 ? 0xFFFF : 64);
+        fillProbingBlock(rng, divisors, block);
+        expectQuantizersAgree(divisors, block);
+    }
+}
+
+TEST(EncoderSimd, NonZeroMaskMatchesPortable) {
+    std::mt19937 rng(3);
+    int16_t natural[64];
+    for (int round = 0; round < 5000; round++) {
+        int density = round % 65;
+        for (int i = 0; i < 64; i++)
+            natural[i] = static_cast<int16_t>(static_cast<int>(rng() % 64) < density ? (rng() % 2047) - 1023 : 0);
+        uint64_t mask = kiv::acNonZeroMask(natural);
+        ASSERT_EQ(mask, kiv::acNonZeroMaskPortable(natural));
+        for (int k = 1; k < 64; k++)
+            ASSERT_EQ((mask >> k) & 1, natural[kiv::kZigzag[k]] != 0 ? 1u : 0u);
+        ASSERT_EQ(mask & 1, 0u);
+    }
+}
+
+#if KIV_HAVE_SSE2_FDCT
+
+namespace {
+
+void expectDctsAgree(const int16_t *input) {
+    alignas(16) int16_t portable[64], fast[64];
+    std::copy(input, input + 64, portable);
+    std::copy(input, input + 64, fast);
+    complibIntFDCT8x8(portable);
+    kiv::forwardDctSse2(fast);
+    for (int i = 0; i < 64; i++)
+        ASSERT_EQ(fast[i], portable[i]) << "coefficient " << i;
+}
+
+}  // namespace
+
+TEST(EncoderSimd, ForwardDctMatchesPortableOnRandomBlocks) {
+    std::mt19937 rng(4);
+    int16_t block[64];
+    for (int32_t limit : {4, 128, kiv::kFdctSampleLimit}) {
+        std::uniform_int_distribution<int32_t> dist(-limit, limit);
+        for (int round = 0; round < 20000; round++) {
+            for (int16_t &v : block)
+                v = static_cast<int16_t>(dist(rng));
+            expectDctsAgree(block);
+        }
+    }
+}
+
+TEST(EncoderSimd, ForwardDctMatchesPortableOnExtremeBlocks) {
+    std::mt19937 rng(5);
+    const int32_t limit = kiv::kFdctSampleLimit;
+    int16_t block[64];
+    // Every sign pattern of rows and columns at full magnitude (each
+    // coefficient is largest for one of them), and random sign patterns.
+    for (uint32_t rows = 0; rows < 256; rows++)
+        for (uint32_t cols = 0; cols < 256; cols += 3) {
+            for (int i = 0; i < 64; i++)
+                block[i] = static_cast<int16_t>((((rows >> (i / 8)) ^ (cols >> (i % 8))) & 1) ? -limit : limit);
+            expectDctsAgree(block);
+        }
+    for (int round = 0; round < 20000; round++) {
+        for (int16_t &v : block)
+            v = static_cast<int16_t>(rng() & 1 ? -128 : (rng() & 1 ? 128 : 127));
+        expectDctsAgree(block);
+    }
+}
+
+#endif
+
+namespace {
+
+// A memory write stream with its own staging buffer, as the bit writer uses.
+struct SinkWriter {
+    ComplibBitstream bs{};
+    std::vector<uint8_t> staging = std::vector<uint8_t>(0x10000);
+    explicit SinkWriter(uint32_t fill) {
+        bs.flags = COMPLIB_BS_MEMORY;
+        complibCreateBitstreamFile(&bs);
+        bs.putStart = staging.data();
+        bs.fill = fill;
+    }
+    ~SinkWriter() { complibMemFree(bs.memCursor); }
+    std::vector<uint8_t> output() {
+        std::vector<uint8_t> all;
+        if (bs.memCursor != nullptr)
+            all.assign(bs.memCursor, bs.memCursor + bs.memLength);
+        all.insert(all.end(), staging.begin(), staging.begin() + bs.fill);
+        return all;
+    }
+};
+
+}  // namespace
+
+TEST(EncoderSimd, BitSinkWritesWhatPutBitsWrites) {
+    std::mt19937 rng(6);
+    // Starting fills near the hand-over of a full staging buffer exercise
+    // the checked stores; codes of all ones exercise the stuffing.
+    for (uint32_t startFill : {0u, 1000u, 0x10000u - 3000u, 0x10000u - 700u}) {
+        SinkWriter plain(startFill), fast(startFill);
+        for (int block = 0; block < 40; block++) {
+            std::vector<std::pair<uint32_t, int32_t>> codes;
+            for (int i = 0; i < 64; i++) {
+                int32_t length = 1 + static_cast<int32_t>(rng() % 27);
+                uint32_t bits = rng() % 3 == 0 ? (1u << length) - 1 : rng() & ((1u << length) - 1);
+                codes.push_back({bits, length});
+            }
+            for (auto [bits, length] : codes)
+                ASSERT_EQ(jpgWritePutBits(&plain.bs, bits, length), JPG_STATUS_OK);
+            kiv::BitSink sink(&fast.bs);
+            bool checked = !sink.roomForBlock();
+            for (auto [bits, length] : codes)
+                ASSERT_EQ(checked ? sink.put<true>(bits, length) : sink.put<false>(bits, length), JPG_STATUS_OK);
+            sink.finish();
+            ASSERT_EQ(fast.bs.bitCount, plain.bs.bitCount);
+            uint32_t valid = fast.bs.bitCount == 32 ? 0 : 0xFFFFFFFFu >> fast.bs.bitCount;
+            ASSERT_EQ(fast.bs.accumulator & valid, plain.bs.accumulator & valid);
+            ASSERT_EQ(fast.bs.fill, plain.bs.fill);
+        }
+        EXPECT_EQ(fast.output(), plain.output());
+    }
+}
+
+namespace {
+
+// A context over random pixels covering `mcus` MCUs side by side.
+struct FullMcus {
+    std::vector<uint8_t> pixels;
+    std::vector<int16_t> planes, blocksDirect, blocksPlanes;
+    JpgWriteConvertContext ctx{};
+    FullMcus(std::mt19937 &rng, uint32_t channels, uint32_t hmax, uint32_t vmax,
+             const std::vector<std::pair<int, int>> &factors) {
+        ctx.mcuWidth = 8 * hmax;
+        ctx.mcuHeight = 8 * vmax;
+        ctx.width = 3 * ctx.mcuWidth;
+        ctx.rows = ctx.mcuHeight;
+        ctx.bytesPerPixel = channels;
+        ctx.stride = static_cast<int32_t>(ctx.width * channels + 5);
+        pixels.resize(static_cast<size_t>(ctx.stride) * ctx.rows);
+        for (uint8_t &p : pixels)
+            p = static_cast<uint8_t>(rng() % 5 == 0 ? (rng() & 1) * 255 : rng());
+        size_t blocks = 0;
+        for (size_t c = 0; c < factors.size(); c++) {
+            ctx.factors[c][0] = factors[c].first;
+            ctx.factors[c][1] = factors[c].second;
+            blocks += static_cast<size_t>(factors[c].first * factors[c].second);
+        }
+        planes.assign(ctx.mcuWidth * ctx.mcuHeight * channels, 0);
+        blocksDirect.assign(blocks * 64, 0);
+        blocksPlanes.assign(blocks * 64, 0);
+        ctx.pixels = pixels.data();
+        ctx.planes = planes.data();
+    }
+};
+
+}  // namespace
+
+TEST(EncoderSimd, DirectYCbCrBlocksMatchPlanesAndDownSampling) {
+    std::mt19937 rng(7);
+    struct Sampling {
+        uint32_t hmax, vmax;
+        std::vector<std::pair<int, int>> factors;
+    };
+    for (const Sampling &s : {Sampling{1, 1, {{1, 1}, {1, 1}, {1, 1}}}, Sampling{2, 2, {{2, 2}, {1, 1}, {1, 1}}},
+                              Sampling{2, 1, {{2, 1}, {1, 1}, {1, 1}}}, Sampling{4, 1, {{4, 1}, {1, 1}, {1, 1}}},
+                              Sampling{2, 2, {{1, 2}, {2, 1}, {1, 1}}}}) {
+        FullMcus m(rng, 3, s.hmax, s.vmax, s.factors);
+        for (int32_t x = 0; x < static_cast<int32_t>(m.ctx.width); x += static_cast<int32_t>(m.ctx.mcuWidth)) {
+            m.ctx.blocks = m.blocksDirect.data();
+            ASSERT_EQ(jpgWriteRGB2YUVRect(&m.ctx, x, 0), JPG_STATUS_OK);
+            m.ctx.blocks = m.blocksPlanes.data();
+            ASSERT_EQ(GenericYUVConvert8bit(&m.ctx, x, 0, static_cast<int32_t>(m.ctx.mcuWidth),
+                                            static_cast<int32_t>(m.ctx.mcuHeight)),
+                      JPG_STATUS_OK);
+            ASSERT_EQ(GenericSubSamplingAndBlockDivision(&m.ctx), JPG_STATUS_OK);
+            ASSERT_EQ(m.blocksDirect, m.blocksPlanes) << "MCU at " << x;
+        }
+    }
+}
