@@ -84,19 +84,42 @@ inline void storePixel(const int16_t *const *src, int i, uint8_t *dst) {
     }
 }
 
+#if KIV_HAVE_SSE2_COLOR
+// Whole blocks of 8 columns go through the SSE2 writers; false when the
+// layout has none (two channels) and the caller writes pixel by pixel.
+template <int kChannels, Layout kLayout>
+inline bool storeWholeBlockSse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride,
+                                int rows) {
+    if constexpr (kLayout == Layout::YCbCr) {
+        storeBlockBgrSse2(src, dst, stride, rows);
+    } else if constexpr (kLayout == Layout::Reversed) {
+        const int16_t *reversed[3] = {src[2], src[1], src[0]};
+        storeBlockCopy3Sse2(reversed, dst, stride, rows);
+    } else if constexpr (kChannels == 1) {
+        storeBlockCopy1Sse2(src, dst, stride, rows);
+    } else if constexpr (kChannels == 3) {
+        storeBlockCopy3Sse2(src, dst, stride, rows);
+    } else if constexpr (kChannels == 4) {
+        storeBlockCopy4Sse2(src, dst, stride, rows);
+    } else {
+        return false;
+    }
+    return true;
+}
+#endif
+
 // Writes rows x cols pixels of one block position; sample rows keep the
 // block's stride of 8.
 template <int kChannels, Layout kLayout>
 void storeBlock(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int step, int rows,
                 int cols) {
+#if KIV_HAVE_SSE2_COLOR
+    if (cols == 8 && step == kChannels &&
+        storeWholeBlockSse2<kChannels, kLayout>(src, dst, stride, rows))
+        return;
+#endif
     for (int r = 0; r < rows; r++) {
         uint8_t *line = dst + r * stride;
-#if KIV_HAVE_SSE2_COLOR
-        if (kLayout == Layout::YCbCr && cols == 8 && step == 3) {
-            yccRowToBgrSse2(src[0] + 8 * r, src[1] + 8 * r, src[2] + 8 * r, line);
-            continue;
-        }
-#endif
         for (int c = 0; c < cols; c++)
             storePixel<kChannels, kLayout>(src, 8 * r + c, line + c * step);
     }

@@ -6,6 +6,7 @@
 // up, the right neighbour comes from the next MCU or repeats the last sample),
 // vertical doubling replicates rows. Scaled output replicates only.
 #include "core/codec.h"
+#include "read/upsampling_sse2.h"
 
 namespace kiv {
 namespace {
@@ -86,6 +87,16 @@ void expandBlock(const int16_t *src, const int16_t *next, int row0, int col0, in
 const int16_t *nextBlock(const McuWalk &walk, uint32_t b) {
     return walk.next != nullptr ? walk.next + kBlockSize * b : nullptr;
 }
+
+#if KIV_HAVE_SSE2_UPSAMPLING
+constexpr auto doubleBoth = doubleBothSse2;
+constexpr auto doubleAcross = doubleAcrossSse2;
+constexpr auto doubleDown = doubleDownSse2;
+#else
+constexpr auto doubleBoth = doubleBothPortable;
+constexpr auto doubleAcross = doubleAcrossPortable;
+constexpr auto doubleDown = doubleDownPortable;
+#endif
 
 // General case: any Hmax x Vmax; linear interpolation over rh = Hmax / h
 // columns, replication over rv = Vmax / v rows. Source coordinates are
@@ -191,6 +202,24 @@ void upsampleScaledFixed(JpgParam *param) {
 }
 
 }  // namespace
+
+void doubleBothPortable(const int16_t *in, const int16_t *next, int16_t *out) {
+    expandBlock<true, true>(in, next, 0, 0, out);
+    expandBlock<true, true>(in, next, 0, 4, out + kBlockSize);
+    expandBlock<true, true>(in, next, 4, 0, out + 2 * kBlockSize);
+    expandBlock<true, true>(in, next, 4, 4, out + 3 * kBlockSize);
+}
+
+void doubleAcrossPortable(const int16_t *in, const int16_t *next, int16_t *left, int16_t *right) {
+    expandBlock<true, false>(in, next, 0, 0, left);
+    expandBlock<true, false>(in, next, 0, 4, right);
+}
+
+void doubleDownPortable(const int16_t *in, int16_t *upper, int16_t *lower) {
+    expandBlock<false, true>(in, nullptr, 0, 0, upper);
+    expandBlock<false, true>(in, nullptr, 4, 0, lower);
+}
+
 }  // namespace kiv
 
 using kiv::McuWalk;
@@ -205,8 +234,7 @@ void jpgReadUpSamplingTo12(JpgParam *param) {
     kiv::forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
         if (h * v != 1)
             return kiv::pointAtSource(walk, 2);
-        kiv::expandBlock<false, true>(walk.in, nullptr, 0, 0, walk.out);
-        kiv::expandBlock<false, true>(walk.in, nullptr, 4, 0, walk.out + kiv::kBlockSize);
+        kiv::doubleDown(walk.in, walk.out, walk.out + kiv::kBlockSize);
         kiv::finishExpanded(walk, 2);
     });
 }
@@ -215,9 +243,7 @@ void jpgReadUpSamplingTo21(JpgParam *param) {
     kiv::forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
         if (h * v != 1)
             return kiv::pointAtSource(walk, 2);
-        const int16_t *next = kiv::nextBlock(walk, 0);
-        kiv::expandBlock<true, false>(walk.in, next, 0, 0, walk.out);
-        kiv::expandBlock<true, false>(walk.in, next, 0, 4, walk.out + kiv::kBlockSize);
+        kiv::doubleAcross(walk.in, kiv::nextBlock(walk, 0), walk.out, walk.out + kiv::kBlockSize);
         kiv::finishExpanded(walk, 2);
     });
 }
@@ -230,22 +256,13 @@ void jpgReadUpSamplingTo22(JpgParam *param) {
         if (h == 2 && v == 2)
             return kiv::pointAtSource(walk, 4);
         if (h == 1 && v == 1) {
-            const int16_t *next = kiv::nextBlock(walk, 0);
-            kiv::expandBlock<true, true>(in, next, 0, 0, out);
-            kiv::expandBlock<true, true>(in, next, 0, 4, out + kB);
-            kiv::expandBlock<true, true>(in, next, 4, 0, out + 2 * kB);
-            kiv::expandBlock<true, true>(in, next, 4, 4, out + 3 * kB);
+            kiv::doubleBoth(in, kiv::nextBlock(walk, 0), out);
         } else if (h == 1) {  // 0x12: two blocks one above the other
-            const int16_t *upper = kiv::nextBlock(walk, 0), *lower = kiv::nextBlock(walk, 1);
-            kiv::expandBlock<true, false>(in, upper, 0, 0, out);
-            kiv::expandBlock<true, false>(in, upper, 0, 4, out + kB);
-            kiv::expandBlock<true, false>(in + kB, lower, 0, 0, out + 2 * kB);
-            kiv::expandBlock<true, false>(in + kB, lower, 0, 4, out + 3 * kB);
+            kiv::doubleAcross(in, kiv::nextBlock(walk, 0), out, out + kB);
+            kiv::doubleAcross(in + kB, kiv::nextBlock(walk, 1), out + 2 * kB, out + 3 * kB);
         } else {  // 0x21: two blocks side by side
-            kiv::expandBlock<false, true>(in, nullptr, 0, 0, out);
-            kiv::expandBlock<false, true>(in + kB, nullptr, 0, 0, out + kB);
-            kiv::expandBlock<false, true>(in, nullptr, 4, 0, out + 2 * kB);
-            kiv::expandBlock<false, true>(in + kB, nullptr, 4, 0, out + 3 * kB);
+            kiv::doubleDown(in, out, out + 2 * kB);
+            kiv::doubleDown(in + kB, out + kB, out + 3 * kB);
         }
         kiv::finishExpanded(walk, 4);
     });
