@@ -29,26 +29,32 @@ struct Planes {
     __m128i first, second, third;  // 16 bytes each: channel 0, 1, 2
 };
 
-// B, G, R of eight pixels as unclamped 16-bit values.
-inline void ycc8(const int16_t *y, const int16_t *cb, const int16_t *cr, __m128i *out) {
+// The chroma part of B, G, R for eight pixels: (Y + first, Y + second,
+// Y + third) are the unclamped B, G, R.
+struct Chroma {
+    __m128i blue, green, red;
+};
+
+inline Chroma chroma8(const int16_t *cb, const int16_t *cr) {
     const __m128i centre = _mm_set1_epi16(128);
-    __m128i luma = lowBytes(y);
     __m128i db = _mm_sub_epi16(lowBytes(cb), centre), dr = _mm_sub_epi16(lowBytes(cr), centre);
     __m128i db2 = _mm_add_epi16(db, db), dr2 = _mm_add_epi16(dr, dr);
     // 116130 = 2 x 65536 - 14942; 91881 = 65536 + 26345; -46802 = -65536 + 18734.
-    out[0] = _mm_add_epi16(_mm_add_epi16(luma, db2), chromaTerm(db2, -14942));
-    out[1] = _mm_add_epi16(_mm_sub_epi16(luma, dr),
-                           _mm_add_epi16(chromaTerm(db2, -22554), chromaTerm(dr2, 18734)));
-    out[2] = _mm_add_epi16(_mm_add_epi16(luma, dr), chromaTerm(dr2, 26345));
+    return {_mm_add_epi16(db2, chromaTerm(db2, -14942)),
+            _mm_sub_epi16(_mm_add_epi16(chromaTerm(db2, -22554), chromaTerm(dr2, 18734)), dr),
+            _mm_add_epi16(dr, chromaTerm(dr2, 26345))};
 }
 
 // Sixteen pixels: samples [0..7] of src[c], then [second .. second + 7].
+// With kPairedChroma the chroma of the second half is that of the first.
+template <bool kPairedChroma>
 inline Planes yccPlanes(const int16_t *const *src, ptrdiff_t second) {
-    __m128i a[3], b[3];
-    ycc8(src[0], src[1], src[2], a);
-    ycc8(src[0] + second, src[1] + second, src[2] + second, b);
-    return {_mm_packus_epi16(a[0], b[0]), _mm_packus_epi16(a[1], b[1]),
-            _mm_packus_epi16(a[2], b[2])};
+    Chroma a = chroma8(src[1], src[2]);
+    Chroma b = kPairedChroma ? a : chroma8(src[1] + second, src[2] + second);
+    __m128i y0 = lowBytes(src[0]), y1 = lowBytes(src[0] + second);
+    return {_mm_packus_epi16(_mm_add_epi16(y0, a.blue), _mm_add_epi16(y1, b.blue)),
+            _mm_packus_epi16(_mm_add_epi16(y0, a.green), _mm_add_epi16(y1, b.green)),
+            _mm_packus_epi16(_mm_add_epi16(y0, a.red), _mm_add_epi16(y1, b.red))};
 }
 
 inline __m128i lowBytePlane(const int16_t *samples, ptrdiff_t second) {
@@ -99,13 +105,20 @@ inline void forRowPairs(uint8_t *dst, ptrdiff_t stride, int rows, Pair pair) {
 
 void yccRowToBgrSse2(const int16_t *y, const int16_t *cb, const int16_t *cr, uint8_t *dst) {
     const int16_t *src[3] = {y, cb, cr};
-    storeThree(yccPlanes(src, 0), dst, dst);
+    storeThree(yccPlanes<false>(src, 0), dst, dst);
 }
 
 void storeBlockBgrSse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows) {
     forRowPairs(dst, stride, rows, [src](int at, ptrdiff_t second, uint8_t *d0, uint8_t *d1) {
         const int16_t *row[3] = {src[0] + at, src[1] + at, src[2] + at};
-        storeThree(yccPlanes(row, second), d0, d1);
+        storeThree(yccPlanes<false>(row, second), d0, d1);
+    });
+}
+
+void storeBlockBgrPairedSse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows) {
+    forRowPairs(dst, stride, rows, [src](int at, ptrdiff_t second, uint8_t *d0, uint8_t *d1) {
+        const int16_t *row[3] = {src[0] + at, src[1] + at, src[2] + at};
+        storeThree(yccPlanes<true>(row, second), d0, d1);
     });
 }
 

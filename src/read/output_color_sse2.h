@@ -24,6 +24,9 @@ void yccRowToBgrSse2(const int16_t *y, const int16_t *cb, const int16_t *cr, uin
 // The low byte of each sample counts. BGR takes Y, Cb, Cr; the copies take
 // channel c from src[c].
 void storeBlockBgrSse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
+// As storeBlockBgrSse2 for chroma doubled vertically: rows 2k and 2k + 1 of
+// Cb and Cr are equal, and only the even ones are read.
+void storeBlockBgrPairedSse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
 void storeBlockCopy1Sse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
 void storeBlockCopy3Sse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
 void storeBlockCopy4Sse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);

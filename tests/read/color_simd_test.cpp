@@ -98,6 +98,22 @@ TEST(ColorSimd, WritersMatchPortableOnRandomAndExtremeSamples) {
     }
 }
 
+// Chroma doubled vertically: the paired writer reads only the even rows and
+// must give what the general writer gives.
+TEST(ColorSimd, PairedChromaWriterMatchesPortable) {
+    std::mt19937 random(5);
+    int16_t blocks[3][64];
+    const int16_t *src[3] = {blocks[0], blocks[1], blocks[2]};
+    for (int n = 0; n < 3000; n++) {
+        for (auto &block : blocks)
+            fillSamples(random, n % 3, block);
+        for (int c = 1; c < 3; c++)
+            for (int r = 0; r < 8; r += 2)
+                memcpy(blocks[c] + 8 * (r + 1), blocks[c] + 8 * r, 16);
+        checkWriter(kiv::storeBlockBgrPairedSse2, 3, true, src, "paired");
+    }
+}
+
 #endif
 
 #if KIV_HAVE_SSE2_UPSAMPLING
