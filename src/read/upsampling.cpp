@@ -227,7 +227,17 @@ using kiv::McuWalk;
 extern "C" {
 
 void jpgReadUpSamplingTo11(JpgParam *param) {
-    kiv::forEachComponent(param, [](McuWalk &walk, uint32_t, uint32_t) { kiv::pointAtSource(walk, 1); });
+    uint32_t count = param->numComponents > 4 ? 4 : param->numComponents;
+    bool plain = true;
+    for (uint32_t c = 0; c < count; c++)
+        plain = plain && param->components[c].sampling == 0x11;
+    if (!plain)
+        return kiv::forEachComponent(param, [](McuWalk &walk, uint32_t, uint32_t) {
+            kiv::pointAtSource(walk, 1);
+        });
+    // Every factor 1: one block per component, pointed at in place.
+    for (uint32_t c = 0; c < count; c++)
+        param->blockPointers[c * param->hv] = param->mcuBuffer + kiv::kBlockSize * c;
 }
 
 void jpgReadUpSamplingTo12(JpgParam *param) {
