@@ -61,29 +61,35 @@ inline __m128i lowBytePlane(const int16_t *samples, ptrdiff_t second) {
     return _mm_packus_epi16(lowBytes(samples), lowBytes(samples + second));
 }
 
-// Four pixels held as 0x00CCBBAA words become 12 bytes at the bottom of the
-// register (the rest zero): first within each 64-bit half, then across.
-inline __m128i packFour(__m128i pixels) {
-    __m128i half = _mm_or_si128(_mm_and_si128(pixels, _mm_set1_epi64x(0xFFFFFF)),
-                                _mm_and_si128(_mm_srli_epi64(pixels, 8),
-                                              _mm_set1_epi64x(0xFFFFFF000000)));
-    return _mm_or_si128(_mm_move_epi64(half),
-                        _mm_srli_si128(_mm_and_si128(half, _mm_set_epi64x(-1, 0)), 2));
+// Picks 16-bit lanes: positions 0, 3, 6 from a, 1, 4, 7 from b, 2, 5 from c.
+inline __m128i mergeThirds(__m128i a, __m128i b, __m128i c) {
+    const __m128i first = _mm_set_epi16(0, -1, 0, 0, -1, 0, 0, -1);
+    const __m128i second = _mm_set_epi16(-1, 0, 0, -1, 0, 0, -1, 0);
+    const __m128i third = _mm_set_epi16(0, 0, -1, 0, 0, -1, 0, 0);
+    return _mm_or_si128(_mm_or_si128(_mm_and_si128(a, first), _mm_and_si128(b, second)),
+                        _mm_and_si128(c, third));
 }
 
 // Writes 16 three-byte pixels: the first eight at dst0, the others at dst1.
+// For the pixel pair k the six output bytes are the words
+// w0[k] = (a, b) of pixel 2k, w1[k] = (c of 2k, a of 2k + 1) and
+// w2[k] = (b, c) of pixel 2k + 1; 32-bit shuffles spread the words of each
+// kind over the three output registers and masks merge them.
 inline void storeThree(const Planes &p, uint8_t *dst0, uint8_t *dst1) {
-    const __m128i zero = _mm_setzero_si128();
-    __m128i abLow = _mm_unpacklo_epi8(p.first, p.second);
-    __m128i abHigh = _mm_unpackhi_epi8(p.first, p.second);
-    __m128i cLow = _mm_unpacklo_epi8(p.third, zero), cHigh = _mm_unpackhi_epi8(p.third, zero);
-    __m128i q0 = packFour(_mm_unpacklo_epi16(abLow, cLow));
-    __m128i q1 = packFour(_mm_unpackhi_epi16(abLow, cLow));
-    __m128i q2 = packFour(_mm_unpacklo_epi16(abHigh, cHigh));
-    __m128i q3 = packFour(_mm_unpackhi_epi16(abHigh, cHigh));
-    __m128i out0 = _mm_or_si128(q0, _mm_slli_si128(q1, 12));
-    __m128i out1 = _mm_or_si128(_mm_srli_si128(q1, 4), _mm_slli_si128(q2, 8));
-    __m128i out2 = _mm_or_si128(_mm_srli_si128(q2, 8), _mm_slli_si128(q3, 4));
+    const __m128i low = _mm_set1_epi16(0xFF), high = _mm_set1_epi16(static_cast<int16_t>(0xFF00));
+    __m128i w0 = _mm_or_si128(_mm_and_si128(p.first, low), _mm_slli_epi16(p.second, 8));
+    __m128i w1 = _mm_or_si128(_mm_and_si128(p.third, low), _mm_and_si128(p.first, high));
+    __m128i w2 = _mm_or_si128(_mm_srli_epi16(p.second, 8), _mm_and_si128(p.third, high));
+    __m128i w1Up = _mm_slli_si128(w1, 2), w1Down = _mm_srli_si128(w1, 2);
+    __m128i out0 = mergeThirds(_mm_shuffle_epi32(w0, _MM_SHUFFLE(1, 1, 0, 0)),
+                               _mm_shuffle_epi32(w1Up, _MM_SHUFFLE(1, 1, 0, 0)),
+                               _mm_shuffle_epi32(w2, _MM_SHUFFLE(0, 0, 0, 0)));
+    __m128i out1 = mergeThirds(_mm_shuffle_epi32(w2, _MM_SHUFFLE(2, 2, 1, 1)),
+                               _mm_shuffle_epi32(w0, _MM_SHUFFLE(2, 2, 1, 1)),
+                               _mm_shuffle_epi32(w1Down, _MM_SHUFFLE(1, 1, 1, 1)));
+    __m128i out2 = mergeThirds(_mm_shuffle_epi32(w1Down, _MM_SHUFFLE(3, 3, 2, 2)),
+                               _mm_shuffle_epi32(w2, _MM_SHUFFLE(3, 3, 2, 2)),
+                               _mm_shuffle_epi32(w0, _MM_SHUFFLE(3, 3, 3, 3)));
     _mm_storeu_si128(reinterpret_cast<__m128i *>(dst0), out0);
     _mm_storel_epi64(reinterpret_cast<__m128i *>(dst0 + 16), out1);
     _mm_storel_epi64(reinterpret_cast<__m128i *>(dst1), _mm_srli_si128(out1, 8));
