@@ -150,6 +150,32 @@ private:
     uint32_t h_, inW_, inH_, hmax_, rh_, rv_, outW_, outH_;
 };
 
+// The usual colour layout: component 0 at the frame's factors (kBlocks
+// blocks), two more at 1x1, each expanded by expand(in, next, out) into
+// kBlocks blocks. The same table and buffer use as forEachComponent; false
+// (nothing done) for any other layout.
+template <uint8_t kFull, uint32_t kBlocks, typename Expand>
+bool upsampleLumaChroma(JpgParam *param, Expand expand) {
+    if (param->numComponents != 3 || param->components[0].sampling != kFull ||
+        param->components[1].sampling != 0x11 || param->components[2].sampling != 0x11)
+        return false;
+    const uint32_t hv = param->hv;
+    const int16_t *in = param->mcuBuffer;
+    const int16_t *next = param->dec.mcuNext;
+    int16_t **table = param->blockPointers;
+    int16_t *out = param->dec.upsampleBuffer;
+    for (uint32_t b = 0; b < kBlocks; b++)
+        table[b] = const_cast<int16_t *>(in + kBlockSize * b);
+    for (uint32_t c = 1; c < 3; c++) {
+        uint32_t at = kBlockSize * (kBlocks + c - 1);
+        expand(in + at, next != nullptr ? next + at : nullptr, out);
+        for (uint32_t b = 0; b < kBlocks; b++)
+            table[c * hv + b] = out + kBlockSize * b;
+        out += kBlockSize * kBlocks;
+    }
+    return true;
+}
+
 void finishExpanded(McuWalk &walk, uint32_t blocks) {
     for (uint32_t b = 0; b < blocks; b++)
         walk.table[b] = walk.out + kBlockSize * b;
@@ -250,6 +276,11 @@ void jpgReadUpSamplingTo12(JpgParam *param) {
 }
 
 void jpgReadUpSamplingTo21(JpgParam *param) {
+    auto across = [](const int16_t *in, const int16_t *next, int16_t *out) {
+        kiv::doubleAcross(in, next, out, out + kiv::kBlockSize);
+    };
+    if (kiv::upsampleLumaChroma<0x21, 2>(param, across))
+        return;
     kiv::forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
         if (h * v != 1)
             return kiv::pointAtSource(walk, 2);
@@ -259,6 +290,8 @@ void jpgReadUpSamplingTo21(JpgParam *param) {
 }
 
 void jpgReadUpSamplingTo22(JpgParam *param) {
+    if (kiv::upsampleLumaChroma<0x22, 4>(param, kiv::doubleBoth))
+        return;
     kiv::forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
         constexpr int kB = kiv::kBlockSize;
         const int16_t *in = walk.in;
