@@ -147,6 +147,24 @@ void convertMcu(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
     const uint32_t *const blockMap = param->blockMap;
     int16_t *const *const pointers = param->blockPointers;
     uint8_t *rowBase = rect->pixels + static_cast<ptrdiff_t>(x) * step;
+#if KIV_HAVE_SSE2_COLOR
+    // A whole MCU inside the rectangle: every block through the SSE2 writer.
+    constexpr bool kWriter = kLayout != Layout::Copy || kChannels != 2;
+    if (kWriter && !kScaled && step == kChannels && width >= 8 * static_cast<int64_t>(hmax) &&
+        rect->height >= 8 * static_cast<int64_t>(vmax)) {
+        const uint32_t *map = blockMap;
+        for (uint32_t by = 0; by < vmax; by++, rowBase += 8 * stride) {
+            uint8_t *dst = rowBase;
+            for (uint32_t bx = 0; bx < hmax; bx++, map += 4, dst += 8 * kChannels) {
+                const int16_t *src[kChannels];
+                for (int c = 0; c < kChannels; c++)
+                    src[c] = pointers[map[c]];
+                storeWholeBlockSse2<kChannels, kLayout, kPaired>(src, dst, stride, 8);
+            }
+        }
+        return;
+    }
+#endif
     int32_t rowsLeft = rect->height;
     for (uint32_t by = 0; by < vmax && rowsLeft > 0; by++) {
         int rows = rowsLeft < n ? rowsLeft : n;
