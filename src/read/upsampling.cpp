@@ -156,8 +156,9 @@ private:
 // (nothing done) for any other layout.
 template <uint8_t kFull, uint32_t kBlocks, typename Expand>
 bool upsampleLumaChroma(JpgParam *param, Expand expand) {
-    if (param->numComponents != 3 || param->components[0].sampling != kFull ||
-        param->components[1].sampling != 0x11 || param->components[2].sampling != 0x11)
+    if (param->numComponents != 3 || param->hmax != (kFull >> 4u) || param->vmax != (kFull & 15u) ||
+        param->components[0].sampling != kFull || param->components[1].sampling != 0x11 ||
+        param->components[2].sampling != 0x11)
         return false;
     const uint32_t hv = param->hv;
     const int16_t *in = param->mcuBuffer;
@@ -254,7 +255,7 @@ extern "C" {
 
 void jpgReadUpSamplingTo11(JpgParam *param) {
     uint32_t count = param->numComponents > 4 ? 4 : param->numComponents;
-    bool plain = true;
+    bool plain = param->hmax >= 1 && param->vmax >= 1;
     for (uint32_t c = 0; c < count; c++)
         plain = plain && param->components[c].sampling == 0x11;
     if (!plain)
