@@ -4,6 +4,7 @@
 // ahead so that upsampling can look at the right-hand neighbour; between
 // calls the current MCU buffer is always the lower half of its allocation.
 #include "read/front_end.h"
+#include "read/output_color.h"
 
 namespace {
 
@@ -68,6 +69,7 @@ JpgStatus jpgReadDecodeMcuRow(JpgParam *param, ComplibRect *rect, uint32_t count
     JpgStatus status = param->routines.mcu(param);
     if (status != JPG_STATUS_OK)
         return status;
+    const JpgReadColorConvertFunc convert = kiv::mcuRowConverter(param);
     int64_t w = param->mcuWidth;
     int64_t span = static_cast<int64_t>(count) * w;
     int64_t remaining = (rect->width < span ? rect->width : span) - w;
@@ -85,14 +87,14 @@ JpgStatus jpgReadDecodeMcuRow(JpgParam *param, ComplibRect *rect, uint32_t count
         }
         swapBuffers(param);
         param->routines.upsample(param);
-        param->routines.convert(param, rect, x, static_cast<int32_t>(w));
+        convert(param, rect, x, static_cast<int32_t>(w));
         remaining -= w;
         x += static_cast<int32_t>(w);
     }
     swapBuffers(param);
     param->dec.mcuNext = nullptr;  // no right-hand neighbour
     param->routines.upsample(param);
-    param->routines.convert(param, rect, x, static_cast<int32_t>(remaining + w));
+    convert(param, rect, x, static_cast<int32_t>(remaining + w));
     restoreBufferOrder(param, low, high);
     return status;
 }

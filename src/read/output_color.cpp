@@ -6,6 +6,7 @@
 // or reorder. One template per layout serves full-size and scaled blocks.
 #include "core/codec.h"
 #include "core/tables.h"
+#include "read/output_color.h"
 #include "read/output_color_sse2.h"
 
 namespace kiv {
@@ -84,46 +85,97 @@ inline void storePixel(const int16_t *const *src, int i, uint8_t *dst) {
     }
 }
 
-// Writes rows x cols pixels of one block position; sample rows keep the
-// block's stride of 8.
+#if KIV_HAVE_SSE2_COLOR
+// Whole blocks of 8 columns go through the SSE2 writers; false when the
+// layout has none (two channels) and the caller writes pixel by pixel.
+template <int kChannels, Layout kLayout, bool kPaired>
+inline bool storeWholeBlockSse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride,
+                                int rows) {
+    if constexpr (kLayout == Layout::YCbCr && kPaired) {
+        storeBlockBgrPairedSse2(src, dst, stride, rows);
+    } else if constexpr (kLayout == Layout::YCbCr) {
+        storeBlockBgrSse2(src, dst, stride, rows);
+    } else if constexpr (kLayout == Layout::Reversed) {
+        const int16_t *reversed[3] = {src[2], src[1], src[0]};
+        storeBlockCopy3Sse2(reversed, dst, stride, rows);
+    } else if constexpr (kChannels == 1) {
+        storeBlockCopy1Sse2(src, dst, stride, rows);
+    } else if constexpr (kChannels == 3) {
+        storeBlockCopy3Sse2(src, dst, stride, rows);
+    } else if constexpr (kChannels == 4) {
+        storeBlockCopy4Sse2(src, dst, stride, rows);
+    } else {
+        return false;
+    }
+    return true;
+}
+#endif
+
+// Writes rows x cols pixels of one block position pixel by pixel; sample
+// rows keep the block's stride of 8.
 template <int kChannels, Layout kLayout>
-void storeBlock(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int step, int rows,
-                int cols) {
+[[gnu::noinline]] void storePixels(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride,
+                                   int step, int rows, int cols) {
     for (int r = 0; r < rows; r++) {
         uint8_t *line = dst + r * stride;
-#if KIV_HAVE_SSE2_COLOR
-        if (kLayout == Layout::YCbCr && cols == 8 && step == 3) {
-            yccRowToBgrSse2(src[0] + 8 * r, src[1] + 8 * r, src[2] + 8 * r, line);
-            continue;
-        }
-#endif
         for (int c = 0; c < cols; c++)
             storePixel<kChannels, kLayout>(src, 8 * r + c, line + c * step);
     }
 }
 
+template <int kChannels, Layout kLayout, bool kPaired>
+inline void storeBlock(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int step,
+                       int rows, int cols) {
+#if KIV_HAVE_SSE2_COLOR
+    if (cols == 8 && step == kChannels &&
+        storeWholeBlockSse2<kChannels, kLayout, kPaired>(src, dst, stride, rows))
+        return;
+#endif
+    storePixels<kChannels, kLayout>(src, dst, stride, step, rows, cols);
+}
+
 // Walks the MCU's block rows and columns (blocks of 8 samples a side, or
 // 1 << scale level for scaled output), clipping against the rectangle's
-// height and the given width.
-template <int kChannels, Layout kLayout, bool kScaled>
+// height and the given width. kPaired: chroma rows come in equal pairs.
+template <int kChannels, Layout kLayout, bool kScaled, bool kPaired = false>
 void convertMcu(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
     int32_t level = param->scaleLevel < 0 ? 0 : param->scaleLevel > 3 ? 3 : param->scaleLevel;
     const int n = kScaled ? 1 << level : 8;
     const int step = rect->channels;
     const ptrdiff_t stride = rect->stride;
-    const uint32_t hmax = param->hmax;
+    const uint32_t hmax = param->hmax, vmax = param->vmax;
+    const uint32_t *const blockMap = param->blockMap;
+    int16_t *const *const pointers = param->blockPointers;
     uint8_t *rowBase = rect->pixels + static_cast<ptrdiff_t>(x) * step;
+#if KIV_HAVE_SSE2_COLOR
+    // A whole MCU inside the rectangle: every block through the SSE2 writer.
+    constexpr bool kWriter = kLayout != Layout::Copy || kChannels != 2;
+    if (kWriter && !kScaled && step == kChannels && width >= 8 * static_cast<int64_t>(hmax) &&
+        rect->height >= 8 * static_cast<int64_t>(vmax)) {
+        const uint32_t *map = blockMap;
+        for (uint32_t by = 0; by < vmax; by++, rowBase += 8 * stride) {
+            uint8_t *dst = rowBase;
+            for (uint32_t bx = 0; bx < hmax; bx++, map += 4, dst += 8 * kChannels) {
+                const int16_t *src[kChannels];
+                for (int c = 0; c < kChannels; c++)
+                    src[c] = pointers[map[c]];
+                storeWholeBlockSse2<kChannels, kLayout, kPaired>(src, dst, stride, 8);
+            }
+        }
+        return;
+    }
+#endif
     int32_t rowsLeft = rect->height;
-    for (uint32_t by = 0; by < param->vmax && rowsLeft > 0; by++) {
+    for (uint32_t by = 0; by < vmax && rowsLeft > 0; by++) {
         int rows = rowsLeft < n ? rowsLeft : n;
         int32_t colsLeft = width;
         uint8_t *dst = rowBase;
-        for (uint32_t bx = 0; bx < hmax && colsLeft > 0; bx++) {
-            const uint32_t *map = param->blockMap + 4 * (by * hmax + bx);
+        const uint32_t *map = blockMap + 4 * by * hmax;
+        for (uint32_t bx = 0; bx < hmax && colsLeft > 0; bx++, map += 4) {
             const int16_t *src[kChannels];
             for (int c = 0; c < kChannels; c++)
-                src[c] = param->blockPointers[map[c]];
-            storeBlock<kChannels, kLayout>(src, dst, stride, step, rows, colsLeft < n ? colsLeft : n);
+                src[c] = pointers[map[c]];
+            storeBlock<kChannels, kLayout, kPaired>(src, dst, stride, step, rows, colsLeft < n ? colsLeft : n);
             dst += n * step;
             colsLeft -= n;
         }
@@ -132,7 +184,29 @@ void convertMcu(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
     }
 }
 
+// YCbCr whose chroma was doubled vertically by the upsampler.
+void convertPairedChroma(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
+    convertMcu<3, Layout::YCbCr, false, true>(param, rect, x, width);
+}
+
 }  // namespace
+
+// jpgReadUpSamplingTo22 and To12 double a component of vertical factor 1
+// by repeating rows (or fill it with one value), so with Vmax = 2 the
+// chroma rows of every converted block come in equal pairs.
+JpgReadColorConvertFunc mcuRowConverter(const JpgParam *param) {
+    JpgReadColorConvertFunc stored = param->routines.convert;
+    if (!KIV_HAVE_SSE2_COLOR || stored != jpgReadYUV2Rect || param->vmax != 2 ||
+        param->numComponents != 3 ||
+        (param->routines.upsample != jpgReadUpSamplingTo22 &&
+         param->routines.upsample != jpgReadUpSamplingTo12))
+        return stored;
+    for (uint32_t c = 1; c < 3; c++)
+        if ((param->components[c].sampling & 15) != 1)
+            return stored;
+    return convertPairedChroma;
+}
+
 }  // namespace kiv
 
 using kiv::Layout;

@@ -1,7 +1,10 @@
-// The SSE2 YCbCr-to-BGR row of x86-64 (output_color_sse2.cpp): eight pixels
-// at once, bit-identical to the table converter of output_color.cpp.
+// The SSE2 block writers of x86-64 (output_color_sse2.cpp): whole 8-column
+// blocks of an upsampled MCU written as BGR, grey, three- or four-channel
+// pixels, two rows of sixteen pixels at a time, bit-identical to the table
+// and copy converters of output_color.cpp.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #if defined(__x86_64__) && defined(__SSE2__)
@@ -15,5 +18,17 @@ namespace kiv {
 // Converts samples y[0..7], cb[0..7], cr[0..7] (low 8 bits used) into 24
 // bytes B, G, R at dst.
 void yccRowToBgrSse2(const int16_t *y, const int16_t *cb, const int16_t *cr, uint8_t *dst);
+
+// Block writers: src holds one 64-sample block per channel (rows of 8
+// samples); rows (1..8) rows of 8 pixels go to dst, dst + stride, ...
+// The low byte of each sample counts. BGR takes Y, Cb, Cr; the copies take
+// channel c from src[c].
+void storeBlockBgrSse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
+// As storeBlockBgrSse2 for chroma doubled vertically: rows 2k and 2k + 1 of
+// Cb and Cr are equal, and only the even ones are read.
+void storeBlockBgrPairedSse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
+void storeBlockCopy1Sse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
+void storeBlockCopy3Sse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
+void storeBlockCopy4Sse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
 
 }  // namespace kiv

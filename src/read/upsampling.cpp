@@ -6,6 +6,7 @@
 // up, the right neighbour comes from the next MCU or repeats the last sample),
 // vertical doubling replicates rows. Scaled output replicates only.
 #include "core/codec.h"
+#include "read/upsampling_sse2.h"
 
 namespace kiv {
 namespace {
@@ -87,6 +88,16 @@ const int16_t *nextBlock(const McuWalk &walk, uint32_t b) {
     return walk.next != nullptr ? walk.next + kBlockSize * b : nullptr;
 }
 
+#if KIV_HAVE_SSE2_UPSAMPLING
+constexpr auto doubleBoth = doubleBothSse2;
+constexpr auto doubleAcross = doubleAcrossSse2;
+constexpr auto doubleDown = doubleDownSse2;
+#else
+constexpr auto doubleBoth = doubleBothPortable;
+constexpr auto doubleAcross = doubleAcrossPortable;
+constexpr auto doubleDown = doubleDownPortable;
+#endif
+
 // General case: any Hmax x Vmax; linear interpolation over rh = Hmax / h
 // columns, replication over rv = Vmax / v rows. Source coordinates are
 // clamped to the component, so factors that do not divide the maximum stay
@@ -138,6 +149,33 @@ private:
     const McuWalk &walk_;
     uint32_t h_, inW_, inH_, hmax_, rh_, rv_, outW_, outH_;
 };
+
+// The usual colour layout: component 0 at the frame's factors (kBlocks
+// blocks), two more at 1x1, each expanded by expand(in, next, out) into
+// kBlocks blocks. The same table and buffer use as forEachComponent; false
+// (nothing done) for any other layout.
+template <uint8_t kFull, uint32_t kBlocks, typename Expand>
+bool upsampleLumaChroma(JpgParam *param, Expand expand) {
+    if (param->numComponents != 3 || param->hmax != (kFull >> 4u) || param->vmax != (kFull & 15u) ||
+        param->components[0].sampling != kFull || param->components[1].sampling != 0x11 ||
+        param->components[2].sampling != 0x11)
+        return false;
+    const uint32_t hv = param->hv;
+    const int16_t *in = param->mcuBuffer;
+    const int16_t *next = param->dec.mcuNext;
+    int16_t **table = param->blockPointers;
+    int16_t *out = param->dec.upsampleBuffer;
+    for (uint32_t b = 0; b < kBlocks; b++)
+        table[b] = const_cast<int16_t *>(in + kBlockSize * b);
+    for (uint32_t c = 1; c < 3; c++) {
+        uint32_t at = kBlockSize * (kBlocks + c - 1);
+        expand(in + at, next != nullptr ? next + at : nullptr, out);
+        for (uint32_t b = 0; b < kBlocks; b++)
+            table[c * hv + b] = out + kBlockSize * b;
+        out += kBlockSize * kBlocks;
+    }
+    return true;
+}
 
 void finishExpanded(McuWalk &walk, uint32_t blocks) {
     for (uint32_t b = 0; b < blocks; b++)
@@ -191,6 +229,24 @@ void upsampleScaledFixed(JpgParam *param) {
 }
 
 }  // namespace
+
+void doubleBothPortable(const int16_t *in, const int16_t *next, int16_t *out) {
+    expandBlock<true, true>(in, next, 0, 0, out);
+    expandBlock<true, true>(in, next, 0, 4, out + kBlockSize);
+    expandBlock<true, true>(in, next, 4, 0, out + 2 * kBlockSize);
+    expandBlock<true, true>(in, next, 4, 4, out + 3 * kBlockSize);
+}
+
+void doubleAcrossPortable(const int16_t *in, const int16_t *next, int16_t *left, int16_t *right) {
+    expandBlock<true, false>(in, next, 0, 0, left);
+    expandBlock<true, false>(in, next, 0, 4, right);
+}
+
+void doubleDownPortable(const int16_t *in, int16_t *upper, int16_t *lower) {
+    expandBlock<false, true>(in, nullptr, 0, 0, upper);
+    expandBlock<false, true>(in, nullptr, 4, 0, lower);
+}
+
 }  // namespace kiv
 
 using kiv::McuWalk;
@@ -198,31 +254,45 @@ using kiv::McuWalk;
 extern "C" {
 
 void jpgReadUpSamplingTo11(JpgParam *param) {
-    kiv::forEachComponent(param, [](McuWalk &walk, uint32_t, uint32_t) { kiv::pointAtSource(walk, 1); });
+    uint32_t count = param->numComponents > 4 ? 4 : param->numComponents;
+    bool plain = param->hmax >= 1 && param->vmax >= 1;
+    for (uint32_t c = 0; c < count; c++)
+        plain = plain && param->components[c].sampling == 0x11;
+    if (!plain)
+        return kiv::forEachComponent(param, [](McuWalk &walk, uint32_t, uint32_t) {
+            kiv::pointAtSource(walk, 1);
+        });
+    // Every factor 1: one block per component, pointed at in place.
+    for (uint32_t c = 0; c < count; c++)
+        param->blockPointers[c * param->hv] = param->mcuBuffer + kiv::kBlockSize * c;
 }
 
 void jpgReadUpSamplingTo12(JpgParam *param) {
     kiv::forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
         if (h * v != 1)
             return kiv::pointAtSource(walk, 2);
-        kiv::expandBlock<false, true>(walk.in, nullptr, 0, 0, walk.out);
-        kiv::expandBlock<false, true>(walk.in, nullptr, 4, 0, walk.out + kiv::kBlockSize);
+        kiv::doubleDown(walk.in, walk.out, walk.out + kiv::kBlockSize);
         kiv::finishExpanded(walk, 2);
     });
 }
 
 void jpgReadUpSamplingTo21(JpgParam *param) {
+    auto across = [](const int16_t *in, const int16_t *next, int16_t *out) {
+        kiv::doubleAcross(in, next, out, out + kiv::kBlockSize);
+    };
+    if (kiv::upsampleLumaChroma<0x21, 2>(param, across))
+        return;
     kiv::forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
         if (h * v != 1)
             return kiv::pointAtSource(walk, 2);
-        const int16_t *next = kiv::nextBlock(walk, 0);
-        kiv::expandBlock<true, false>(walk.in, next, 0, 0, walk.out);
-        kiv::expandBlock<true, false>(walk.in, next, 0, 4, walk.out + kiv::kBlockSize);
+        kiv::doubleAcross(walk.in, kiv::nextBlock(walk, 0), walk.out, walk.out + kiv::kBlockSize);
         kiv::finishExpanded(walk, 2);
     });
 }
 
 void jpgReadUpSamplingTo22(JpgParam *param) {
+    if (kiv::upsampleLumaChroma<0x22, 4>(param, kiv::doubleBoth))
+        return;
     kiv::forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
         constexpr int kB = kiv::kBlockSize;
         const int16_t *in = walk.in;
@@ -230,22 +300,13 @@ void jpgReadUpSamplingTo22(JpgParam *param) {
         if (h == 2 && v == 2)
             return kiv::pointAtSource(walk, 4);
         if (h == 1 && v == 1) {
-            const int16_t *next = kiv::nextBlock(walk, 0);
-            kiv::expandBlock<true, true>(in, next, 0, 0, out);
-            kiv::expandBlock<true, true>(in, next, 0, 4, out + kB);
-            kiv::expandBlock<true, true>(in, next, 4, 0, out + 2 * kB);
-            kiv::expandBlock<true, true>(in, next, 4, 4, out + 3 * kB);
+            kiv::doubleBoth(in, kiv::nextBlock(walk, 0), out);
         } else if (h == 1) {  // 0x12: two blocks one above the other
-            const int16_t *upper = kiv::nextBlock(walk, 0), *lower = kiv::nextBlock(walk, 1);
-            kiv::expandBlock<true, false>(in, upper, 0, 0, out);
-            kiv::expandBlock<true, false>(in, upper, 0, 4, out + kB);
-            kiv::expandBlock<true, false>(in + kB, lower, 0, 0, out + 2 * kB);
-            kiv::expandBlock<true, false>(in + kB, lower, 0, 4, out + 3 * kB);
+            kiv::doubleAcross(in, kiv::nextBlock(walk, 0), out, out + kB);
+            kiv::doubleAcross(in + kB, kiv::nextBlock(walk, 1), out + 2 * kB, out + 3 * kB);
         } else {  // 0x21: two blocks side by side
-            kiv::expandBlock<false, true>(in, nullptr, 0, 0, out);
-            kiv::expandBlock<false, true>(in + kB, nullptr, 0, 0, out + kB);
-            kiv::expandBlock<false, true>(in, nullptr, 4, 0, out + 2 * kB);
-            kiv::expandBlock<false, true>(in + kB, nullptr, 4, 0, out + 3 * kB);
+            kiv::doubleDown(in, out, out + 2 * kB);
+            kiv::doubleDown(in + kB, out + kB, out + 3 * kB);
         }
         kiv::finishExpanded(walk, 4);
     });
