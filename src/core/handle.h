@@ -133,6 +133,7 @@ struct JpgDecodeState {
     int16_t *upsampleBuffer;   // 4 x Hmax x Vmax blocks
     int16_t *coefBase;         // progressive coefficient memory
     int16_t *coefCursor;
+    uint8_t *rowsCleared;      // progressive: per MCU row, non-zero once its coefficients are cleared
     uint32_t scanBlockOffset;  // block offset of the scan's first component in an MCU
     uint8_t scanComponents[4]; // frame index of each scan component, in scan order
 };

@@ -4,8 +4,9 @@
 // the stored coefficients into pixel rows on request through the inverse
 // DCT, upsampler and colour converter of the sequential pipeline.
 // Invariants: every block a scan or the output touches lies inside the
-// coefficient memory, and between calls the current MCU buffer is the lower
-// of the two MCU buffer addresses.
+// coefficient memory; an MCU row whose flag is clear holds only zero
+// coefficients, whatever its memory contains (see decodeBlock); and between
+// calls the current MCU buffer is the lower of the two MCU buffer addresses.
 #include <string.h>
 
 #include "core/tables.h"
@@ -23,7 +24,8 @@ uint32_t samplingBlocks(uint8_t sampling) { return (sampling >> 4) * (sampling &
 
 // The frame geometry that scans and output index the coefficient memory by.
 bool geometryUsable(const JpgParam *param) {
-    if (param->mcuBuffer == nullptr || param->dec.mcuNext == nullptr || param->dec.coefBase == nullptr)
+    if (param->mcuBuffer == nullptr || param->dec.mcuNext == nullptr || param->dec.coefBase == nullptr ||
+        param->dec.rowsCleared == nullptr)
         return false;
     if (param->numComponents < 1 || param->numComponents > 4 || param->mcuWidth == 0 ||
         param->mcuHeight == 0 || param->mcusPerRow == 0 || param->mcuRows == 0 ||
@@ -43,6 +45,50 @@ size_t coefficientsPerMcu(const JpgParam *param) { return static_cast<size_t>(pa
 
 int16_t *mcuCoefficients(const JpgParam *param, size_t mcu) {
     return param->dec.coefBase + mcu * coefficientsPerMcu(param);
+}
+
+// The coefficient memory is cleared lazily, one MCU row at a time, so that
+// a short stream declaring a huge frame touches only the rows its scans
+// store something into. A row is cleared when the first non-zero
+// coefficient is stored into it; until then it reads as all zeros.
+void clearRow(JpgParam *param, uint32_t row) {
+    const size_t perRow = static_cast<size_t>(param->mcusPerRow) * coefficientsPerMcu(param);
+    memset(param->dec.coefBase + row * perRow, 0, perRow * sizeof(int16_t));
+    param->dec.rowsCleared[row] = 1;
+}
+
+// Every row reads as zeros again (a decode from the first scan).
+void forgetRows(JpgParam *param) { memset(param->dec.rowsCleared, 0, param->mcuRows); }
+
+bool blockIsZero(const int16_t *block) {
+    int16_t any = 0;
+    for (size_t n = 0; n < kBlock; n++)
+        any |= block[n];
+    return any == 0;
+}
+
+// A scan's stand-in for the blocks of rows not yet cleared: all zeros
+// between calls, as those blocks read.
+struct EmptyBlock {
+    int16_t values[kBlock] = {};
+};
+
+// Runs the scan's routine on one block of MCU row `row`. In a row not yet
+// cleared the routine works on the empty stand-in instead, which holds what
+// the stored block reads as; only a result with a non-zero coefficient
+// clears the row and is stored, whatever status the routine returned (the
+// values stored so far stay, as with a block of a cleared row).
+JpgStatus decodeBlock(JpgParam *param, JpgCoefficientFunc routine, uint32_t row, int16_t *block,
+                      JpgComponent *comp, EmptyBlock *empty) {
+    if (param->dec.rowsCleared[row] != 0)
+        return routine(param, block, comp);
+    JpgStatus status = routine(param, empty->values, comp);
+    if (!blockIsZero(empty->values)) {
+        clearRow(param, row);
+        memcpy(block, empty->values, sizeof empty->values);
+        memset(empty->values, 0, sizeof empty->values);
+    }
+    return status;
 }
 
 int findFrameComponent(const JpgParam *param, uint8_t id) {
@@ -93,12 +139,13 @@ JpgStatus decodeInterleaved(JpgParam *param, JpgCoefficientFunc routine) {
         return JPG_STATUS_BAD_DATA;
     const uint32_t ns = param->scanNs;
     const uint32_t total = param->totalMcus;
-    for (uint32_t mcu = 0; mcu < total; mcu++) {
+    EmptyBlock empty;
+    for (uint32_t mcu = 0, row = 0, column = 0; mcu < total; mcu++) {
         int16_t *base = mcuCoefficients(param, mcu);
         for (uint32_t i = 0; i < ns; i++) {
             int16_t *block = base + offsets[i] * kBlock;
             for (uint32_t b = 0; b < blocks[i]; b++, block += kBlock) {
-                JpgStatus status = routine(param, block, &param->components[i]);
+                JpgStatus status = decodeBlock(param, routine, row, block, &param->components[i], &empty);
                 if (status != JPG_STATUS_OK)
                     return status;
             }
@@ -106,6 +153,10 @@ JpgStatus decodeInterleaved(JpgParam *param, JpgCoefficientFunc routine) {
         param->mcuAddress++;
         if (param->restartInterval != 0 && param->mcuAddress == param->restartInterval && mcu + 1 < total)
             jpgReadEpilogEntropyCodedSegment(param);
+        if (++column == param->mcusPerRow) {
+            column = 0;
+            row++;
+        }
     }
     return JPG_STATUS_OK;
 }
@@ -125,11 +176,12 @@ JpgStatus decodeSingleComponent(JpgParam *param, JpgCoefficientFunc routine) {
     const uint64_t high = ((static_cast<uint64_t>(param->height) * v + param->vmax - 1) / param->vmax + 7) / 8;
     if (wide > static_cast<uint64_t>(param->mcusPerRow) * h || high > static_cast<uint64_t>(param->mcuRows) * v)
         return JPG_STATUS_BAD_DATA;
+    EmptyBlock empty;
     for (uint32_t by = 0; by < high; by++) {
         for (uint32_t bx = 0; bx < wide; bx++) {
             size_t mcu = static_cast<size_t>(by / v) * param->mcusPerRow + bx / h;
             int16_t *block = mcuCoefficients(param, mcu) + (offset + (by % v) * h + bx % h) * kBlock;
-            JpgStatus status = routine(param, block, &param->components[0]);
+            JpgStatus status = decodeBlock(param, routine, by / v, block, &param->components[0], &empty);
             if (status != JPG_STATUS_OK)
                 return status;
         }
@@ -153,14 +205,14 @@ JpgStatus decodeScan(JpgParam *param) {
 }
 
 // Decodes the current scan and then, unless one scan per call was asked
-// for, every following scan up to EOI. A decode from the start clears the
+// for, every following scan up to EOI. A decode from the start empties the
 // coefficient memory first, so that a scan out of order reads defined values.
 JpgStatus decodeScans(JpgParam *param, bool oneScan, bool fromStart) {
     param->processedLines = 0;
     if (param->currentMarker == kMarkerEoi)
         return JPG_STATUS_ERROR;
     if (fromStart)
-        memset(param->dec.coefBase, 0, static_cast<size_t>(param->totalMcus) * coefficientsPerMcu(param) * sizeof(int16_t));
+        forgetRows(param);
     for (;;) {
         JpgStatus status = decodeScan(param);
         if (status != JPG_STATUS_OK)
@@ -267,13 +319,17 @@ JpgStatus outputRows(JpgParam *param, const ComplibRect *rect, uint32_t rows) {
 // MCU routine 0x302: dequantizes the MCU at the coefficient cursor into the
 // current MCU buffer (natural-order coefficient n times the quantization
 // value at zig-zag index n, kept as 16 bits), runs the inverse DCT on every
-// block and moves the cursor to the next MCU.
+// block and moves the cursor to the next MCU. An MCU of a row never cleared
+// is all zeros and is not read.
 JpgStatus readProgressiveMCU(JpgParam *param) {
     const int16_t *source = param->dec.coefCursor;
     const size_t perMcu = coefficientsPerMcu(param);
-    if (source == nullptr || param->dec.coefBase == nullptr || source < param->dec.coefBase ||
-        static_cast<size_t>(source - param->dec.coefBase) / perMcu >= param->totalMcus || perMcu == 0)
+    if (source == nullptr || param->dec.coefBase == nullptr || param->dec.rowsCleared == nullptr ||
+        source < param->dec.coefBase || perMcu == 0 || param->mcusPerRow == 0 ||
+        static_cast<size_t>(source - param->dec.coefBase) / perMcu >= param->totalMcus)
         return JPG_STATUS_BAD_DATA;
+    const size_t mcu = static_cast<size_t>(source - param->dec.coefBase) / perMcu;
+    const bool stored = param->dec.rowsCleared[mcu / param->mcusPerRow] != 0;
     int16_t *target = param->mcuBuffer;
     JpgStatus status = JPG_STATUS_OK;
     uint32_t blocks = 0;
@@ -283,8 +339,12 @@ JpgStatus readProgressiveMCU(JpgParam *param) {
         if (quant == nullptr || blocks + count > param->blocksPerMcu)
             return JPG_STATUS_BAD_DATA;
         for (uint32_t b = 0; b < count; b++, blocks++, source += kBlock, target += kBlock) {
-            for (int n = 0; n < 64; n++)
-                target[n] = static_cast<int16_t>(static_cast<uint32_t>(source[n]) * quant[kNaturalToZigzag[n]]);
+            if (stored) {
+                for (int n = 0; n < 64; n++)
+                    target[n] = static_cast<int16_t>(static_cast<uint32_t>(source[n]) * quant[kNaturalToZigzag[n]]);
+            } else {
+                memset(target, 0, kBlock * sizeof(int16_t));
+            }
             status = jpgReadInverseDCT(target);
         }
     }

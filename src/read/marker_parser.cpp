@@ -241,6 +241,7 @@ void releaseBuffers(JpgParam *param) {
     release(param->losslessLine);
     param->dec.mcuNext = param->dec.upsampleBuffer = nullptr;
     param->dec.coefBase = param->dec.coefCursor = nullptr;
+    param->dec.rowsCleared = nullptr;
 }
 
 // The previous-row buffer of lossless frames: width x sum of H x 2 bytes.
@@ -255,7 +256,10 @@ JpgStatus allocateLosslessLine(JpgParam *param) {
 
 // One block of N x 128 bytes: current MCU, next MCU, upsampling buffer
 // (4 x Hmax x Vmax blocks) and, for progressive frames, the coefficient
-// memory; then the block pointer table and the block map.
+// memory followed by one flag byte per MCU row; then the block pointer
+// table and the block map. The coefficient memory is left untouched here:
+// the progressive driver clears a row when a scan first stores into it,
+// so a huge declared frame costs address space, not pages.
 JpgStatus allocateBlockBuffers(JpgParam *param) {
     for (uint32_t c = 0; c < param->numComponents; c++) {
         if (param->components[c].quantSelector > 3)
@@ -265,13 +269,19 @@ JpgStatus allocateBlockBuffers(JpgParam *param) {
     uint64_t perMcu = param->blocksPerMcu, hv = param->hv;
     bool progressive = param->frameMarker == 0xFFC2;
     uint64_t blocks = 2 * perMcu + 4 * hv + (progressive ? perMcu * param->totalMcus : perMcu);
-    param->mcuBuffer = static_cast<int16_t *>(allocate(param, blocks * kBlockBytes));
+    uint64_t rowFlags = progressive ? param->mcuRows : 0;
+    param->mcuBuffer = static_cast<int16_t *>(allocate(param, blocks * kBlockBytes + rowFlags));
     if (param->mcuBuffer == nullptr)
         return JPG_STATUS_NO_MEMORY;
     param->dec.mcuNext = param->mcuBuffer + perMcu * 64;
     param->dec.upsampleBuffer = param->dec.mcuNext + perMcu * 64;
     param->dec.coefBase = progressive ? param->dec.upsampleBuffer + 4 * hv * 64 : nullptr;
     param->dec.coefCursor = param->dec.coefBase;
+    param->dec.rowsCleared = nullptr;
+    if (progressive) {
+        param->dec.rowsCleared = reinterpret_cast<uint8_t *>(param->mcuBuffer) + blocks * kBlockBytes;
+        memset(param->dec.rowsCleared, 0, static_cast<size_t>(rowFlags));
+    }
     param->blockPointers = static_cast<int16_t **>(allocate(param, 4 * hv * sizeof(int16_t *)));
     param->blockMap = static_cast<uint32_t *>(allocate(param, 4 * hv * sizeof(uint32_t)));
     if (param->blockPointers == nullptr || param->blockMap == nullptr)

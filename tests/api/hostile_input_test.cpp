@@ -14,6 +14,9 @@
 #include <string>
 #include <vector>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include "hostile_decode.h"
 #include "hostile_encode.h"
 #include "jpeg_builder.h"
@@ -405,6 +408,105 @@ TEST(HostileInputStatus, DecompressionBombsEndQuickly) {
     }
 }
 
+// Peak resident memory of this process in KiB (VmHWM), 0 where unknown.
+long PeakResidentKiB() {
+    FILE *status = std::fopen("/proc/self/status", "r");
+    if (status == nullptr)
+        return 0;
+    char line[256];
+    long kib = 0;
+    while (std::fgets(line, sizeof line, status) != nullptr)
+        if (std::sscanf(line, "VmHWM: %ld kB", &kib) == 1)
+            break;
+    std::fclose(status);
+    return kib;
+}
+
+// AddressSanitizer keeps one shadow byte per eight bytes of every
+// allocation and writes it when the allocation is made: that much of a
+// reservation becomes resident whatever the library does.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr long kShadowDivisor = 8;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr long kShadowDivisor = 8;
+#else
+constexpr long kShadowDivisor = 0;
+#endif
+#else
+constexpr long kShadowDivisor = 0;
+#endif
+
+// A progressive stream of a few hundred bytes declaring a frame of 2 GiB
+// and more of coefficients: the library may reserve that address space, but
+// the pages it touches must follow the data, not the declared size. Each
+// decode runs in a child process so that its peak resident size is its own;
+// the child reports the growth (KiB) through its pipe.
+TEST(HostileInputStatus, ProgressiveBombsTouchLittleMemory) {
+    struct Bomb {
+        const char *what;
+        Bytes stream;
+        uint32_t flags;
+        long coefficientMiB;  // the coefficient memory the frame declares
+    };
+    const Bomb bombs[] = {
+        {"grey 32760 x 32760, DC scan cut short", kivtest::ProgressiveBomb(32760, 32760, 300, 1, 1), 0,
+         2047},
+        {"4:2:0 30000 x 30000, DC scan cut short", kivtest::ProgressiveColourBomb(30000, 30000, 300), 0,
+         2575},
+        {"4:2:0 30000 x 30000, incremental", kivtest::ProgressiveColourBomb(30000, 30000, 300),
+         JPG_PROGRESSIVE_INCREMENTAL, 2575},
+    };
+    for (const Bomb &bomb : bombs) {
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            long report[3] = {-1, 0, 0};  // status, KiB grown, milliseconds
+            long before = PeakResidentKiB();
+            auto start = std::chrono::steady_clock::now();
+            JpgParam *param = nullptr;
+            JpgStatus status = jpgReadPrologFromMemory(bomb.stream.data(),
+                                                       int32_t(bomb.stream.size()), 0, &param);
+            if (status == JPG_STATUS_OK) {
+                // The caller asks for the first 16 rows only.
+                std::vector<uint8_t> pixels(size_t(30000) * 3 * 16);
+                ComplibRect rect{};
+                rect.width = 30000;
+                rect.height = 16;
+                rect.channels = 3;
+                rect.sampleBits = 8;
+                rect.pixelBits = 24;
+                rect.stride = 30000 * 3;
+                rect.pixels = pixels.data();
+                rect.allocSize = uint32_t(pixels.size());
+                status = jpgReadProgressiveToRect(param, &rect, 16, bomb.flags);
+                jpgReadEpilog(param);
+            }
+            report[0] = long(status);
+            report[1] = PeakResidentKiB() - before;
+            report[2] = long(std::chrono::duration<double, std::milli>(
+                                 std::chrono::steady_clock::now() - start).count());
+            _exit(write(fds[1], report, sizeof report) == sizeof report ? 0 : 1);
+        }
+        close(fds[1]);
+        long report[3] = {};
+        bool reported = read(fds[0], report, sizeof report) == sizeof report;
+        close(fds[0]);
+        int exit = 0;
+        waitpid(child, &exit, 0);
+        ASSERT_TRUE(reported) << bomb.what << ": the child died";
+        JpgStatus status = JpgStatus(report[0]);
+        EXPECT_TRUE(IsLibraryStatus(status)) << bomb.what;
+        // Where the address space is too small (32-bit) the prolog says so.
+        if (status == JPG_STATUS_NO_MEMORY)
+            continue;
+        const long shadowKiB = kShadowDivisor == 0 ? 0 : bomb.coefficientMiB * 1024 / kShadowDivisor;
+        EXPECT_LT(report[1], 64 * 1024 + shadowKiB) << bomb.what << ": KiB of resident memory grown";
+        EXPECT_LT(report[2], 10000) << bomb.what << ": milliseconds";
+    }
+}
 
 // Inputs that fuzzing once found to crash, hang, leak or misdecode, under
 // tests/regressions/{decode,encode}/, each in its fuzz target's format (plan

@@ -29,6 +29,7 @@ struct DecodePlan {
     uint8_t extra = 0;    // seek counts, scale level, split point
     uint64_t pixelCap = uint64_t(1) << 22;  // larger frames are opened but not decoded
     int maxCalls = 4096;  // bound on output calls, so a lying height cannot spin
+    bool hashPixels = true;  // false: no pixel hash, output rectangles left unfilled (fuzzing)
     std::string tempDir = "/tmp";
 };
 
@@ -60,13 +61,15 @@ struct OwnedRect {
     ComplibRect rect{};
     uint8_t *memory = nullptr;
 
-    OwnedRect(uint32_t width, uint32_t height, uint32_t channels, uint32_t bytesPerSample) {
+    OwnedRect(uint32_t width, uint32_t height, uint32_t channels, uint32_t bytesPerSample,
+              bool fill = true) {
         if (width == 0) width = 1;
         if (height == 0) height = 1;
         if (channels == 0) channels = 1;
         size_t stride = size_t(width) * channels * bytesPerSample;
         memory = static_cast<uint8_t *>(std::malloc(stride * height));
-        std::memset(memory, 0xA5, stride * height);
+        if (fill)
+            std::memset(memory, 0xA5, stride * height);
         rect.width = int32_t(width);
         rect.height = int32_t(height);
         rect.stride = int32_t(stride);
@@ -81,11 +84,17 @@ struct OwnedRect {
     OwnedRect &operator=(const OwnedRect &) = delete;
 
     void HashInto(uint64_t *hash) const {
+        if (hash == nullptr)
+            return;
         size_t n = size_t(rect.stride) * size_t(rect.height);
         for (size_t i = 0; i < n; i++)
             *hash = (*hash ^ memory[i]) * 1099511628211ull;
     }
 };
+
+inline uint64_t *HashOf(const DecodePlan &plan, DecodeOutcome *out) {
+    return plan.hashPixels ? &out->hash : nullptr;
+}
 
 inline uint32_t LinesPerCall(const DecodePlan &plan, uint32_t height) {
     return plan.batch == 0 ? (height == 0 ? 64 : height) : plan.batch;
@@ -99,11 +108,11 @@ inline void LineBatches(JpgParam *param, const DecodePlan &plan, uint32_t level,
         uint32_t lines = LinesPerCall(plan, h);
         if (h != 0 && lines > h - done)
             lines = h - done;
-        OwnedRect dst(w, lines, channels, 1);
+        OwnedRect dst(w, lines, channels, 1, plan.hashPixels);
         out->last = level == 3 ? jpgReadToRect(param, &dst.rect, lines)
                                : jpgReadScaleOutputToRect(param, &dst.rect, lines, level);
         out->calls++;
-        dst.HashInto(&out->hash);
+        dst.HashInto(HashOf(plan, out));
         if (out->last != JPG_STATUS_OK)
             return;
         done += lines;
@@ -124,7 +133,7 @@ inline void McuBatches(JpgParam *param, const DecodePlan &plan, uint32_t level, 
     uint32_t step = plan.batch % 5 + 1;
     for (uint32_t row = 0; row < rows && out->calls < plan.maxCalls; row++) {
         uint32_t lines = h - row * sh < sh ? h - row * sh : sh;
-        OwnedRect dst(w, lines, channels, 1);
+        OwnedRect dst(w, lines, channels, 1, plan.hashPixels);
         for (uint32_t x = 0; x < perRow && out->calls < plan.maxCalls; x += step) {
             uint32_t n = perRow - x < step ? perRow - x : step;
             ComplibRect part = dst.rect;
@@ -134,11 +143,11 @@ inline void McuBatches(JpgParam *param, const DecodePlan &plan, uint32_t level, 
                                    : jpgReadScaleOutputMcuToRect(param, &part, n, level);
             out->calls++;
             if (out->last != JPG_STATUS_OK) {
-                dst.HashInto(&out->hash);
+                dst.HashInto(HashOf(plan, out));
                 return;
             }
         }
-        dst.HashInto(&out->hash);
+        dst.HashInto(HashOf(plan, out));
     }
 }
 
@@ -152,11 +161,11 @@ inline void Progressive(JpgParam *param, const DecodePlan &plan, uint32_t w, uin
             uint32_t lines = LinesPerCall(plan, h);
             if (lines > h - done)
                 lines = h - done;
-            OwnedRect dst(w, lines, channels, 1);
+            OwnedRect dst(w, lines, channels, 1, plan.hashPixels);
             out->last = jpgReadProgressiveToRect(param, &dst.rect, lines,
                                                  incremental ? JPG_PROGRESSIVE_INCREMENTAL : 0);
             out->calls++;
-            dst.HashInto(&out->hash);
+            dst.HashInto(HashOf(plan, out));
             if (out->last != JPG_STATUS_OK)
                 return;
             done += lines;
@@ -185,10 +194,10 @@ inline void Lossless(JpgParam *param, const DecodePlan &plan, uint32_t w, uint32
         uint32_t rows = LinesPerCall(plan, h);
         if (h != 0 && rows > h - done)
             rows = h - done;
-        OwnedRect dst(w, rows, channels, bytes);
+        OwnedRect dst(w, rows, channels, bytes, plan.hashPixels);
         out->last = jpgReadSpatialToRect(param, &dst.rect, rows);
         out->calls++;
-        dst.HashInto(&out->hash);
+        dst.HashInto(HashOf(plan, out));
         if (out->last != JPG_STATUS_OK)
             return;
         done += rows;
