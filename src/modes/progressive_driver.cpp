@@ -11,6 +11,7 @@
 
 #include "core/tables.h"
 #include "modes/progressive.h"
+#include "read/output_color.h"
 
 namespace kiv {
 namespace {
@@ -235,7 +236,7 @@ void convertMcu(JpgParam *param, ComplibRect *strip, int32_t x) {
     if (width > static_cast<int32_t>(param->mcuWidth))
         width = static_cast<int32_t>(param->mcuWidth);
     if (width > 0)  // an MCU right of the rectangle writes nothing
-        param->routines.convert(param, strip, x, width);
+        kiv::mcuRowConverter(param)(param, strip, x, width);
 }
 
 // Reconstructs MCU number index of the image into the buffer given; false

@@ -287,11 +287,13 @@ JpgStatus jpgReadInitializeDecVLCTable(JpgParam *param) {
         if (t.symbolIndex == nullptr)
             return JPG_STATUS_NO_MEMORY;
         memset(t.symbolIndex, 0xFF, 1u << longest);
+        uint32_t size = 1u << longest;
         for (uint32_t c = 0; t.codes != nullptr && c < t.numCodes; c++) {
             uint32_t spread = longest - t.codes[c].length;
             uint32_t start = (t.codes[c].code << spread) & 0xFFFF;
-            for (uint32_t j = 0; j < (1u << spread) && start + j < (1u << longest); j++)
-                t.symbolIndex[start + j] = static_cast<uint8_t>(c);
+            if (start < size)  // every prefix of the code names symbol c
+                memset(t.symbolIndex + start, static_cast<int>(c),
+                       size - start < (1u << spread) ? size - start : 1u << spread);
         }
     }
     return JPG_STATUS_OK;
