@@ -23,10 +23,10 @@ constexpr uint32_t kC5 = 2276, kC6 = 1567, kC7 = 799;
 constexpr int32_t sra(uint32_t v, int s) { return static_cast<int32_t>(v) >> s; }
 
 // One 8-point transform of x[0..7]; y receives 4096 times the sums of A.3.3
-// (without the factor 1/2), modulo 2^32. With kInputs == 4, x[4..7] are zero
-// and not read, and their products drop out at compile time.
+// (without the factor 1/2) plus the rounding bias, modulo 2^32. With
+// kInputs == 4, x[4..7] are zero and not read, and their products drop out.
 template <int kInputs>
-inline void transform8(const uint32_t *x, uint32_t *y) {
+inline void transform8(const uint32_t *x, uint32_t bias, uint32_t *y) {
     auto in = [x](int i) { return i < kInputs ? x[i] : 0u; };
     uint32_t a = kC1 * in(1) + kC7 * in(7), b = kC7 * in(1) - kC1 * in(7);
     uint32_t c = kC5 * in(5) + kC3 * in(3), d = kC3 * in(5) - kC5 * in(3);
@@ -35,7 +35,7 @@ inline void transform8(const uint32_t *x, uint32_t *y) {
     uint32_t o1 = kC4 * static_cast<uint32_t>(sra(p + q + 2048, 12));
     uint32_t o2 = kC4 * static_cast<uint32_t>(sra(p - q + 2048, 12));
 
-    uint32_t e0 = kC4 * (in(0) + in(4)), e1 = kC4 * (in(0) - in(4));
+    uint32_t e0 = kC4 * (in(0) + in(4)) + bias, e1 = kC4 * (in(0) - in(4)) + bias;
     uint32_t f = kC2 * in(2) + kC6 * in(6), g = kC6 * in(2) - kC2 * in(6);
     uint32_t E0 = e0 + f, E3 = e0 - f, E1 = e1 + g, E2 = e1 - g;
     y[0] = E0 + o0;
@@ -67,9 +67,9 @@ inline void columnPass(const int16_t *block, uint32_t *work) {
             continue;
         }
         uint32_t y[8];
-        transform8<kRows>(x, y);
+        transform8<kRows>(x, 256, y);
         for (int i = 0; i < 8; i++)
-            work[8 * i + c] = static_cast<uint32_t>(sra(y[i] + 256, 9));
+            work[8 * i + c] = static_cast<uint32_t>(sra(y[i], 9));
     }
 }
 
@@ -78,9 +78,9 @@ template <int kCols>
 inline void rowPass(const uint32_t *work, int16_t *block) {
     for (int r = 0; r < 8; r++) {
         uint32_t y[8];
-        transform8<kCols>(work + 8 * r, y);
+        transform8<kCols>(work + 8 * r, 0x10000, y);
         for (int i = 0; i < 8; i++)
-            block[8 * r + i] = static_cast<int16_t>(PixClipTable[sra(y[i] + 0x10000, 17) & 0x3FF]);
+            block[8 * r + i] = static_cast<int16_t>(PixClipTable[sra(y[i], 17) & 0x3FF]);
     }
 }
 
@@ -113,8 +113,9 @@ void inverseDctPortable(int16_t *block) {
     }
     if ((topLeft | topRight | bottomLeft | bottomRight) == 0) {
         uint32_t pair = static_cast<uint32_t>(dcOnlySample(block[0])) * 0x10001u;
-        for (int i = 0; i < 64; i += 2)
-            memcpy(block + i, &pair, sizeof pair);
+        for (int r = 0; r < 64; r += 8)
+            for (int i = 0; i < 8; i += 2)
+                memcpy(block + r + i, &pair, sizeof pair);
         return;
     }
     bool bottomZero = (bottomLeft | bottomRight) == 0, rightZero = (topRight | bottomRight) == 0;
