@@ -3,7 +3,7 @@
 // arithmetic, columns then rows). Products are _mm_madd_epi16 on 16-bit
 // inputs, exact modulo 2^32; row-pass inputs that do not fit 16 bits take an
 // exact 32-bit path. Blocks whose coefficients all lie in the top rows or left
-// columns skip the zero inputs. Bit-identical to the portable code for EVERY
+// columns skip the zero inputs. Bit-identical to the portable code for every
 // input; the 32-bit target uses the portable code only.
 #include "read/inverse_dct_sse2.h"
 
@@ -12,6 +12,7 @@
 #include <emmintrin.h>
 
 #include "read/inverse_dct.h"
+#include "read/sse2_products.h"
 
 namespace kiv {
 namespace {
@@ -22,22 +23,6 @@ constexpr int kC5 = 2276, kC6 = 1567, kC7 = 799;
 
 // Row-pass rounding (2^16 before the shift by 17) and column-pass rounding.
 constexpr int kRowBias = 0x10000, kColumnBias = 256;
-
-// u * a + v * b in each 32-bit lane of uv = (u, v) interleaved 16-bit pairs;
-// exact modulo 2^32 for every 16-bit u, v (a and b fit 16 bits signed).
-inline __m128i madd(__m128i uv, int a, int b) {
-    uint32_t pair = (static_cast<uint32_t>(a) & 0xFFFF) | static_cast<uint32_t>(b) << 16;
-    return _mm_madd_epi16(uv, _mm_set1_epi32(static_cast<int>(pair)));
-}
-
-// Low 32 bits of v times c (0 < c < 2^15) for any 32-bit v: the low half's
-// full product plus the high half's product shifted up.
-inline __m128i mulConst(__m128i v, int c) {
-    __m128i k = _mm_set1_epi16(static_cast<int16_t>(c));
-    __m128i low = _mm_mullo_epi16(v, k);
-    __m128i high = _mm_mulhi_epu16(v, k);
-    return _mm_add_epi32(low, _mm_slli_epi32(high, 16));
-}
 
 inline __m128i add(__m128i a, __m128i b) { return _mm_add_epi32(a, b); }
 inline __m128i sub(__m128i a, __m128i b) { return _mm_sub_epi32(a, b); }

@@ -6,11 +6,7 @@
 // There is no one-MCU lookahead: scaled upsampling only replicates.
 #include "core/codec.h"
 #include "read/scaled_transforms.h"
-
-#include "read/inverse_dct_sse2.h"
-#if KIV_HAVE_SSE2_IDCT
-#include <emmintrin.h>
-#endif
+#include "read/sse2_products.h"
 
 namespace kiv {
 namespace {
@@ -85,19 +81,6 @@ void reduceTo4x4Portable(int16_t *block) {
 
 #if KIV_HAVE_SSE2_IDCT
 namespace {
-
-// u * a + v * b in each 32-bit lane of the interleaved 16-bit pairs uv.
-inline __m128i madd(__m128i uv, int a, int b) {
-    uint32_t pair = (static_cast<uint32_t>(a) & 0xFFFF) | static_cast<uint32_t>(b) << 16;
-    return _mm_madd_epi16(uv, _mm_set1_epi32(static_cast<int>(pair)));
-}
-
-// Low 32 bits of v times c (0 < c < 2^16) for any 32-bit v.
-inline __m128i mulConst(__m128i v, int c) {
-    __m128i k = _mm_set1_epi16(static_cast<int16_t>(c));
-    __m128i low = _mm_mullo_epi16(v, k);
-    return _mm_add_epi32(low, _mm_slli_epi32(_mm_mulhi_epu16(v, k), 16));
-}
 
 // The four outputs of butterfly4 from e0, e1 (bias included), o0 and o1.
 inline void outputs4(__m128i e0, __m128i e1, __m128i o0, __m128i o1, __m128i *y) {
