@@ -4,6 +4,8 @@
 // points) turns into the top-left 1x1, 2x2 or 4x4 corner of the 64-slot block
 // (row stride 8); scaled upsampling and conversion then fill the rectangle.
 // There is no one-MCU lookahead: scaled upsampling only replicates.
+#include <string.h>
+
 #include "core/codec.h"
 #include "read/scaled_transforms.h"
 #include "read/sse2_products.h"
@@ -43,19 +45,28 @@ void reduceTo2x2(int16_t *block) {
     block[9] = clipSample((b - d + 4) >> 3);
 }
 
+// Two coefficients at once (any byte order: only zero tests follow).
+inline uint32_t pairAt(const int16_t *p) {
+    uint32_t v;
+    memcpy(&v, p, sizeof v);
+    return v;
+}
+
 // Level 2 with only the DC: the flat value (F00 + 4) >> 3 (the column pass
 // gives F00 back exactly, the row pass (F00 << 12 + 16384) >> 15).
 inline bool onlyDcIn4x4(const int16_t *block) {
-    int16_t ac = block[1] | block[2] | block[3];
-    for (int r = 1; r < 4; r++)
-        ac |= block[8 * r] | block[8 * r + 1] | block[8 * r + 2] | block[8 * r + 3];
+    uint32_t ac = static_cast<uint16_t>(block[1]) | pairAt(block + 2);
+    for (int r = 8; r < 32; r += 8)
+        ac |= pairAt(block + r) | pairAt(block + r + 2);
     return ac == 0;
 }
 
 inline void fill4x4(int16_t *block, int16_t sample) {
-    for (int r = 0; r < 4; r++)
-        for (int c = 0; c < 4; c++)
-            block[8 * r + c] = sample;
+    uint32_t pair = static_cast<uint16_t>(sample) * 0x10001u;
+    for (int r = 0; r < 32; r += 8) {
+        memcpy(block + r, &pair, sizeof pair);
+        memcpy(block + r + 2, &pair, sizeof pair);
+    }
 }
 
 // Level 2: 4-point transform of rows and columns 0-3 (32-bit register arithmetic).
