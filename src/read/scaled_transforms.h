@@ -12,4 +12,9 @@ void reduceTo1x1(int16_t *block);  // (F00 + 4) >> 3
 void reduceTo2x2(int16_t *block);  // 2-point transforms of F00, F01, F10, F11
 void reduceTo4x4(int16_t *block);  // 4-point transforms of rows and columns 0-3
 
+// The two implementations reduceTo4x4 chooses from (SSE2 on x86-64 only);
+// both give the same bits for every input.
+void reduceTo4x4Portable(int16_t *block);
+void reduceTo4x4Sse2(int16_t *block);
+
 }  // namespace kiv
