@@ -125,6 +125,11 @@ JpgStatus jpgReadToRect(JpgParam *param, ComplibRect *rect, uint32_t lines) {
             row.height = static_cast<int32_t>(left > 0 ? left : 0);
         if (left > 0)
             row.pixels += static_cast<int64_t>(rect->stride) * mcuHeight;
+        // Without a frame height (DNL) the strip keeps a whole MCU row, but
+        // never reaches below the caller's rectangle.
+        int64_t room = rect->height - (todo - left);
+        if (row.height > room)
+            row.height = static_cast<int32_t>(room > 0 ? room : 0);
     }
     param->processedLines += static_cast<uint32_t>(todo);
     return status;

@@ -339,6 +339,8 @@ JpgStatus jpgReadScaleOutputToRect(JpgParam *param, ComplibRect *rect, uint32_t 
     if (left < 1)
         return JPG_STATUS_UNEXPECTED_END;
     int64_t remaining = lines < left ? lines : left;
+    if (remaining > rect->height)  // never write below the rectangle
+        remaining = rect->height > 0 ? rect->height : 0;
     // A rectangle narrower than the image still consumes whole MCU rows, so
     // that the next row starts at its first MCU.
     int64_t rowPixels = static_cast<int64_t>(mcus) * w;

@@ -356,3 +356,54 @@ TEST(DecodeDriver, EpilogAndNullHandles) {
 }
 
 }  // namespace
+
+namespace {
+
+// Rectangles followed by guard bytes that no decode may touch.
+struct GuardedRect {
+    std::vector<uint8_t> bytes;
+    ComplibRect rect{};
+    GuardedRect(int width, int height, int channels) : bytes(size_t(width) * height * channels + 4096, 0xA5) {
+        rect.width = width;
+        rect.height = height;
+        rect.channels = channels;
+        rect.stride = width * channels;
+        rect.pixelBits = 8 * channels;
+        rect.sampleBits = 8;
+        rect.pixels = bytes.data();
+        rect.allocSize = static_cast<uint32_t>(bytes.size() - 4096);
+    }
+    bool guardIntact() const {
+        return std::all_of(bytes.end() - 4096, bytes.end(), [](uint8_t b) { return b == 0xA5; });
+    }
+};
+
+TEST(DecodeDriverBounds, BatchesNeverWriteBelowTheRectangle) {
+    // Without a frame height (DNL) every MCU row is whole; a 21-line batch (one MCU row and five lines)
+    // must still stop at the rectangle's last row.
+    std::vector<uint8_t> data = readFile(corpus("samples/testorig.jpg"));
+    for (size_t i = 0; i + 9 < data.size(); i++)
+        if (data[i] == 0xFF && data[i + 1] == 0xC0) {
+            data[i + 5] = 0;
+            data[i + 6] = 0;
+            break;
+        }
+    ReadHandle dnl(data);
+    ASSERT_EQ(dnl.status, JPG_STATUS_OK);
+    ASSERT_EQ(dnl.p->height, 0u);
+    for (int call = 0; call < 3; call++) {
+        GuardedRect out(static_cast<int>(dnl.p->width), 21, 3);
+        jpgReadToRect(dnl.p, &out.rect, 21);
+        EXPECT_TRUE(out.guardIntact()) << "call " << call;
+    }
+    // More lines asked for than the rectangle holds, at every scale.
+    for (uint32_t level : {0u, 1u, 2u, 3u}) {
+        ReadHandle h(readFile(corpus("samples/testorig.jpg")));
+        ASSERT_EQ(h.status, JPG_STATUS_OK);
+        GuardedRect out(static_cast<int>(h.p->width), 3, 3);
+        jpgReadScaleOutputToRect(h.p, &out.rect, 100, level);
+        EXPECT_TRUE(out.guardIntact()) << "level " << level;
+    }
+}
+
+}  // namespace
