@@ -11,6 +11,8 @@
 
 #include <emmintrin.h>
 
+#include "core/sse2_transpose.h"
+
 #include "read/inverse_dct.h"
 #include "read/sse2_products.h"
 
@@ -113,41 +115,6 @@ inline bool packedExactly(const __m128i *p) {
     return _mm_movemask_epi8(limit) == 0;
 }
 
-// Transposes the packed column-pass values: t[i] holds column i, lane r
-// row r. With kCols == 4 only t[0..3] are produced.
-template <int kCols>
-inline void transposePacked(const __m128i *p, __m128i *t) {
-    if constexpr (kCols == 4) {
-        __m128i a[4];
-        a[0] = _mm_unpacklo_epi16(p[0], p[1]);
-        a[1] = _mm_unpackhi_epi16(p[0], p[1]);
-        a[2] = _mm_unpacklo_epi16(p[2], p[3]);
-        a[3] = _mm_unpackhi_epi16(p[2], p[3]);
-        __m128i b0 = _mm_unpacklo_epi16(a[0], a[1]), b1 = _mm_unpackhi_epi16(a[0], a[1]);
-        __m128i b2 = _mm_unpacklo_epi16(a[2], a[3]), b3 = _mm_unpackhi_epi16(a[2], a[3]);
-        t[0] = _mm_unpacklo_epi64(b0, b2);
-        t[1] = _mm_unpackhi_epi64(b0, b2);
-        t[2] = _mm_unpacklo_epi64(b1, b3);
-        t[3] = _mm_unpackhi_epi64(b1, b3);
-    } else {
-        __m128i a[8], b[8];
-        for (int j = 0; j < 4; j++) {
-            a[2 * j] = _mm_unpacklo_epi16(p[2 * j], p[2 * j + 1]);
-            a[2 * j + 1] = _mm_unpackhi_epi16(p[2 * j], p[2 * j + 1]);
-        }
-        for (int j = 0; j < 2; j++) {  // rows 4j .. 4j + 3
-            b[4 * j] = _mm_unpacklo_epi32(a[4 * j], a[4 * j + 2]);
-            b[4 * j + 1] = _mm_unpackhi_epi32(a[4 * j], a[4 * j + 2]);
-            b[4 * j + 2] = _mm_unpacklo_epi32(a[4 * j + 1], a[4 * j + 3]);
-            b[4 * j + 3] = _mm_unpackhi_epi32(a[4 * j + 1], a[4 * j + 3]);
-        }
-        for (int j = 0; j < 4; j++) {
-            t[2 * j] = _mm_unpacklo_epi64(b[j], b[4 + j]);
-            t[2 * j + 1] = _mm_unpackhi_epi64(b[j], b[4 + j]);
-        }
-    }
-}
-
 // A row-pass value (bias included) to the signed low ten bits of y >> 17,
 // the index PixClipTable reads.
 inline __m128i clipIndex(__m128i y) { return _mm_srai_epi32(_mm_slli_epi32(y, 5), 22); }
@@ -246,7 +213,7 @@ __attribute__((noinline)) void inverseShape(int16_t *block) {
         rowPassWide(w, block);
         return;
     }
-    transposePacked<kCols>(p, t);
+    transposeWords<kCols>(p, t);
     transform8<kCols, 0>(t, kRowBias, s[0]);
     transform8<kCols, 1>(t, kRowBias, s[1]);
     for (int h = 0; h < 2; h++)

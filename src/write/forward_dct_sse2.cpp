@@ -10,6 +10,8 @@
 #if KIV_HAVE_SSE2_FDCT
 #include <emmintrin.h>
 
+#include "core/sse2_transpose.h"
+
 namespace {
 
 // Eight 32-bit lanes.
@@ -95,25 +97,6 @@ void rowPass(__m128i *x) {
     x[5] = roundNarrow<16384, 15>(madd<3218, 4816>(ends) + madd<-3218, -4816>(rounded));  // k2 - 1598 h
 }
 
-inline __attribute__((always_inline)) void transpose8x8(__m128i *m) {
-    __m128i a0 = _mm_unpacklo_epi16(m[0], m[1]), a1 = _mm_unpackhi_epi16(m[0], m[1]);
-    __m128i a2 = _mm_unpacklo_epi16(m[2], m[3]), a3 = _mm_unpackhi_epi16(m[2], m[3]);
-    __m128i a4 = _mm_unpacklo_epi16(m[4], m[5]), a5 = _mm_unpackhi_epi16(m[4], m[5]);
-    __m128i a6 = _mm_unpacklo_epi16(m[6], m[7]), a7 = _mm_unpackhi_epi16(m[6], m[7]);
-    __m128i b0 = _mm_unpacklo_epi32(a0, a2), b1 = _mm_unpackhi_epi32(a0, a2);
-    __m128i b2 = _mm_unpacklo_epi32(a1, a3), b3 = _mm_unpackhi_epi32(a1, a3);
-    __m128i b4 = _mm_unpacklo_epi32(a4, a6), b5 = _mm_unpackhi_epi32(a4, a6);
-    __m128i b6 = _mm_unpacklo_epi32(a5, a7), b7 = _mm_unpackhi_epi32(a5, a7);
-    m[0] = _mm_unpacklo_epi64(b0, b4);
-    m[1] = _mm_unpackhi_epi64(b0, b4);
-    m[2] = _mm_unpacklo_epi64(b1, b5);
-    m[3] = _mm_unpackhi_epi64(b1, b5);
-    m[4] = _mm_unpacklo_epi64(b2, b6);
-    m[5] = _mm_unpackhi_epi64(b2, b6);
-    m[6] = _mm_unpacklo_epi64(b3, b7);
-    m[7] = _mm_unpackhi_epi64(b3, b7);
-}
-
 }  // namespace
 
 namespace kiv {
@@ -123,9 +106,9 @@ void forwardDctSse2(int16_t *block) {
     for (int i = 0; i < 8; i++)
         m[i] = _mm_loadu_si128(reinterpret_cast<const __m128i *>(block + 8 * i));
     columnPass(m);  // lanes are columns: vector i is row i
-    transpose8x8(m);
+    transposeWords<8>(m, m);
     rowPass(m);     // lanes are rows
-    transpose8x8(m);
+    transposeWords<8>(m, m);
     for (int i = 0; i < 8; i++)
         _mm_storeu_si128(reinterpret_cast<__m128i *>(block + 8 * i), m[i]);
 }
