@@ -9,6 +9,10 @@ namespace kiv {
 // colour-conversion setting and processor flag.
 void selectReadRoutines(JpgParam *param);
 
+// Frames decoded scan by scan into the whole-image coefficient store:
+// progressive frames and sequential frames coded in several scans.
+inline bool usesCoefficientStore(const JpgParam *param) { return param->dec.coefBase != nullptr; }
+
 // MCU routine 0x302: reconstructs one MCU from the progressive coefficient
 // memory. Internal: reached only through the handle's MCU routine slot.
 JpgStatus readProgressiveMCU(JpgParam *param);

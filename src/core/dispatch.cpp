@@ -30,7 +30,7 @@ void selectReadRoutines(JpgParam *param) {
         r.mcu = jpgGetReadMCUFunc(0x301, flag);
         r.mcuProgressive = jpgGetReadMCUFunc(0x302, flag);
         r.mcu303 = jpgGetReadMCUFunc(0x303, flag);
-        r.mcuScaled = jpgGetReadMCUFunc(scaled | 1, flag);
+        r.mcuScaled = jpgGetReadMCUFunc(scaled | (usesCoefficientStore(param) ? 2 : 1), flag);
     } else {
         r.mcu = jpgGetReadMCUFunc(0x10301, flag);
         r.mcuProgressive = nullptr;

@@ -76,12 +76,16 @@ struct JpgHuffmanTable {
     uint32_t slowMaxLength; // +76  DC: longest code; AC: 16
     uint32_t numCodes;      // +80
     uint32_t maxLength;     // +84  longest code length
-    uint32_t unused;        // +88
+    uint32_t origin;        // +88  decoder: kTableFromDht, kTableDefault or 0 (undefined)
 };
 
-// Per-component record.                                            52 bytes
+// Where a decoder table came from (JpgHuffmanTable::origin).
+enum : uint32_t { kTableFromDht = 1, kTableDefault = 2 };
+
+// Per-component record, one per frame component in frame order.   52 bytes
 // The first seven fields are the bindings of the current scan, written by
-// the scan header parser into record i for the i-th component of the scan.
+// the scan header parser into the record of each component the scan names;
+// a component outside the scan keeps the bindings of its last scan.
 struct JpgComponent {
     union {                            // +0
         const JpgHuffLevel *acLookup;  //    decoder: AC lookup levels
@@ -127,16 +131,21 @@ struct JpgRoutines {
     void *slot12;                            // 12
 };
 
-// Decode-side working pointers (read handles only).
+// Decode-side working state (read handles only).
 struct JpgDecodeState {
     int16_t *mcuNext;          // next-MCU buffer: second half of workBuffers.mcu
     int16_t *upsampleBuffer;   // 4 x Hmax x Vmax blocks
-    int16_t *coefBase;         // progressive coefficient memory
+    int16_t *coefBase;         // coefficient store of frames decoded scan by scan; null otherwise
     int16_t *coefCursor;
-    uint8_t *rowsCleared;      // progressive: per MCU row, non-zero once its coefficients are cleared
-    uint32_t scanBlockOffset;  // block offset of the scan's first component in an MCU
+    uint8_t *rowsCleared;      // store: per MCU row, non-zero once its coefficients are cleared
+    uint32_t storeState;       // store: kStoreEmpty, kStoreFilling or kStoreComplete
+    JpgStatus storeStatus;     // store: the warning of a stream that ended early, else 0
     uint8_t scanComponents[4]; // frame index of each scan component, in scan order
+    uint8_t scanBlockStart[4]; // first block of each scan component inside an MCU
 };
+
+// Progress of the coefficient store (JpgDecodeState::storeState).
+enum : uint32_t { kStoreEmpty = 0, kStoreFilling = 1, kStoreComplete = 2 };
 
 namespace kiv {
 struct QuantSteps;  // the quantizer's divisors of one table (write/quantizer.h)

@@ -11,6 +11,7 @@
 #include "core/tables.h"
 #include "modes/lossless_predictors.h"
 #include "read/bit_reader.h"
+#include "read/front_end.h"
 
 namespace kiv {
 namespace {
@@ -18,9 +19,6 @@ namespace {
 constexpr uint32_t kSof3 = 0xFFC3;
 constexpr uint32_t kNoCode = 0xFFFF0000;  // lookup entry of a window that is no code
 constexpr uint32_t kEoi = 0xFFD9;
-constexpr uint32_t kRst0 = 0xFFD0;
-constexpr uint32_t kRst7 = 0xFFD7;
-constexpr uint32_t kStuffedZero = 0xFF00;
 
 // The lookup entry for the 16-bit window: the first level when the window's
 // code is short enough for it, the second otherwise; kNoCode when neither
@@ -154,26 +152,17 @@ struct Rows {
 };
 
 // After each row: count its samples towards the restart interval; at the
-// end of an interval the next row starts afresh and the marker standing there
-// is consumed: RSTn, EOI (recorded), or a stray stuffed zero. The count is
-// compared for equality, so an interval that is not whole rows never fires
-// (the standard requires lossless intervals to be whole rows). Only one
-// marker is taken: looking past RSTn would load the next interval's first
-// bytes raw, and a stuffed 0xFF 0x00 among them would then be read as data.
+// end of an interval the next row starts afresh behind its RSTn marker
+// (the restart mechanism of every scan kind), or the scan ends at EOI. The
+// count is compared for equality, so an interval that is not whole rows
+// never fires (the standard requires lossless intervals to be whole rows).
 void finishRow(JpgParam *param) {
     param->mcuAddress += param->width;
     if (param->restartInterval == 0 || param->mcuAddress != param->restartInterval)
         return;
     param->mode |= kModeFirstRow;
-    uint32_t marker = jpgReadShowMarkerCode(param);
-    if (marker >= kRst0 && marker <= kRst7) {
-        jpgReadFlushMarkerCode(param);
-        param->mcuAddress = 0;
-    } else if (marker == kEoi) {
+    if (!startNextInterval(param) && jpgReadShowMarkerCode(param) == kEoi)
         param->currentMarker = kEoi;
-    } else if (marker == kStuffedZero) {
-        jpgReadDeleteByteStuffingCode(param);
-    }
 }
 
 template <typename Sample>
@@ -206,14 +195,18 @@ JpgStatus decodeRows(JpgParam *param, const ComplibRect *rect, uint32_t rows) {
 }
 
 // The frame and scan must fit the row layout: 1 to 4 components, every one
-// sampled 1x1 when there are several, all of them in this scan, each with a
-// defined difference table, and a point transform below the precision.
+// sampled 1x1 when there are several, all of them in this scan in frame
+// order, each with a defined difference table, and a point transform below
+// the precision.
 JpgStatus checkFrame(const JpgParam *param) {
     uint32_t nc = param->numComponents;
     if (nc < 1 || nc > 4 || param->width == 0 || param->scanAl >= param->precision)
         return JPG_STATUS_BAD_DATA;
     if (param->scanNs != nc)
         return JPG_STATUS_NOT_SUPPORTED;
+    for (uint32_t i = 0; i < nc; i++)  // rows interleave the samples in frame order
+        if (param->dec.scanComponents[i] != i)
+            return JPG_STATUS_NOT_SUPPORTED;
     for (uint32_t c = 0; c < nc; c++) {
         const JpgComponent &comp = param->components[c];
         if (nc > 1 && comp.sampling != 0x11)

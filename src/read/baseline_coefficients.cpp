@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "core/tables.h"
+#include "modes/coefficient_store.h"
 #include "read/bit_reader.h"
 #include "read/front_end.h"
 
@@ -126,13 +127,13 @@ JpgStatus badCode(const BitState &bits, JpgStatus status) {
 }
 
 // One block (F.2.2.1, F.2.2.2): the DC difference updates the predictor,
-// AC run/size pairs place dequantized values in natural order. An over-long
-// block ends silently. The scaled variant stores only the coefficients below
+// AC run/size pairs place values times quant (zig-zag order) in natural
+// order. An over-long block ends silently. The scaled variant stores only the coefficients below
 // zig-zag index `limit` and passes over the rest; the DC is always stored.
 template <bool kScaled>
 [[gnu::always_inline]] inline JpgStatus decodeBlock(BitState &bits, int16_t *block,
-                                                    JpgComponent *comp, uint32_t limit) {
-    const uint32_t *quant = comp->quant;
+                                                    JpgComponent *comp, const uint32_t *quant,
+                                                    uint32_t limit) {
     uint32_t entry = nextDcEntry(bits, comp->dcLookup);
     if (entry == kInvalidEntry)
         return badCode(bits, JPG_STATUS_BAD_DC_CODE);
@@ -193,36 +194,40 @@ bool hasLookups(const JpgComponent *comp) {
 // The exported single-block decoders: the reader's state is loaded and
 // stored around the one block.
 template <bool kScaled>
-JpgStatus decodeSingleBlock(JpgParam *param, int16_t *block, JpgComponent *comp, uint32_t limit) {
+JpgStatus decodeSingleBlock(JpgParam *param, int16_t *block, JpgComponent *comp,
+                            const uint32_t *quant, uint32_t limit) {
     if (!hasLookups(comp))
         return JPG_STATUS_FAILED;
     BitState bits(param);
-    JpgStatus status = decodeBlock<kScaled>(bits, block, comp, limit);
+    JpgStatus status = decodeBlock<kScaled>(bits, block, comp, quant, limit);
     bits.store();
     return status;
 }
+
+// The coefficient store keeps quantized values; they are dequantized at output.
+constexpr kiv::Table<uint32_t, 64> makeUnitQuant() {
+    kiv::Table<uint32_t, 64> t{};
+    for (int k = 0; k < 64; k++)
+        t.v[k] = 1;
+    return t;
+}
+constexpr auto kUnitQuant = makeUnitQuant();
 
 }  // namespace
 
 namespace kiv {
 
-// The MCU bookkeeping shared by every sequential MCU routine: the scan's
-// last MCU expects EOI, a completed restart interval processes its marker.
-void advanceMcuCounters(JpgParam *param) {
-    if (--param->mcusLeft == 0) {
-        param->currentMarker = 0xFFD9;
-        return;
-    }
-    if (++param->mcuAddress == param->restartInterval)
-        jpgReadEpilogEntropyCodedSegment(param);
-}
-
 JpgStatus checkSequentialScan(const JpgParam *param) {
     if (param->numComponents == 0 || param->blocksPerMcu == 0 || param->mcuBuffer == nullptr)
         return JPG_STATUS_FAILED;
-    if (param->scanNs != param->numComponents)  // every component in the one scan
-        return JPG_STATUS_NOT_SUPPORTED;
+    if (param->scanNs != param->numComponents || usesCoefficientStore(param))
+        return JPG_STATUS_NOT_SUPPORTED;  // every component in the one scan
     return JPG_STATUS_OK;
+}
+
+JpgStatus decodeBlockToStore(JpgParam *param, int16_t *block, JpgComponent *comp) {
+    clearBlock(block);
+    return decodeSingleBlock<false>(param, block, comp, kUnitQuant.v, 64);
 }
 
 }  // namespace kiv
@@ -230,12 +235,16 @@ JpgStatus checkSequentialScan(const JpgParam *param) {
 extern "C" {
 
 JpgStatus jpgReadGetCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
-    return decodeSingleBlock<false>(param, block, comp, 64);
+    if (comp == nullptr)
+        return JPG_STATUS_FAILED;
+    return decodeSingleBlock<false>(param, block, comp, comp->quant, 64);
 }
 
 JpgStatus jpgReadGetScaleCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp,
                                      uint32_t limit) {
-    return decodeSingleBlock<true>(param, block, comp, limit);
+    if (comp == nullptr)
+        return JPG_STATUS_FAILED;
+    return decodeSingleBlock<true>(param, block, comp, comp->quant, limit);
 }
 
 JpgStatus jpgReadDecodeBaselineMcu(JpgParam *param) {
@@ -244,13 +253,15 @@ JpgStatus jpgReadDecodeBaselineMcu(JpgParam *param) {
         return status;
     // One load of the reader's state for the whole MCU; stored before any
     // return and before the restart processing reads the handle's reader.
+    // The scan's components come in scan order, each into its own blocks.
     BitState bits(param);
-    int16_t *block = param->mcuBuffer;
-    for (uint32_t c = 0; c < param->numComponents; c++) {
-        JpgComponent *comp = &param->components[c];
+    for (uint32_t i = 0; i < param->scanNs; i++) {
+        JpgComponent *comp = &param->components[param->dec.scanComponents[i]];
+        int16_t *block = param->mcuBuffer + 64 * param->dec.scanBlockStart[i];
         for (uint32_t b = 0; b < comp->blocks; b++, block += 64) {
             clearBlock(block);
-            status = hasLookups(comp) ? decodeBlock<false>(bits, block, comp, 64) : JPG_STATUS_FAILED;
+            status = hasLookups(comp) ? decodeBlock<false>(bits, block, comp, comp->quant, 64)
+                                      : JPG_STATUS_FAILED;
             if (status != JPG_STATUS_OK) {
                 bits.store();
                 return status;
@@ -270,6 +281,9 @@ JpgMcuFunc jpgGetReadMCUGenericFunc(uint32_t id) {
     case 0x201: return jpgReadScaleOutputLevel2MCU;
     case 0x301: return jpgReadDecodeBaselineMcu;
     case 0x302: return kiv::readProgressiveMCU;
+    case 0x002: return kiv::readStoredMcuLevel0;
+    case 0x102: return kiv::readStoredMcuLevel1;
+    case 0x202: return kiv::readStoredMcuLevel2;
     default: return nullptr;
     }
 }

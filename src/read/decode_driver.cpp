@@ -3,6 +3,8 @@
 // and colour conversion routines chosen for the frame. It decodes one MCU
 // ahead so that upsampling can look at the right-hand neighbour; between
 // calls the current MCU buffer is always the lower half of its allocation.
+// A frame coded in several scans goes through the coefficient store.
+#include "modes/coefficient_store.h"
 #include "read/front_end.h"
 #include "read/output_color.h"
 
@@ -29,8 +31,7 @@ JpgStatus checkSequentialOutput(JpgParam *param, const ComplibRect *rect) {
     if (jpgCheckParam(param) == nullptr || rect == nullptr || rect->pixels == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (param->frameMarker > 0xFFC1 || param->frameMarker < 0xFFC0 || param->precision != 8 ||
-        param->scanNs != param->numComponents || !routinesPresent(param) ||
-        param->mcuBuffer == nullptr)
+        !routinesPresent(param) || param->mcuBuffer == nullptr)
         return JPG_STATUS_NOT_SUPPORTED;
     if (static_cast<int64_t>(param->numComponents) > rect->channels)
         return JPG_STATUS_NOT_SUPPORTED;
@@ -38,25 +39,42 @@ JpgStatus checkSequentialOutput(JpgParam *param, const ComplibRect *rect) {
 }
 
 // Rewinds to the first scan when segment access moved the input before any
-// line was produced, or when scaled output ran last.
+// line was produced, or when scaled output ran last. A frame decoded into
+// the coefficient store only starts its output again.
 JpgStatus prepareFullSize(JpgParam *param) {
     JpgStatus status = JPG_STATUS_OK;
-    if (param->processedLines == 0 && (param->mode & kModeRewind)) {
+    const bool store = kiv::usesCoefficientStore(param);
+    if (!store && param->processedLines == 0 && (param->mode & kModeRewind)) {
         param->mode &= ~kModeRewind;
         status = jpgReadRewindJPEGFile(param, param->firstScanOffset, 1);
     }
     if (param->scaleLevel != 3) {
-        if (param->scaleLevel != -1 && status == JPG_STATUS_OK)
+        if (store)
+            param->processedLines = 0;
+        else if (param->scaleLevel != -1 && status == JPG_STATUS_OK)
             status = jpgReadRewindJPEGFile(param, param->firstScanOffset, 1);
         param->scaleLevel = 3;
     }
     return status;
 }
 
+// Rows from the coefficient store, whose scans are all decoded first.
+JpgStatus storedToRect(JpgParam *param, const ComplibRect *rect, uint32_t rows) {
+    if (!kiv::storeGeometryUsable(param))
+        return JPG_STATUS_BAD_DATA;
+    JpgStatus status = param->processedLines == 0 ? kiv::prepareStore(param) : JPG_STATUS_OK;
+    if (status == JPG_STATUS_OK)
+        status = kiv::fillStore(param, false);
+    return status != JPG_STATUS_OK ? status : kiv::outputStoredRows(param, rect, rows);
+}
+
 }  // namespace
 
 extern "C" {
 
+// Decodes `count` MCUs and converts those the rectangle's width shows, each
+// once the MCU right of it (its upsampling neighbour) is decoded; the last
+// one has none.
 JpgStatus jpgReadDecodeMcuRow(JpgParam *param, ComplibRect *rect, uint32_t count) {
     if (jpgCheckParam(param) == nullptr || rect == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
@@ -70,12 +88,10 @@ JpgStatus jpgReadDecodeMcuRow(JpgParam *param, ComplibRect *rect, uint32_t count
     if (status != JPG_STATUS_OK)
         return status;
     const JpgReadColorConvertFunc convert = kiv::mcuRowConverter(param);
-    int64_t w = param->mcuWidth;
-    int64_t span = static_cast<int64_t>(count) * w;
-    int64_t remaining = (rect->width < span ? rect->width : span) - w;
-    int32_t x = 0;
+    const int64_t w = param->mcuWidth;
+    int64_t x = 0;
     swapBuffers(param);
-    while (remaining > 0) {
+    for (uint32_t j = 1; j < count; j++, x += w) {
         if (param->currentMarker == 0xFFD9) {
             restoreBufferOrder(param, low, high);
             return JPG_STATUS_UNEXPECTED_END;
@@ -86,15 +102,17 @@ JpgStatus jpgReadDecodeMcuRow(JpgParam *param, ComplibRect *rect, uint32_t count
             return status;
         }
         swapBuffers(param);
-        param->routines.upsample(param);
-        convert(param, rect, x, static_cast<int32_t>(w));
-        remaining -= w;
-        x += static_cast<int32_t>(w);
+        if (x < rect->width) {
+            param->routines.upsample(param);
+            convert(param, rect, static_cast<int32_t>(x), static_cast<int32_t>(rect->width - x < w ? rect->width - x : w));
+        }
     }
     swapBuffers(param);
     param->dec.mcuNext = nullptr;  // no right-hand neighbour
-    param->routines.upsample(param);
-    convert(param, rect, x, static_cast<int32_t>(remaining + w));
+    if (x < rect->width) {
+        param->routines.upsample(param);
+        convert(param, rect, static_cast<int32_t>(x), static_cast<int32_t>(rect->width - x < w ? rect->width - x : w));
+    }
     restoreBufferOrder(param, low, high);
     return status;
 }
@@ -114,6 +132,8 @@ JpgStatus jpgReadToRect(JpgParam *param, ComplibRect *rect, uint32_t lines) {
     }
     if (todo > rect->height)  // never write below the rectangle
         todo = rect->height > 0 ? rect->height : 0;
+    if (kiv::usesCoefficientStore(param))
+        return storedToRect(param, rect, static_cast<uint32_t>(todo));
     const int64_t mcuHeight = param->mcuHeight;
     ComplibRect row = *rect;
     row.height = static_cast<int32_t>(todo < mcuHeight ? todo : mcuHeight);
@@ -139,6 +159,8 @@ JpgStatus jpgReadToRect(JpgParam *param, ComplibRect *rect, uint32_t lines) {
 // the caller (its top-left pixel receives the first MCU).
 JpgStatus jpgReadMcuToRect(JpgParam *param, ComplibRect *rect, uint32_t count) {
     JpgStatus status = checkSequentialOutput(param, rect);
+    if (status == JPG_STATUS_OK && kiv::usesCoefficientStore(param))
+        status = JPG_STATUS_NOT_SUPPORTED;  // its MCUs are complete only after the last scan
     if (status == JPG_STATUS_OK)
         status = prepareFullSize(param);
     if (status != JPG_STATUS_OK || count == 0)

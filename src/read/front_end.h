@@ -23,14 +23,46 @@ void skipInputBytes(JpgParam *param, uint32_t n);
 // True when the table has codes to decode with.
 inline bool hasDecodeLookup(const JpgHuffmanTable &table) { return table.numCodes > 0; }
 
+// The restart mechanism every scan kind uses (ISO/IEC 10918-1 B.2.1, E.2.4,
+// F.1.2.3). A restart interval counts units: MCUs, or in a scan of one
+// component that component's blocks (A.2.2). After each unit but the scan's
+// last, endOfRestartUnit counts it and, when the interval is complete,
+// consumes the RSTn marker that closes it and resets the DC predictions, the
+// EOB run and the count; where the count and the stream disagree (data
+// where the marker should stand) it skips ahead to the next marker. It
+// returns false when the scan's data ends there instead: a marker other than
+// RSTn, or the end of the input.
+bool endOfRestartUnit(JpgParam *param);
+bool startNextInterval(JpgParam *param);
+
+// The marker behind a scan's data, not consumed: RSTn markers closing a
+// full last interval, DNL segments (which supply a missing height) and fill
+// bytes are passed over first. Below 0xFFC0: data stands there instead.
+uint32_t markerAfterScan(JpgParam *param);
+
+// Skips raw input (entropy-coded bytes, stuffed 0xFF 0x00 pairs and fill
+// bytes) up to the next marker, from the next byte boundary.
+void skipToMarker(JpgParam *param);
+
+// Resets what a new restart interval or scan starts from: the MCU count,
+// the EOB run and every DC predictor.
+void resetPrediction(JpgParam *param);
+
 // MCU bookkeeping of every sequential MCU routine (full size and scaled):
-// the scan's last MCU sets the expected marker to EOI; the MCU completing a
-// restart interval runs the restart processing.
+// the scan's last MCU sets the expected marker to EOI; the others go
+// through endOfRestartUnit, and a scan whose data ends early also expects
+// nothing more.
 void advanceMcuCounters(JpgParam *param);
 
 // Whether a sequential MCU routine may run: JPG_STATUS_FAILED without blocks
 // or buffers, JPG_STATUS_NOT_SUPPORTED when the scan does not hold every
-// frame component (the decoders need all of them in one interleaved scan).
+// frame component (such frames decode scan by scan into the coefficient
+// store instead).
 JpgStatus checkSequentialScan(const JpgParam *param);
+
+// Block routine of sequential scans decoded into the coefficient store
+// (JpgCoefficientFunc): the block is cleared and receives the quantized
+// coefficients in natural order, the DC predicted as in F.2.2.1.
+JpgStatus decodeBlockToStore(JpgParam *param, int16_t *block, JpgComponent *comp);
 
 }  // namespace kiv

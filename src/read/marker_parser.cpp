@@ -50,7 +50,10 @@ JpgStatus parseOneHuffmanTable(JpgParam *param, int32_t *remaining) {
     tableSpec[272] = static_cast<uint8_t>(classId);
     if (param->bs.state != 0)
         return JPG_STATUS_UNEXPECTED_END;
-    return jpgGenerateHuffmanTable(param, tableSpec, sum);
+    JpgStatus status = jpgGenerateHuffmanTable(param, tableSpec, sum);
+    JpgHuffmanTable &table = classId >> 4 ? param->acTables[classId & 15] : param->dcTables[classId & 15];
+    table.origin = kTableFromDht;
+    return status;
 }
 
 JpgStatus parseDht(JpgParam *param) {
@@ -205,8 +208,16 @@ JpgStatus readFrameHeader(JpgParam *param) {
     param->numComponents = readByte(param);
     if (param->bs.state != 0)
         return JPG_STATUS_UNEXPECTED_END;
-    if (param->frameMarker == 0xFFC2 && param->precision == 12)
+    // DCT frames of 12-bit samples are valid (B.2.2) but not decoded here;
+    // other precisions are no JPEG at all.
+    if (param->frameMarker == 0xFFC3) {
+        if (param->precision < 2 || param->precision > 16)
+            return JPG_STATUS_BAD_DATA;
+    } else if (param->precision == 12) {
         return JPG_STATUS_NOT_SUPPORTED;
+    } else if (param->precision != 8) {
+        return JPG_STATUS_BAD_DATA;
+    }
     if (param->numComponents > 4 || param->numComponents == 0 || param->width == 0 ||
         param->segmentLength != 6 + 3 * param->numComponents)
         return JPG_STATUS_BAD_DATA;
@@ -242,6 +253,8 @@ void releaseBuffers(JpgParam *param) {
     param->dec.mcuNext = param->dec.upsampleBuffer = nullptr;
     param->dec.coefBase = param->dec.coefCursor = nullptr;
     param->dec.rowsCleared = nullptr;
+    param->dec.storeState = kStoreEmpty;
+    param->dec.storeStatus = JPG_STATUS_OK;
 }
 
 // The previous-row buffer of lossless frames: width x sum of H x 2 bytes.
@@ -255,11 +268,12 @@ JpgStatus allocateLosslessLine(JpgParam *param) {
 }
 
 // One block of N x 128 bytes: current MCU, next MCU, upsampling buffer
-// (4 x Hmax x Vmax blocks) and, for progressive frames, the coefficient
-// memory followed by one flag byte per MCU row; then the block pointer
-// table and the block map. The coefficient memory is left untouched here:
-// the progressive driver clears a row when a scan first stores into it,
-// so a huge declared frame costs address space, not pages.
+// (4 x Hmax x Vmax blocks) and, for frames decoded scan by scan, the
+// coefficient store followed by one flag byte per MCU row; then the block
+// pointer table and the block map. The store is left untouched here: a row
+// is cleared when a scan first stores into it, so a huge declared frame
+// costs address space, not pages. Progressive frames and sequential frames
+// whose first scan does not hold every component use the store.
 JpgStatus allocateBlockBuffers(JpgParam *param) {
     for (uint32_t c = 0; c < param->numComponents; c++) {
         if (param->components[c].quantSelector > 3)
@@ -267,18 +281,18 @@ JpgStatus allocateBlockBuffers(JpgParam *param) {
         param->components[c].quant = param->quant[param->components[c].quantSelector];
     }
     uint64_t perMcu = param->blocksPerMcu, hv = param->hv;
-    bool progressive = param->frameMarker == 0xFFC2;
-    uint64_t blocks = 2 * perMcu + 4 * hv + (progressive ? perMcu * param->totalMcus : perMcu);
-    uint64_t rowFlags = progressive ? param->mcuRows : 0;
+    bool store = param->frameMarker == 0xFFC2 || param->scanNs != param->numComponents;
+    uint64_t blocks = 2 * perMcu + 4 * hv + (store ? perMcu * param->totalMcus : perMcu);
+    uint64_t rowFlags = store ? param->mcuRows : 0;
     param->mcuBuffer = static_cast<int16_t *>(allocate(param, blocks * kBlockBytes + rowFlags));
     if (param->mcuBuffer == nullptr)
         return JPG_STATUS_NO_MEMORY;
     param->dec.mcuNext = param->mcuBuffer + perMcu * 64;
     param->dec.upsampleBuffer = param->dec.mcuNext + perMcu * 64;
-    param->dec.coefBase = progressive ? param->dec.upsampleBuffer + 4 * hv * 64 : nullptr;
+    param->dec.coefBase = store ? param->dec.upsampleBuffer + 4 * hv * 64 : nullptr;
     param->dec.coefCursor = param->dec.coefBase;
     param->dec.rowsCleared = nullptr;
-    if (progressive) {
+    if (store) {
         param->dec.rowsCleared = reinterpret_cast<uint8_t *>(param->mcuBuffer) + blocks * kBlockBytes;
         memset(param->dec.rowsCleared, 0, static_cast<size_t>(rowFlags));
     }

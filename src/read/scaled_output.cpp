@@ -3,10 +3,13 @@
 // reduced inverse transform (ISO/IEC 10918-1 A.3.3 restricted to 1, 2 or 4
 // points) turns into the top-left 1x1, 2x2 or 4x4 corner of the 64-slot block
 // (row stride 8); scaled upsampling and conversion then fill the rectangle.
-// There is no one-MCU lookahead: scaled upsampling only replicates.
+// There is no one-MCU lookahead: scaled upsampling only replicates. Frames
+// coded scan by scan are reduced from the coefficient store instead.
 #include <string.h>
 
 #include "core/codec.h"
+#include "modes/coefficient_store.h"
+#include "read/front_end.h"
 #include "read/scaled_transforms.h"
 #include "read/sse2_products.h"
 
@@ -160,10 +163,11 @@ void reduceTo4x4(int16_t *block) {
 namespace {
 
 constexpr uint32_t kEoi = 0xFFD9;
-constexpr uint32_t kLastSequentialSof = 0xFFC1;
+constexpr uint32_t kLastDctSof = 0xFFC2;
 
-// Zig-zag positions kept per level: 1 (the DC), 4 and 24.
-constexpr uint32_t kLimits[3] = {0, 4, 24};
+// Zig-zag positions kept per level: the DC; up to 4 (F11, the last one the
+// 2x2 transform reads); up to 24 (F33, the last of the 4x4 corner).
+constexpr uint32_t kLimits[3] = {0, 5, 25};
 
 // Clears the slots the level's transform reads that decoding may not write,
 // then decodes, then reduces.
@@ -187,33 +191,24 @@ JpgStatus decodeScaledBlock(JpgParam *param, int16_t *block, JpgComponent *comp)
     return JPG_STATUS_OK;
 }
 
-// Decodes one MCU at the given level into the MCU buffer and keeps the
-// scan's MCU counters as the full-size MCU routine does.
+// Decodes one MCU at the given level into the MCU buffer, the scan's
+// components in scan order each into its own blocks, and keeps the scan's
+// MCU counters as the full-size MCU routine does.
 template <int kLevel>
 JpgStatus decodeScaledMcu(JpgParam *param) {
-    uint32_t count = param->numComponents > 4 ? 4 : param->numComponents;
-    uint32_t total = 0;
-    for (uint32_t c = 0; c < count; c++)
-        total += param->components[c].blocks;
-    if (total == 0)
-        return JPG_STATUS_FAILED;
-    if (total > param->blocksPerMcu)
-        return JPG_STATUS_BAD_DATA;
-    int16_t *block = param->mcuBuffer;
-    for (uint32_t c = 0; c < count; c++) {
-        JpgComponent *comp = &param->components[c];
+    JpgStatus status = checkSequentialScan(param);
+    if (status != JPG_STATUS_OK)
+        return status;
+    for (uint32_t i = 0; i < param->scanNs; i++) {
+        JpgComponent *comp = &param->components[param->dec.scanComponents[i]];
+        int16_t *block = param->mcuBuffer + 64 * param->dec.scanBlockStart[i];
         for (uint32_t b = 0; b < comp->blocks; b++, block += 64) {
-            JpgStatus status = decodeScaledBlock<kLevel>(param, block, comp);
+            status = decodeScaledBlock<kLevel>(param, block, comp);
             if (status != JPG_STATUS_OK)
                 return status;
         }
     }
-    if (--param->mcusLeft == 0) {
-        param->currentMarker = kEoi;
-        return JPG_STATUS_OK;
-    }
-    if (++param->mcuAddress == param->restartInterval)
-        jpgReadEpilogEntropyCodedSegment(param);
+    advanceMcuCounters(param);
     return JPG_STATUS_OK;
 }
 
@@ -227,7 +222,7 @@ uint32_t scaledSize(uint32_t size, uint32_t level) {
 JpgStatus prepareScaledOutput(JpgParam *param, const ComplibRect *rect, uint32_t level) {
     if (jpgCheckParam(param) == nullptr || rect == nullptr || rect->pixels == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
-    if (param->frameMarker > kLastSequentialSof ||
+    if (param->frameMarker > kLastDctSof || param->precision != 8 ||
         param->numComponents > static_cast<uint32_t>(rect->channels < 0 ? 0 : rect->channels))
         return JPG_STATUS_NOT_SUPPORTED;
     JpgStatus status = jpgReadScaleOutputSetLevel(param, level);
@@ -282,7 +277,7 @@ JpgStatus jpgReadScaleOutputGetImageSize(JpgParam *param, uint32_t *width, uint3
         return JPG_STATUS_INVALID_PARAMETER;
     if (width == nullptr || height == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
-    if (param->frameMarker > kiv::kLastSequentialSof)
+    if (param->frameMarker > kiv::kLastDctSof)
         return JPG_STATUS_NOT_SUPPORTED;
     *width = kiv::scaledSize(param->width, level);
     *height = kiv::scaledSize(param->height, level);
@@ -290,7 +285,8 @@ JpgStatus jpgReadScaleOutputGetImageSize(JpgParam *param, uint32_t *width, uint3
 }
 
 // Any change of level restarts decoding at the first scan, except the very
-// first choice on a stream that has not been decoded yet.
+// first choice on a stream that has not been decoded yet; a frame decoded
+// into the coefficient store keeps it and only starts its output again.
 JpgStatus jpgReadScaleOutputSetLevel(JpgParam *param, uint32_t level) {
     // Checked so that a null or released handle fails instead of being written.
     if (jpgCheckParam(param) == nullptr)
@@ -299,14 +295,17 @@ JpgStatus jpgReadScaleOutputSetLevel(JpgParam *param, uint32_t level) {
         return JPG_STATUS_INVALID_PARAMETER;
     if (param->scaleLevel == static_cast<int32_t>(level))
         return JPG_STATUS_OK;
-    if (param->scaleLevel != -1 || (param->mode & kModeRewind) != 0) {
+    const bool store = kiv::usesCoefficientStore(param);
+    if (store) {
+        param->processedLines = 0;
+    } else if (param->scaleLevel != -1 || (param->mode & kModeRewind) != 0) {
         param->mode &= ~kModeRewind;
         JpgStatus status = jpgReadRewindJPEGFile(param, param->firstScanOffset, 1);
         if (status != JPG_STATUS_OK)
             return status;
     }
     param->scaleLevel = static_cast<int32_t>(level);
-    uint32_t process = param->precision == 8 ? 0x1 : 0x10001;
+    uint32_t process = store ? 0x2 : param->precision == 8 ? 0x1 : 0x10001;
     param->routines.mcuScaled = jpgGetReadMCUFunc((level << 8) | process, param->processorFlag);
     return JPG_STATUS_OK;
 }
@@ -341,6 +340,15 @@ JpgStatus jpgReadScaleOutputToRect(JpgParam *param, ComplibRect *rect, uint32_t 
     int64_t remaining = lines < left ? lines : left;
     if (remaining > rect->height)  // never write below the rectangle
         remaining = rect->height > 0 ? rect->height : 0;
+    if (kiv::usesCoefficientStore(param)) {
+        if (!kiv::storeGeometryUsable(param))
+            return JPG_STATUS_BAD_DATA;
+        status = param->processedLines == 0 ? kiv::prepareStore(param) : JPG_STATUS_OK;
+        if (status == JPG_STATUS_OK)
+            status = kiv::fillStore(param, false);
+        return status != JPG_STATUS_OK ? status
+                                       : kiv::outputStoredScaledRows(param, rect, static_cast<uint32_t>(remaining));
+    }
     // A rectangle narrower than the image still consumes whole MCU rows, so
     // that the next row starts at its first MCU.
     int64_t rowPixels = static_cast<int64_t>(mcus) * w;
@@ -365,6 +373,8 @@ JpgStatus jpgReadScaleOutputMcuToRect(JpgParam *param, ComplibRect *rect, uint32
     if (level == 3)
         return jpgReadMcuToRect(param, rect, count);
     JpgStatus status = kiv::prepareScaledOutput(param, rect, level);
+    if (status == JPG_STATUS_OK && kiv::usesCoefficientStore(param))
+        status = JPG_STATUS_NOT_SUPPORTED;  // its MCUs are complete only after the last scan
     if (status != JPG_STATUS_OK)
         return status;
     int32_t w = static_cast<int32_t>(param->mcuWidth >> (3 - level));

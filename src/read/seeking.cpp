@@ -3,6 +3,8 @@
 // RSTn marker with reset predictors) or single MCUs, replacing the input with
 // a new memory piece, and the accessors of the counters these move.
 // A piece of partial input must begin at a byte boundary of the entropy data.
+// Frames decoded scan by scan have no MCU-level access: their MCUs are
+// complete only after the last scan.
 #include "read/bit_reader.h"
 #include "read/front_end.h"
 
@@ -19,17 +21,6 @@ JpgStatus startFrom(JpgParam *param, int32_t origin) {
     return JPG_STATUS_OK;
 }
 
-// Skips entropy-coded bytes (stuffed 0xFF 0x00 pairs and fill bytes
-// included) up to the next marker.
-void skipToMarker(JpgParam *param) {
-    for (;;) {
-        uint32_t next = jpgReadShowRawBits(param, 16);
-        if (param->bs.state != 0 || (next >= 0xFFC0 && next != 0xFFFF))
-            return;
-        jpgReadGetBytes(param, 8);
-    }
-}
-
 }  // namespace
 
 extern "C" {
@@ -37,13 +28,15 @@ extern "C" {
 JpgStatus jpgReadSeekRestartMarker(JpgParam *param, int32_t count, int32_t origin) {
     if (jpgCheckParam(param) == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
+    if (kiv::usesCoefficientStore(param))
+        return JPG_STATUS_NOT_SUPPORTED;
     if (param->restartInterval == 0)
         return JPG_STATUS_ERROR;
     JpgStatus status = startFrom(param, origin);
     if (status != JPG_STATUS_OK)
         return status;
     for (int32_t i = 0; i < count; i++) {
-        skipToMarker(param);
+        kiv::skipToMarker(param);
         uint32_t code = jpgReadShowMarkerCode(param);
         if (code == 0xFFD9) {
             param->currentMarker = code;
@@ -54,7 +47,7 @@ JpgStatus jpgReadSeekRestartMarker(JpgParam *param, int32_t count, int32_t origi
         // The skipped MCUs of this interval no longer belong to the scan's rest.
         uint32_t done = param->mcuAddress < param->restartInterval ? param->mcuAddress : 0;
         uint32_t skipped = param->restartInterval - done;
-        jpgReadEpilogEntropyCodedSegment(param);
+        kiv::startNextInterval(param);
         param->mcusLeft = param->mcusLeft > skipped ? param->mcusLeft - skipped : 1;
     }
     param->mode |= kModeFirstRow;
@@ -88,6 +81,8 @@ JpgStatus jpgReadSetPartialBitstream(JpgParam *param, const uint8_t *buffer, uin
         return JPG_STATUS_INVALID_HANDLE;
     if (size == 0)
         return JPG_STATUS_INVALID_PARAMETER;
+    if (kiv::usesCoefficientStore(param))
+        return JPG_STATUS_NOT_SUPPORTED;
     if (!(param->mode & kModeMemory) || !(param->mode & kModePartial))
         return JPG_STATUS_ERROR;
     for (JpgComponent &c : param->components)

@@ -128,6 +128,10 @@ TEST(MarkerParser, ConformanceHeadersMatchTheirListings) {
         ASSERT_EQ(l.nf, 4u);
         ASSERT_EQ(l.ids.size(), 4u);
         ReadHandle h(readFile(corpus(std::string("conformance/") + name + ".jpg")));
+        if (name[0] == 'E') {  // 12-bit DCT: refused at the prolog
+            EXPECT_EQ(h.status, JPG_STATUS_NOT_SUPPORTED) << hex(h.status);
+            continue;
+        }
         ASSERT_EQ(h.status, JPG_STATUS_OK) << hex(h.status);
         expectHeader(h.p, l, false);
     }
@@ -151,7 +155,7 @@ TEST(MarkerParser, RefusedStreamsLeaveNoHandle) {
 
 std::vector<std::string> sampleAndPhotoFiles() {
     std::vector<std::string> files = {corpus("samples/testorig.jpg"), corpus("samples/testimgint.jpg"),
-                                      corpus("samples/testprog.jpg"), corpus("samples/monkey12.jpg")};
+                                      corpus("samples/testprog.jpg")};
     auto photos = photographs();
     for (size_t i = 0; i < photos.size() && i < 6; i++)
         files.push_back(photos[i]);
@@ -396,11 +400,14 @@ std::vector<BadCase> malformedHeaders() {
     { S s; s.soi().dqt(0).sof(0xC0, 8, 8, 8, {{1, 0x11, 0}}); tail(s).sos({{9, 0}}); add("unknown component selector", s, JPG_STATUS_BAD_DATA); }
     { S s; s.soi().dqt(0).sof(0xC0, 8, 8, 8, {{1, 0x11, 0}}); tail(s).sos({{1, 0x40}}); add("DC selector 4", s, JPG_STATUS_BAD_DATA); }
     { S s; s.soi().dqt(0).sof(0xC0, 8, 8, 8, {{1, 0x11, 0}}); tail(s).sos({{1, 0x04}}); add("AC selector 4", s, JPG_STATUS_BAD_DATA); }
-    { S s; s.soi().dqt(0).sof(0xC0, 8, 8, 8, {{1, 0x11, 0}}); tail(s).sos({{1, 0x11}}); add("undefined Huffman tables", s, JPG_STATUS_BAD_DATA); }
+    { S s; s.soi().dqt(0).sof(0xC2, 8, 8, 8, {{1, 0x11, 0}}); tail(s).sos({{1, 0x11}}, 0, 0, 0); add("undefined progressive DC table", s, JPG_STATUS_BAD_DATA); }
     {
-        S s; s.soi().dqt(0).sof(0xC0, 8, 8, 8, {{1, 0x11, 0}, {2, 0x11, 0}}); tail(s).sos({{2, 0}, {1, 0}});
-        add("scan out of frame order", s, JPG_STATUS_BAD_DATA);
+        S s; s.soi().dqt(0).sof(0xC0, 8, 8, 8, {{1, 0x11, 0}, {2, 0x11, 0}}); tail(s).sos({{2, 0}, {2, 0}});
+        add("a component twice in the scan", s, JPG_STATUS_BAD_DATA);
     }
+    { S s; s.soi().dqt(0).sof(0xC1, 7, 8, 8, {{1, 0x11, 0}}); tail(s).sos({{1, 0}}); add("DCT precision 7", s, JPG_STATUS_BAD_DATA); }
+    { S s; s.soi().dqt(0).sof(0xC1, 12, 8, 8, {{1, 0x11, 0}}); tail(s).sos({{1, 0}}); add("DCT precision 12", s, JPG_STATUS_NOT_SUPPORTED); }
+    { S s; s.soi().sof(0xC3, 17, 8, 8, {{1, 0x11, 0}}); tail(s).sos({{1, 0}}, 1, 0, 0); add("lossless precision 17", s, JPG_STATUS_BAD_DATA); }
     {
         S s; s.soi().dqt(0).sof(0xC0, 8, 8, 8, {{1, 0x11, 0}}); tail(s);
         s.raw({0xFF, 0xDA, 0x00, 0x0A, 1, 1, 0, 0, 63, 0, 0, 0});

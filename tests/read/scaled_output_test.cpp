@@ -48,6 +48,8 @@ TEST(ScaledOutputSize, RefusesBadArguments) {
     EXPECT_EQ(jpgReadScaleOutputGetImageSize(f.p, nullptr, &h, 0), JPG_STATUS_INVALID_HANDLE);
     EXPECT_EQ(jpgReadScaleOutputGetImageSize(f.p, &w, nullptr, 0), JPG_STATUS_INVALID_HANDLE);
     f.p->frameMarker = 0xFFC2;
+    EXPECT_EQ(jpgReadScaleOutputGetImageSize(f.p, &w, &h, 1), JPG_STATUS_OK);
+    f.p->frameMarker = 0xFFC3;
     EXPECT_EQ(jpgReadScaleOutputGetImageSize(f.p, &w, &h, 0), JPG_STATUS_NOT_SUPPORTED);
 }
 

@@ -1,6 +1,8 @@
-// Scan header parser: bindings of scan components to their tables, the block
-// offset of the first scan component, the progressive routine choice and
-// its DC-table rule, refusals, and what a failed header leaves behind.
+// Scan header parser: bindings of scan components to their tables (in the
+// records of the components they name, in any order), the scan order and
+// block positions, the progressive routine choice and its DC-table rule,
+// Annex K defaults for undefined sequential tables, refusals, and what a
+// failed header leaves behind.
 #include <gtest/gtest.h>
 
 #include "decode_helpers.h"
@@ -44,7 +46,8 @@ TEST(ScanParser, FirstScanBindsEveryComponent) {
     EXPECT_EQ(p->components[0].blocks, 4u);
     EXPECT_EQ(p->components[2].blocks, 1u);
     EXPECT_EQ(p->components[0].dcFastLimit, p->dcTables[0].level[0].limit);
-    EXPECT_EQ(p->dec.scanBlockOffset, 0u);
+    EXPECT_EQ(p->dec.scanBlockStart[0], 0u);
+    EXPECT_EQ(p->dec.scanBlockStart[2], 5u);
     EXPECT_EQ(p->routines.coefficient, jpgReadGetProgressiveDCBaseCoefficient);
     EXPECT_EQ(p->dhtCount, 0);
     EXPECT_EQ(p->dhtList[0], -1);
@@ -78,14 +81,14 @@ TEST(ScanParser, LaterScansChooseTheirRoutineAndOffset) {
         ASSERT_EQ(jpgReadParseScanLevel(h.p), JPG_STATUS_OK);
         EXPECT_EQ(h.p->scanNs, c.comps.size());
         EXPECT_EQ(h.p->scanSe, c.se);
-        EXPECT_EQ(h.p->dec.scanBlockOffset, c.offset);
+        EXPECT_EQ(h.p->dec.scanBlockStart[0], c.offset);
         if (c.routine != nullptr)
             EXPECT_EQ(h.p->routines.coefficient, c.routine);
         else
             EXPECT_NE(h.p->routines.coefficient, nullptr);
         EXPECT_EQ(h.p->components[0].dcPred, 0);  // every scan starts its prediction afresh
         EXPECT_EQ(h.p->eobRun, 0);
-        EXPECT_EQ(h.p->components[0].blocks, c.comps.size() == 1 ? 1u : 4u);
+        EXPECT_EQ(h.p->dec.scanComponents[0], c.comps[0].cs - 1);
     }
 }
 
@@ -114,16 +117,19 @@ TEST(ScanParser, FiveComponentsFailBeforeTablesAreReleased) {
     EXPECT_EQ(h.p->scanNs, 0);
 }
 
-TEST(ScanParser, SequentialTablesAndOrder) {
+TEST(ScanParser, SequentialScansInAnyOrderWithDefaultTables) {
     struct Case {
         const char *what;
         std::vector<ScanComponent> comps;
         JpgStatus status;
+        uint8_t order[3];  // frame index per scan position
     } cases[] = {
-        {"in frame order", {{1, 0x00}, {2, 0x11}, {3, 0x11}}, JPG_STATUS_OK},
-        {"undefined AC table", {{1, 0x00}, {2, 0x12}, {3, 0x11}}, JPG_STATUS_BAD_DATA},
-        {"second selector is the first component", {{2, 0x11}, {1, 0x00}, {3, 0x11}}, JPG_STATUS_BAD_DATA},
-        {"a component twice", {{1, 0x00}, {1, 0x00}, {3, 0x11}}, JPG_STATUS_BAD_DATA},
+        {"in frame order", {{1, 0x00}, {2, 0x11}, {3, 0x11}}, JPG_STATUS_OK, {0, 1, 2}},
+        {"reversed", {{3, 0x11}, {2, 0x11}, {1, 0x00}}, JPG_STATUS_OK, {2, 1, 0}},
+        {"chroma alone", {{3, 0x11}, {2, 0x11}}, JPG_STATUS_OK, {2, 1}},
+        {"undefined tables take Annex K", {{1, 0x23}, {2, 0x11}, {3, 0x11}}, JPG_STATUS_OK, {0, 1, 2}},
+        {"a component twice", {{1, 0x00}, {1, 0x00}, {3, 0x11}}, JPG_STATUS_BAD_DATA, {}},
+        {"a component the frame lacks", {{1, 0x00}, {4, 0x11}}, JPG_STATUS_BAD_DATA, {}},
     };
     for (const Case &c : cases) {
         StreamBuilder s;
@@ -134,9 +140,26 @@ TEST(ScanParser, SequentialTablesAndOrder) {
         EXPECT_EQ(h.status, c.status) << c.what;
         if (h.p == nullptr)
             continue;
+        const uint8_t starts[3] = {0, 4, 5};
+        for (size_t i = 0; i < c.comps.size(); i++) {
+            EXPECT_EQ(h.p->dec.scanComponents[i], c.order[i]) << c.what;
+            EXPECT_EQ(h.p->dec.scanBlockStart[i], starts[c.order[i]]) << c.what;
+        }
         EXPECT_EQ(h.p->components[1].acTable, &h.p->acTables[1]);
         EXPECT_EQ(h.p->components[1].blocks, 1u);
     }
+    // Tables 2 (DC) and 3 (AC) were never defined: the luminance DC and the
+    // chrominance AC table of Annex K.3 stand in; defined tables stay.
+    StreamBuilder s;
+    s.soi().dqt(0).sof(0xC1, 8, 16, 16, {{1, 0x11, 0}, {2, 0x11, 0}})
+        .dht(0x00, kChrominanceDc).sos({{1, 0x23}, {2, 0x00}}).raw({0}).eoi();
+    ReadHandle h(s.bytes);
+    ASSERT_EQ(h.status, JPG_STATUS_OK);
+    EXPECT_EQ(h.p->dcTables[2].origin, kTableDefault);
+    EXPECT_EQ(h.p->acTables[3].numCodes, 162u);
+    EXPECT_EQ(h.p->acTables[0].numCodes, 162u);  // luminance AC for an even identifier
+    EXPECT_EQ(h.p->dcTables[0].origin, kTableFromDht);
+    EXPECT_EQ(h.p->dcTables[0].level[0].entries[0] & 0xFF00, 0u);  // chrominance: code 00 is SSSS 0
 }
 
 TEST(ScanParser, InvalidHandle) { EXPECT_EQ(jpgReadParseScanLevel(nullptr), JPG_STATUS_INVALID_HANDLE); }

@@ -207,7 +207,7 @@ inline JpgStatus readPixels(JpgParam *param, const Entry &e, Image *out) {
     jpgReadGetNumberOfChannels(param, &channels);
     jpgReadGetSamplePrecision(param, &precision);
     int bits = precision > 8 ? 16 : 8;
-    if (e.mode == "decode" && e.has("scale")) {
+    if ((e.mode == "decode" || e.mode == "progressive") && e.has("scale")) {
         uint32_t level = uint32_t(e.value("scale", 3));
         JpgStatus status = jpgReadScaleOutputGetImageSize(param, &width, &height, level);
         if (status != 0) return status;
@@ -366,7 +366,8 @@ inline std::string toleranceForDecode(const std::string &path, const Entry &e,
     std::string sequential = tempPath("golden-sequential.jpg");
     if (run("jpegtran -outfile " + sequential + " " + path) != 0) return "jpegtran failed";
     Image baseline;
-    JpgStatus status = decodeBytes(readFile(sequential), parseEntry(e.file, "decode"), &baseline);
+    std::string scale = e.has("scale") ? ",scale=" + std::to_string(level) : "";
+    JpgStatus status = decodeBytes(readFile(sequential), parseEntry(e.file, "decode" + scale), &baseline);
     if (status != 0) return "the sequential transcode fails with " + hex(status);
     std::string where;
     double value = psnr(ours, baseline, &where);

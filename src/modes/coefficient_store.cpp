@@ -1,0 +1,467 @@
+// The coefficient store: scans of progressive frames (ISO/IEC 10918-1
+// Annex G) and non-interleaved sequential scans (A.2.2) decode into one
+// whole-image memory of quantized coefficients, MCU after MCU in raster
+// order, inside an MCU the frame components in frame order with their H x V
+// blocks row by row. Output dequantizes and transforms MCUs from it at full
+// size or reduced, through the frame's upsampler and converter.
+// Invariants: every block a scan or the output touches lies inside the
+// store; an MCU row whose flag is clear holds only zero coefficients,
+// whatever its memory contains (rows are cleared on their first non-zero
+// store); and between calls the current MCU buffer is the lower of the two
+// MCU buffer addresses.
+#include "modes/coefficient_store.h"
+
+#include <string.h>
+
+#include "core/tables.h"
+#include "modes/progressive.h"
+#include "read/front_end.h"
+#include "read/output_color.h"
+#include "read/scaled_transforms.h"
+
+namespace kiv {
+namespace {
+
+constexpr uint32_t kMarkerEoi = 0xFFD9;
+constexpr uint32_t kLowestMarker = 0xFFC0;  // below it, entropy-coded data follows
+constexpr size_t kBlock = 64;               // coefficients per block
+constexpr uint32_t kStoreRestart = 3;       // storeState: refill from the first scan
+constexpr uint32_t kMaxMcuSide = 32;        // sampling factors are at most 4
+
+uint32_t samplingBlocks(uint8_t sampling) { return (sampling >> 4) * (sampling & 0x0Fu); }
+
+size_t coefficientsPerMcu(const JpgParam *param) {
+    return static_cast<size_t>(param->blocksPerMcu) * kBlock;
+}
+
+int16_t *mcuCoefficients(const JpgParam *param, size_t mcu) {
+    return param->dec.coefBase + mcu * coefficientsPerMcu(param);
+}
+
+// The store is cleared lazily, one MCU row at a time, so that a short
+// stream declaring a huge frame touches only the rows its scans store
+// something into. A row is cleared when the first non-zero coefficient is
+// stored into it; until then it reads as all zeros.
+void clearRow(JpgParam *param, uint32_t row) {
+    const size_t perRow = static_cast<size_t>(param->mcusPerRow) * coefficientsPerMcu(param);
+    memset(param->dec.coefBase + row * perRow, 0, perRow * sizeof(int16_t));
+    param->dec.rowsCleared[row] = 1;
+}
+
+bool blockIsZero(const int16_t *block) {
+    int16_t any = 0;
+    for (size_t n = 0; n < kBlock; n++)
+        any |= block[n];
+    return any == 0;
+}
+
+// A scan's stand-in for the blocks of rows not yet cleared: all zeros
+// between calls, as those blocks read.
+struct EmptyBlock {
+    int16_t values[kBlock] = {};
+};
+
+// Runs the scan's routine on one block of MCU row `row`. In a row not yet
+// cleared the routine works on the empty stand-in instead, which holds what
+// the stored block reads as; only a result with a non-zero coefficient
+// clears the row and is stored, whatever status the routine returned.
+JpgStatus decodeBlock(JpgParam *param, JpgCoefficientFunc routine, uint32_t row, int16_t *block,
+                      JpgComponent *comp, EmptyBlock *empty) {
+    if (param->dec.rowsCleared[row] != 0)
+        return routine(param, block, comp);
+    JpgStatus status = routine(param, empty->values, comp);
+    if (!blockIsZero(empty->values)) {
+        clearRow(param, row);
+        memcpy(block, empty->values, sizeof empty->values);
+        memset(empty->values, 0, sizeof empty->values);
+    }
+    return status;
+}
+
+// After each block or MCU: the input's end stops the scan (later blocks
+// keep what earlier scans gave them), and so does the end of its data at a
+// restart boundary (*ended), which the marker behind the scan then settles.
+JpgStatus afterUnit(JpgParam *param, bool last, bool *ended) {
+    if (param->bs.state != 0)
+        return JPG_STATUS_UNEXPECTED_END;
+    *ended = !last && !endOfRestartUnit(param);
+    return JPG_STATUS_OK;
+}
+
+// Interleaved scan (A.2.3): MCU after MCU, each scan component's H x V
+// blocks in scan order, each stored at its own place inside the MCU.
+JpgStatus decodeInterleaved(JpgParam *param, JpgCoefficientFunc routine) {
+    const uint32_t ns = param->scanNs;
+    JpgComponent *comps[4];
+    uint32_t start[4], blocks[4];
+    for (uint32_t i = 0; i < ns; i++) {
+        comps[i] = &param->components[param->dec.scanComponents[i]];
+        start[i] = param->dec.scanBlockStart[i];
+        blocks[i] = samplingBlocks(comps[i]->sampling);
+        if (start[i] + blocks[i] > param->blocksPerMcu)
+            return JPG_STATUS_BAD_DATA;
+    }
+    const uint32_t total = param->totalMcus;
+    EmptyBlock empty;
+    bool ended = false;
+    for (uint32_t mcu = 0; mcu < total && !ended; mcu++) {
+        const uint32_t row = mcu / param->mcusPerRow;
+        int16_t *base = mcuCoefficients(param, mcu);
+        for (uint32_t i = 0; i < ns; i++) {
+            int16_t *block = base + start[i] * kBlock;
+            for (uint32_t b = 0; b < blocks[i]; b++, block += kBlock) {
+                JpgStatus status = decodeBlock(param, routine, row, block, comps[i], &empty);
+                if (status != JPG_STATUS_OK)
+                    return status;
+            }
+        }
+        JpgStatus status = afterUnit(param, mcu + 1 == total, &ended);
+        if (status != JPG_STATUS_OK)
+            return status;
+    }
+    return JPG_STATUS_OK;
+}
+
+// Non-interleaved scan (A.2.2): the component's blocks in raster order over
+// its own area, ceil(ceil(X * H / Hmax) / 8) blocks wide and likewise high,
+// each stored at its place inside the MCU that covers it; every block is a
+// restart unit.
+JpgStatus decodeSingleComponent(JpgParam *param, JpgCoefficientFunc routine) {
+    JpgComponent *comp = &param->components[param->dec.scanComponents[0]];
+    const uint32_t h = comp->sampling >> 4, v = comp->sampling & 0x0F;
+    const uint32_t offset = param->dec.scanBlockStart[0];
+    const uint64_t wide = ((static_cast<uint64_t>(param->width) * h + param->hmax - 1) / param->hmax + 7) / 8;
+    const uint64_t high = ((static_cast<uint64_t>(param->height) * v + param->vmax - 1) / param->vmax + 7) / 8;
+    if (h == 0 || v == 0 || offset + h * v > param->blocksPerMcu ||
+        wide > static_cast<uint64_t>(param->mcusPerRow) * h || high > static_cast<uint64_t>(param->mcuRows) * v)
+        return JPG_STATUS_BAD_DATA;
+    EmptyBlock empty;
+    bool ended = false;
+    for (uint32_t by = 0; by < high && !ended; by++) {
+        for (uint32_t bx = 0; bx < wide && !ended; bx++) {
+            size_t mcu = static_cast<size_t>(by / v) * param->mcusPerRow + bx / h;
+            int16_t *block = mcuCoefficients(param, mcu) + (offset + (by % v) * h + bx % h) * kBlock;
+            JpgStatus status = decodeBlock(param, routine, by / v, block, comp, &empty);
+            if (status == JPG_STATUS_OK)
+                status = afterUnit(param, by + 1 == high && bx + 1 == wide, &ended);
+            if (status != JPG_STATUS_OK)
+                return status;
+        }
+    }
+    return JPG_STATUS_OK;
+}
+
+// Decodes the scan whose header was read last. Every scan starts with DC
+// predictions of zero and no end-of-band run (G.1.2.1, G.1.2.2).
+JpgStatus decodeScan(JpgParam *param) {
+    const bool progressive = param->frameMarker == 0xFFC2;
+    if ((progressive && param->scanSe > kLastZigzag) || param->scanNs == 0)
+        return JPG_STATUS_BAD_DATA;
+    JpgCoefficientFunc routine = param->routines.coefficient;
+    if (routine == nullptr)
+        routine = progressive ? progressiveCoefficientRoutine(param->scanSs, param->scanSe, param->scanAh)
+                              : decodeBlockToStore;
+    resetPrediction(param);
+    return param->scanNs == 1 ? decodeSingleComponent(param, routine) : decodeInterleaved(param, routine);
+}
+
+// A fill that stops: a stream that ended early or a scan that stopped with
+// a warning still completes the store with what was received; any other
+// failure leaves it to be refilled from the first scan.
+JpgStatus stopFilling(JpgParam *param, JpgStatus status) {
+    bool truncated = param->bs.state != 0 || status == JPG_STATUS_END_OF_STREAM;
+    if (truncated || (status & 0xF0000000u) == 0x80000000u) {
+        param->dec.storeState = kStoreComplete;
+        param->dec.storeStatus = truncated ? JPG_STATUS_UNEXPECTED_END : status;
+        return JPG_STATUS_OK;
+    }
+    param->dec.storeState = kStoreRestart;
+    return status;
+}
+
+// Reads the headers again from the start of the stream up to the first
+// scan, so that its bindings and the tables it uses are those of the first
+// scan, whatever later segments redefined.
+JpgStatus restartFromFirstScan(JpgParam *param) {
+    JpgStatus status = jpgReadRewindJPEGFile(param, 2, 1);  // just behind SOI
+    param->dhtCount = 0;
+    param->dhtList[0] = -1;
+    uint32_t marker = 0;
+    if (status == JPG_STATUS_OK)
+        status = parseTableSegments(param, &marker);
+    if (status == JPG_STATUS_OK && marker != param->frameMarker)
+        status = JPG_STATUS_BAD_DATA;
+    if (status == JPG_STATUS_OK)
+        status = jpgReadParseScanLevel(param);  // passes over the frame header
+    param->dec.storeState = status == JPG_STATUS_OK ? kStoreEmpty : kStoreRestart;
+    return status;
+}
+
+}  // namespace
+
+bool storeGeometryUsable(const JpgParam *param) {
+    if (param->mcuBuffer == nullptr || param->dec.mcuNext == nullptr || param->dec.coefBase == nullptr ||
+        param->dec.rowsCleared == nullptr)
+        return false;
+    if (param->numComponents < 1 || param->numComponents > 4 || param->mcuWidth == 0 ||
+        param->mcuHeight == 0 || param->mcusPerRow == 0 || param->mcuRows == 0 ||
+        param->mcuWidth > kMaxMcuSide || param->mcuHeight > kMaxMcuSide ||
+        static_cast<uint64_t>(param->mcusPerRow) * param->mcuRows != param->totalMcus)
+        return false;
+    uint32_t blocks = 0;
+    for (uint32_t c = 0; c < param->numComponents; c++) {
+        uint8_t sampling = param->components[c].sampling;
+        if ((sampling >> 4) == 0 || (sampling & 0x0F) == 0 || param->components[c].quant == nullptr)
+            return false;
+        blocks += samplingBlocks(sampling);
+    }
+    return blocks == param->blocksPerMcu;
+}
+
+JpgStatus prepareStore(JpgParam *param) {
+    const bool moved = (param->mode & kModeRewind) != 0;
+    param->mode &= ~kModeRewind;
+    switch (param->dec.storeState) {
+    case kStoreComplete:
+        return JPG_STATUS_OK;
+    case kStoreEmpty:
+        return moved ? jpgReadRewindJPEGFile(param, param->firstScanOffset, 1) : JPG_STATUS_OK;
+    case kStoreFilling:
+        if (!moved)
+            return JPG_STATUS_OK;
+        [[fallthrough]];
+    default:
+        return restartFromFirstScan(param);
+    }
+}
+
+JpgStatus fillStore(JpgParam *param, bool oneScan) {
+    if (param->dec.storeState == kStoreComplete)
+        return oneScan ? JPG_STATUS_ERROR : JPG_STATUS_OK;
+    if (param->dec.storeState != kStoreFilling) {
+        memset(param->dec.rowsCleared, 0, param->mcuRows);
+        param->dec.storeStatus = JPG_STATUS_OK;
+        param->dec.storeState = kStoreFilling;
+    }
+    for (;;) {
+        JpgStatus status = decodeScan(param);
+        if (status != JPG_STATUS_OK)
+            return stopFilling(param, status);
+        uint32_t marker = markerAfterScan(param);
+        if (param->bs.state != 0)
+            return stopFilling(param, JPG_STATUS_UNEXPECTED_END);
+        param->currentMarker = marker;
+        if (marker < kLowestMarker)
+            return stopFilling(param, JPG_STATUS_ERROR);
+        if (marker == kMarkerEoi) {
+            param->dec.storeState = kStoreComplete;
+            return JPG_STATUS_OK;
+        }
+        status = jpgReadParseScanLevel(param);
+        if (status != JPG_STATUS_OK)
+            return stopFilling(param, status);
+        if (oneScan)
+            return JPG_STATUS_OK;
+    }
+}
+
+namespace {
+
+// Dequantizes the given natural-order positions of the block at the
+// store's cursor (coefficient n times the quantization value at the zig-zag
+// index of n, kept as 16 bits), or zeroes them for a row never cleared.
+template <int kCount>
+inline void dequantize(const int16_t *source, const uint32_t *quant, bool stored, const uint8_t (&at)[kCount],
+                       int16_t *target) {
+    for (int i = 0; i < kCount; i++) {
+        int n = at[i];
+        target[n] = stored ? static_cast<int16_t>(static_cast<uint32_t>(source[n]) * quant[kNaturalToZigzag[n]]) : 0;
+    }
+}
+
+constexpr uint8_t kAllPositions[64] = {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11, 12, 13, 14, 15,
+                                       16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31,
+                                       32, 33, 34, 35, 36, 37, 38, 39, 40, 41, 42, 43, 44, 45, 46, 47,
+                                       48, 49, 50, 51, 52, 53, 54, 55, 56, 57, 58, 59, 60, 61, 62, 63};
+constexpr uint8_t kCorner1[1] = {0};
+constexpr uint8_t kCorner2[4] = {0, 1, 8, 9};
+constexpr uint8_t kCorner4[16] = {0, 1, 2, 3, 8, 9, 10, 11, 16, 17, 18, 19, 24, 25, 26, 27};
+
+// Reconstructs the MCU at the cursor into the current MCU buffer at scale
+// level kLevel (3: full size) and moves the cursor to the next MCU. The
+// reduced transforms read exactly the corner dequantized here, which is
+// what a sequential scaled decode keeps of every block.
+template <int kLevel>
+JpgStatus reconstructMcu(JpgParam *param) {
+    const int16_t *source = param->dec.coefCursor;
+    const size_t perMcu = coefficientsPerMcu(param);
+    if (source == nullptr || param->dec.coefBase == nullptr || param->dec.rowsCleared == nullptr ||
+        source < param->dec.coefBase || perMcu == 0 || param->mcusPerRow == 0 ||
+        static_cast<size_t>(source - param->dec.coefBase) / perMcu >= param->totalMcus)
+        return JPG_STATUS_BAD_DATA;
+    const size_t mcu = static_cast<size_t>(source - param->dec.coefBase) / perMcu;
+    const bool stored = param->dec.rowsCleared[mcu / param->mcusPerRow] != 0;
+    int16_t *target = param->mcuBuffer;
+    JpgStatus status = JPG_STATUS_OK;
+    uint32_t blocks = 0;
+    for (uint32_t c = 0; c < param->numComponents && c < 4; c++) {
+        const uint32_t *quant = param->components[c].quant;
+        uint32_t count = samplingBlocks(param->components[c].sampling);
+        if (quant == nullptr || blocks + count > param->blocksPerMcu)
+            return JPG_STATUS_BAD_DATA;
+        for (uint32_t b = 0; b < count; b++, blocks++, source += kBlock, target += kBlock) {
+            if constexpr (kLevel == 3) {
+                dequantize(source, quant, stored, kAllPositions, target);
+                status = jpgReadInverseDCT(target);
+            } else if constexpr (kLevel == 2) {
+                dequantize(source, quant, stored, kCorner4, target);
+                reduceTo4x4(target);
+            } else if constexpr (kLevel == 1) {
+                dequantize(source, quant, stored, kCorner2, target);
+                reduceTo2x2(target);
+            } else {
+                dequantize(source, quant, stored, kCorner1, target);
+                reduceTo1x1(target);
+            }
+        }
+    }
+    param->dec.coefCursor += perMcu;
+    return status;
+}
+
+// What one output pass uses: the MCU routine reading the store, the
+// upsampler, the converter and the MCU size at the output scale.
+struct OutputPath {
+    JpgMcuFunc reconstruct;
+    JpgUpSamplingFunc upsample;
+    JpgReadColorConvertFunc convert;
+    uint32_t mcuWidth, mcuHeight;
+};
+
+// Upsamples and converts the MCU in the buffers into lines firstLine ..
+// firstLine + strip height - 1 of the MCU at column x of the strip. Lines
+// from inside the MCU go through an MCU-sized scratch strip first, since
+// converters write from an MCU's top line.
+void convertHeldMcu(JpgParam *param, const OutputPath &path, const ComplibRect *strip, int32_t x,
+                    uint32_t firstLine) {
+    path.upsample(param);
+    int64_t width = static_cast<int64_t>(strip->width) - x;
+    if (width > path.mcuWidth)
+        width = path.mcuWidth;
+    if (width <= 0)  // an MCU right of the rectangle writes nothing
+        return;
+    ComplibRect target = *strip;
+    if (firstLine == 0) {
+        path.convert(param, &target, x, static_cast<int32_t>(width));
+        return;
+    }
+    uint8_t scratch[kMaxMcuSide * kMaxMcuSide * 4];
+    const size_t pixelBytes = static_cast<size_t>(strip->channels);
+    ComplibRect whole = *strip;
+    whole.pixels = scratch;
+    whole.width = static_cast<int32_t>(width);
+    whole.stride = static_cast<int32_t>(path.mcuWidth * pixelBytes);
+    whole.height = static_cast<int32_t>(firstLine) + strip->height;
+    whole.allocSize = sizeof scratch;
+    path.convert(param, &whole, 0, static_cast<int32_t>(width));
+    for (int32_t r = 0; r < strip->height; r++)
+        memcpy(strip->pixels + static_cast<ptrdiff_t>(r) * strip->stride + x * pixelBytes,
+               scratch + (firstLine + r) * static_cast<size_t>(whole.stride), static_cast<size_t>(width) * pixelBytes);
+}
+
+// Reconstructs MCU `index` of the image into the buffer given.
+void reconstructAt(JpgParam *param, const OutputPath &path, int16_t *buffer, size_t index) {
+    param->mcuBuffer = buffer;
+    param->dec.coefCursor = mcuCoefficients(param, index);
+    path.reconstruct(param);
+}
+
+// One MCU row into the strip, only as many MCUs as the strip shows. At full
+// size one MCU is reconstructed ahead, so that the upsampler sees the
+// right-hand neighbour (none for the row's last MCU); scaled output
+// replicates and needs none.
+void outputMcuRow(JpgParam *param, const OutputPath &path, const ComplibRect *strip, uint32_t row,
+                  uint32_t firstLine, bool lookAhead, int16_t *lower, int16_t *upper) {
+    const size_t first = static_cast<size_t>(row) * param->mcusPerRow;
+    const uint64_t shown = (static_cast<uint64_t>(strip->width) + path.mcuWidth - 1) / path.mcuWidth;
+    const uint32_t visible = shown < param->mcusPerRow ? static_cast<uint32_t>(shown) : param->mcusPerRow;
+    int16_t *held = lower, *spare = upper;
+    if (visible > 0)
+        reconstructAt(param, path, held, first);
+    for (uint32_t j = 0; j < visible; j++) {
+        const bool next = lookAhead && j + 1 < param->mcusPerRow;
+        if (next)
+            reconstructAt(param, path, spare, first + j + 1);
+        param->mcuBuffer = held;
+        param->dec.mcuNext = next ? spare : nullptr;
+        convertHeldMcu(param, path, strip, static_cast<int32_t>(j * path.mcuWidth), firstLine);
+        if (j + 1 == visible)
+            break;
+        if (next) {
+            int16_t *t = held;
+            held = spare;
+            spare = t;
+        } else {
+            reconstructAt(param, path, held, first + j + 1);
+        }
+    }
+    param->mcuBuffer = lower;
+    param->dec.mcuNext = upper;
+}
+
+// Delivers rows from the stored coefficients, starting at the processed-line
+// counter (which may stand inside an MCU row), into the rectangle from its
+// top row.
+JpgStatus outputRows(JpgParam *param, const OutputPath &path, const ComplibRect *rect, uint32_t rows,
+                     bool lookAhead) {
+    if (path.reconstruct == nullptr || path.upsample == nullptr || path.convert == nullptr ||
+        path.mcuWidth == 0 || path.mcuHeight == 0 || rect->channels < 1 || rect->channels > 4)
+        return JPG_STATUS_NOT_SUPPORTED;
+    int16_t *lower = param->mcuBuffer < param->dec.mcuNext ? param->mcuBuffer : param->dec.mcuNext;
+    int16_t *upper = param->mcuBuffer < param->dec.mcuNext ? param->dec.mcuNext : param->mcuBuffer;
+    ComplibRect strip = *rect;
+    uint32_t done = 0;
+    uint32_t line = param->processedLines;
+    for (uint32_t row = line / path.mcuHeight; done < rows && row < param->mcuRows; row++) {
+        const uint32_t firstLine = line % path.mcuHeight;
+        uint32_t lines = path.mcuHeight - firstLine;
+        lines = rows - done < lines ? rows - done : lines;
+        const int64_t room = static_cast<int64_t>(rect->height) - done;
+        if (room <= 0)
+            break;
+        strip.height = static_cast<int32_t>(lines < room ? lines : room);
+        strip.pixels = rect->pixels + static_cast<ptrdiff_t>(rect->stride) * done;
+        outputMcuRow(param, path, &strip, row, firstLine, lookAhead, lower, upper);
+        done += lines;
+        line += lines;
+    }
+    param->dec.coefCursor = param->dec.coefBase;
+    param->processedLines += rows;
+    return param->dec.storeStatus;
+}
+
+}  // namespace
+
+JpgStatus outputStoredRows(JpgParam *param, const ComplibRect *rect, uint32_t rows) {
+    OutputPath path{param->routines.mcuProgressive, param->routines.upsample, mcuRowConverter(param),
+                    param->mcuWidth, param->mcuHeight};
+    return outputRows(param, path, rect, rows, true);
+}
+
+JpgStatus outputStoredScaledRows(JpgParam *param, const ComplibRect *rect, uint32_t rows) {
+    int32_t level = param->scaleLevel;
+    if (level < 0 || level > 2)
+        return JPG_STATUS_INVALID_PARAMETER;
+    OutputPath path{param->routines.mcuScaled, param->routines.upsampleScaled, param->routines.convertScaled,
+                    param->mcuWidth >> (3 - level), param->mcuHeight >> (3 - level)};
+    return outputRows(param, path, rect, rows, false);
+}
+
+// MCU routine 0x302: the MCU at the cursor at full size.
+JpgStatus readProgressiveMCU(JpgParam *param) { return reconstructMcu<3>(param); }
+
+JpgStatus readStoredMcuLevel0(JpgParam *param) { return reconstructMcu<0>(param); }
+JpgStatus readStoredMcuLevel1(JpgParam *param) { return reconstructMcu<1>(param); }
+JpgStatus readStoredMcuLevel2(JpgParam *param) { return reconstructMcu<2>(param); }
+
+}  // namespace kiv
