@@ -142,6 +142,7 @@ struct JpgDecodeState {
     JpgStatus storeStatus;     // store: the warning of a stream that ended early, else 0
     uint8_t scanComponents[4]; // frame index of each scan component, in scan order
     uint8_t scanBlockStart[4]; // first block of each scan component inside an MCU
+    uint32_t componentsScanned;// store: bit c set once a scan of component c was decoded
 };
 
 // Progress of the coefficient store (JpgDecodeState::storeState).

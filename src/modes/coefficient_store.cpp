@@ -162,6 +162,8 @@ JpgStatus decodeScan(JpgParam *param) {
         routine = progressive ? progressiveCoefficientRoutine(param->scanSs, param->scanSe, param->scanAh)
                               : decodeBlockToStore;
     resetPrediction(param);
+    for (uint32_t i = 0; i < param->scanNs; i++)
+        param->dec.componentsScanned |= 1u << param->dec.scanComponents[i];
     return param->scanNs == 1 ? decodeSingleComponent(param, routine) : decodeInterleaved(param, routine);
 }
 
@@ -241,6 +243,7 @@ JpgStatus fillStore(JpgParam *param, bool oneScan) {
     if (param->dec.storeState != kStoreFilling) {
         memset(param->dec.rowsCleared, 0, param->mcuRows);
         param->dec.storeStatus = JPG_STATUS_OK;
+        param->dec.componentsScanned = 0;
         param->dec.storeState = kStoreFilling;
     }
     for (;;) {
@@ -254,7 +257,10 @@ JpgStatus fillStore(JpgParam *param, bool oneScan) {
         if (marker < kLowestMarker)
             return stopFilling(param, JPG_STATUS_ERROR);
         if (marker == kMarkerEoi) {
+            // A component no scan carried is missing from the image.
             param->dec.storeState = kStoreComplete;
+            if (param->dec.componentsScanned != (1u << param->numComponents) - 1)
+                param->dec.storeStatus = JPG_STATUS_UNEXPECTED_END;
             return JPG_STATUS_OK;
         }
         status = jpgReadParseScanLevel(param);

@@ -22,7 +22,8 @@ JpgStatus prepareStore(JpgParam *param);
 // Decodes the current scan and, unless oneScan, every following scan up to
 // EOI into the store. A stream that ends early, or a scan that stops with a
 // warning, completes the store with what was received and keeps that
-// status in dec.storeStatus; other failures return their status and leave
+// status in dec.storeStatus (JPG_STATUS_UNEXPECTED_END also when some
+// component had no scan at all); other failures return their status and leave
 // the store to be refilled from the first scan. With the store complete
 // already: JPG_STATUS_ERROR when one more scan was asked for, else 0.
 JpgStatus fillStore(JpgParam *param, bool oneScan);

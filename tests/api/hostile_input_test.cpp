@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include <malloc.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -190,6 +191,102 @@ TEST_F(HostileInput, FlippedBits) {
         }
     }
     EXPECT_GT(cases_, 300);
+}
+
+// Damage to the scan structure of real streams: restart markers missing,
+// repeated, out of order or inside a band; a scan naming a component twice
+// or one the frame lacks; a sequential frame whose scans leave a component
+// without data; restart intervals that do not divide the blocks. Each is
+// decoded twice through every driver, with other bytes in the output and
+// in fresh heap memory (glibc's perturbation; the sanitizer build has its
+// own allocator), and must give the same statuses and pixels both times.
+std::vector<Input> ScanDamage() {
+    std::vector<Input> out;
+    if (!kivtest::haveTool("jpegtran"))
+        return out;
+    auto transcode = [](const std::string &options) {
+        std::string path = kivtest::tempPath("damage.jpg");
+        kivtest::run("jpegtran " + options + " -outfile '" + path + "' '" + kivtest::corpus("samples/testorig.jpg") + "'");
+        return kivtest::readFile(path);
+    };
+    std::string script = kivtest::tempPath("luma-then-chroma.txt");
+    FILE *f = std::fopen(script.c_str(), "w");
+    std::fputs("0: 0-63, 0, 0; 1 2: 0-63, 0, 0;", f);
+    std::fclose(f);
+    const Bytes prog = transcode("-progressive -restart 2"), multi = transcode("-scans '" + script + "' -restart 3");
+    out.push_back({"progressive, interval 7", transcode("-progressive -restart 7")});
+    auto markers = [](const Bytes &s, uint8_t low, uint8_t high) {
+        std::vector<size_t> at;
+        for (size_t i = 2; i + 1 < s.size(); i++)
+            if (s[i] == 0xFF && s[i + 1] >= low && s[i + 1] <= high)
+                at.push_back(i);
+        return at;
+    };
+    for (const auto &[name, stream] : {std::make_pair("progressive", prog), std::make_pair("multi-scan", multi)}) {
+        std::vector<size_t> rst = markers(stream, 0xD0, 0xD7), sos = markers(stream, 0xDA, 0xDA);
+        Bytes missing, repeated = stream, swapped = stream, inBand = stream, twice = stream, foreign = stream;
+        for (size_t i = 0; i < stream.size(); i++)
+            if (std::find(rst.begin(), rst.end(), i) != rst.end())
+                i++;
+            else
+                missing.push_back(stream[i]);
+        repeated.insert(repeated.begin() + long(rst[1]), {0xFF, stream[rst[1] + 1]});
+        std::swap(swapped[rst[0] + 1], swapped[rst[1] + 1]);
+        size_t scan = sos.size() / 2, middle = (sos[scan] + (scan + 1 < sos.size() ? sos[scan + 1] : stream.size())) / 2;
+        while (inBand[middle - 1] == 0xFF)
+            middle++;
+        inBand.insert(inBand.begin() + long(middle), {0xFF, 0xD3});
+        size_t pair = stream[sos[0] + 4] > 1 ? sos[0] : sos[1];  // a scan of two components or more
+        twice[pair + 7] = twice[pair + 5];  // its second selector names its first component
+        foreign[pair + 5] = 9;
+        Bytes lost(stream.begin(), stream.begin() + long(sos.back()));
+        lost.insert(lost.end(), {0xFF, 0xD9});
+        for (auto &[what, bytes] : {std::make_pair("restart markers missing", missing),
+                                    std::make_pair("a restart marker repeated", repeated),
+                                    std::make_pair("restart markers swapped", swapped),
+                                    std::make_pair("a restart marker inside a band", inBand),
+                                    std::make_pair("a component twice in a scan", twice),
+                                    std::make_pair("a component the frame lacks", foreign),
+                                    std::make_pair("the last scan missing", lost)})
+            out.push_back({std::string(name) + ": " + what, bytes});
+    }
+    return out;
+}
+
+TEST_F(HostileInput, DamagedScanStructuresDecodeTheSameInFreshMemory) {
+    const uint8_t paths[][2] = {{0, 0}, {1, 0}, {2, 0}, {2, 1}, {2, 2}, {4, 1}, {4, 2}};
+    mallopt(M_MMAP_THRESHOLD, 256 << 20);  // large blocks too come from the perturbed heap
+    int cases = 0;
+    for (const Input &in : ScanDamage()) {
+        for (const auto &p : paths) {
+            kivtest::DecodeOutcome runs[2];
+            for (int run = 0; run < 2; run++) {
+                kivtest::DecodePlan plan;
+                plan.path = p[0];
+                plan.extra = p[1];
+                plan.batch = 16;
+                plan.flags = 2;
+                plan.fill = run == 0 ? 0xA5 : 0x5A;
+                mallopt(M_PERTURB, run == 0 ? 0x11 : 0xEE);
+                runs[run] = kivtest::DecodeWithPlan(in.bytes.data(), in.bytes.size(), plan);
+            }
+            mallopt(M_PERTURB, 0);
+            std::string what = in.name + " path " + std::to_string(p[0]) + " level " + std::to_string(p[1]);
+            EXPECT_TRUE(IsLibraryStatus(runs[0].last)) << what;
+            if (in.name.find("last scan missing") != std::string::npos)  // an image lacking a component
+                EXPECT_EQ(runs[0].last, p[0] == 2 && in.name[0] == 'm' ? JPG_STATUS_NOT_SUPPORTED
+                                                                        : JPG_STATUS_UNEXPECTED_END) << what;
+            EXPECT_EQ(runs[0].prolog, runs[1].prolog) << what;
+            EXPECT_EQ(runs[0].last, runs[1].last) << what;
+            // An error leaves the rectangle as it was; otherwise every byte is the decoder's.
+            JpgStatus last = runs[0].last;
+            if (last == JPG_STATUS_OK || last == JPG_STATUS_UNEXPECTED_END || (last >> 28) == 8)
+                EXPECT_EQ(runs[0].hash, runs[1].hash) << what << std::hex << " status 0x" << last;
+            cases++;
+        }
+    }
+    if (kivtest::haveTool("jpegtran"))
+        EXPECT_EQ(cases, 15 * 7);
 }
 
 TEST_F(HostileInput, InsertedDuplicatedAndSwappedSegments) {

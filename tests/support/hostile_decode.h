@@ -30,6 +30,7 @@ struct DecodePlan {
     uint64_t pixelCap = uint64_t(1) << 22;  // larger frames are opened but not decoded
     int maxCalls = 4096;  // bound on output calls, so a lying height cannot spin
     bool hashPixels = true;  // false: no pixel hash, output rectangles left unfilled (fuzzing)
+    uint8_t fill = 0xA5;     // what output rectangles hold before a decode writes them
     std::string tempDir = "/tmp";
 };
 
@@ -62,14 +63,14 @@ struct OwnedRect {
     uint8_t *memory = nullptr;
 
     OwnedRect(uint32_t width, uint32_t height, uint32_t channels, uint32_t bytesPerSample,
-              bool fill = true) {
+              bool fill = true, uint8_t pattern = 0xA5) {
         if (width == 0) width = 1;
         if (height == 0) height = 1;
         if (channels == 0) channels = 1;
         size_t stride = size_t(width) * channels * bytesPerSample;
         memory = static_cast<uint8_t *>(std::malloc(stride * height));
         if (fill)
-            std::memset(memory, 0xA5, stride * height);
+            std::memset(memory, pattern, stride * height);
         rect.width = int32_t(width);
         rect.height = int32_t(height);
         rect.stride = int32_t(stride);
@@ -108,7 +109,7 @@ inline void LineBatches(JpgParam *param, const DecodePlan &plan, uint32_t level,
         uint32_t lines = LinesPerCall(plan, h);
         if (h != 0 && lines > h - done)
             lines = h - done;
-        OwnedRect dst(w, lines, channels, 1, plan.hashPixels);
+        OwnedRect dst(w, lines, channels, 1, plan.hashPixels, plan.fill);
         out->last = level == 3 ? jpgReadToRect(param, &dst.rect, lines)
                                : jpgReadScaleOutputToRect(param, &dst.rect, lines, level);
         out->calls++;
@@ -133,7 +134,7 @@ inline void McuBatches(JpgParam *param, const DecodePlan &plan, uint32_t level, 
     uint32_t step = plan.batch % 5 + 1;
     for (uint32_t row = 0; row < rows && out->calls < plan.maxCalls; row++) {
         uint32_t lines = h - row * sh < sh ? h - row * sh : sh;
-        OwnedRect dst(w, lines, channels, 1, plan.hashPixels);
+        OwnedRect dst(w, lines, channels, 1, plan.hashPixels, plan.fill);
         for (uint32_t x = 0; x < perRow && out->calls < plan.maxCalls; x += step) {
             uint32_t n = perRow - x < step ? perRow - x : step;
             ComplibRect part = dst.rect;
@@ -161,7 +162,7 @@ inline void Progressive(JpgParam *param, const DecodePlan &plan, uint32_t w, uin
             uint32_t lines = LinesPerCall(plan, h);
             if (lines > h - done)
                 lines = h - done;
-            OwnedRect dst(w, lines, channels, 1, plan.hashPixels);
+            OwnedRect dst(w, lines, channels, 1, plan.hashPixels, plan.fill);
             out->last = jpgReadProgressiveToRect(param, &dst.rect, lines,
                                                  incremental ? JPG_PROGRESSIVE_INCREMENTAL : 0);
             out->calls++;
@@ -194,7 +195,7 @@ inline void Lossless(JpgParam *param, const DecodePlan &plan, uint32_t w, uint32
         uint32_t rows = LinesPerCall(plan, h);
         if (h != 0 && rows > h - done)
             rows = h - done;
-        OwnedRect dst(w, rows, channels, bytes, plan.hashPixels);
+        OwnedRect dst(w, rows, channels, bytes, plan.hashPixels, plan.fill);
         out->last = jpgReadSpatialToRect(param, &dst.rect, rows);
         out->calls++;
         dst.HashInto(HashOf(plan, out));
@@ -252,6 +253,7 @@ inline void Headers(JpgParam *param, DecodeOutcome *out) {
 }
 
 // Sequential DCT frames: path bits 1-3 choose the driver and the seek.
+// Progressive frames: path bit 1 chooses scaled output, bit 0 incremental.
 inline void Sequential(JpgParam *param, const DecodePlan &plan, const uint8_t *data, size_t size,
                        size_t split, uint32_t channels, DecodeOutcome *out) {
     uint32_t w = out->width, h = out->height;
@@ -363,7 +365,14 @@ inline DecodeOutcome DecodeWithPlan(const uint8_t *data, size_t size, const Deco
                 detail::Sequential(param, plan, data, size, split, channels, &out);
                 break;
             case JPG_PROCESS_PROGRESSIVE:
-                detail::Progressive(param, plan, out.width, out.height, channels, &out);
+                if ((plan.path >> 1) & 1) {  // scaled output from the scans
+                    uint32_t level = plan.extra % 3, sw = 1, sh = 1;
+                    out.last = jpgReadScaleOutputGetImageSize(param, &sw, &sh, level);
+                    if (out.last == JPG_STATUS_OK)
+                        detail::LineBatches(param, plan, level, sw, sh, channels, &out);
+                } else {
+                    detail::Progressive(param, plan, out.width, out.height, channels, &out);
+                }
                 break;
             case JPG_PROCESS_LOSSLESS:
                 detail::Lossless(param, plan, out.width, out.height, out.channels, out.precision,
