@@ -292,8 +292,9 @@ public:
         return image;
     }
 
-    // Decodes the whole image (any process; scaled output for sequential
-    // frames only). Warnings leave a usable, partly damaged image in `out`.
+    // Decodes the whole image (any process; scaled output for DCT frames).
+    // Warnings, and JPG_STATUS_UNEXPECTED_END for a stream that ends early,
+    // leave a usable, partly damaged image in `out`.
     Status decode(Image &out, Scale scale = Scale::Full) {
         if (param_ == nullptr)
             return JPG_STATUS_INVALID_HANDLE;
@@ -304,9 +305,9 @@ public:
     }
 
     // Decodes the next `rows` rows into out (whose shape comes from
-    // makeImage), starting at row `first` of out. Sequential and lossless
-    // frames may be decoded in strips this way; progressive frames decode all
-    // scans on the first call.
+    // makeImage), starting at row `first` of out. Every frame may be decoded
+    // in strips this way; frames coded in several scans (progressive ones)
+    // decode all scans on the first call.
     Status decodeRows(Image &out, uint32_t first, uint32_t rows, Scale scale = Scale::Full) {
         if (param_ == nullptr)
             return JPG_STATUS_INVALID_HANDLE;
@@ -321,7 +322,7 @@ public:
             return jpgReadScaleOutputToRect(param_, &r, rows, uint32_t(scale));
         case Process::Progressive:
             if (scale != Scale::Full)
-                return JPG_STATUS_NOT_SUPPORTED;
+                return jpgReadScaleOutputToRect(param_, &r, rows, uint32_t(scale));
             return jpgReadProgressiveToRect(param_, &r, rows, 0);
         case Process::Lossless: {
             if (scale != Scale::Full)

@@ -140,8 +140,8 @@ Status decodeStrips(Decoder &decoder, Scale scale, Image &out, bool showProgress
 
 Status decodeJpeg(Decoder &decoder, Scale scale, Image *out, std::string *note, bool showProgress) {
     const auto &h = decoder.header();
-    bool sequential = h.process == Process::Baseline || h.process == Process::Extended;
-    Scale libraryScale = sequential ? scale : Scale::Full;
+    bool dct = h.process == Process::Baseline || h.process == Process::Extended || h.process == Process::Progressive;
+    Scale libraryScale = dct ? scale : Scale::Full;
     *out = decoder.makeImage(libraryScale);
     if (out->empty())
         return JPG_STATUS_NOT_SUPPORTED;
@@ -153,7 +153,7 @@ Status decodeJpeg(Decoder &decoder, Scale scale, Image *out, std::string *note, 
     if (libraryScale != scale) {
         *out = boxReduce(*out, 8u >> uint32_t(scale));
         if (note != nullptr)
-            *note = std::string("the library scales sequential frames only; this ") +
+            *note = std::string("the library scales DCT frames only; this ") +
                     kivjpeg::processName(h.process) + " image was reduced by averaging";
     }
     return s;

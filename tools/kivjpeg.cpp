@@ -129,8 +129,7 @@ int cmdDecodeImpl(int argc, char **argv) {
     } else {
         s = decodeJpeg(decoder, scale, &image, &note, true);
         // A stream cut short still gives the lines before the cut.
-        bool partial = s.code() == JPG_STATUS_UNEXPECTED_END && !image.empty() &&
-                       decoder.header().process != Process::Progressive;
+        bool partial = s.code() == JPG_STATUS_UNEXPECTED_END && !image.empty();
         if (!s.ok() && !s.warning() && !partial)
             return failStatus("decode: " + pos[0], s);
     }
