@@ -78,7 +78,7 @@ extern "C" {
 JpgStatus jpgReadDecodeMcuRow(JpgParam *param, ComplibRect *rect, uint32_t count) {
     if (jpgCheckParam(param) == nullptr || rect == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
-    if (!routinesPresent(param) || param->mcuBuffer == nullptr)
+    if (!routinesPresent(param) || param->mcuBuffer == nullptr || kiv::usesCoefficientStore(param))
         return JPG_STATUS_NOT_SUPPORTED;
     if (param->currentMarker == 0xFFD9)
         return JPG_STATUS_UNEXPECTED_END;
