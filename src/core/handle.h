@@ -143,6 +143,7 @@ struct JpgDecodeState {
     uint8_t scanComponents[4]; // frame index of each scan component, in scan order
     uint8_t scanBlockStart[4]; // first block of each scan component inside an MCU
     uint32_t componentsScanned;// store: bit c set once a scan of component c was decoded
+    uint32_t scanInFrameOrder; // non-zero when scan position i is frame component i
 };
 
 // Progress of the coefficient store (JpgDecodeState::storeState).

@@ -213,6 +213,37 @@ constexpr kiv::Table<uint32_t, 64> makeUnitQuant() {
 }
 constexpr auto kUnitQuant = makeUnitQuant();
 
+// One MCU of an interleaved scan through the inverse DCT into the MCU
+// buffer, with one load of the reader's state, stored before any return and
+// before the restart processing reads the handle's reader. The scan's
+// components come in scan order, each into its own blocks; in the usual
+// frame order the blocks simply follow one another.
+template <bool kFrameOrder>
+[[gnu::always_inline]] inline JpgStatus decodeMcu(JpgParam *param) {
+    BitState bits(param);
+    const uint32_t ns = param->scanNs;
+    int16_t *block = param->mcuBuffer;
+    JpgStatus status = JPG_STATUS_OK;
+    for (uint32_t i = 0; i < ns; i++) {
+        JpgComponent *comp = &param->components[kFrameOrder ? i : param->dec.scanComponents[i]];
+        if constexpr (!kFrameOrder)
+            block = param->mcuBuffer + 64 * param->dec.scanBlockStart[i];
+        for (uint32_t b = 0; b < comp->blocks; b++, block += 64) {
+            clearBlock(block);
+            status = hasLookups(comp) ? decodeBlock<false>(bits, block, comp, comp->quant, 64)
+                                      : JPG_STATUS_FAILED;
+            if (status != JPG_STATUS_OK) {
+                bits.store();
+                return status;
+            }
+            jpgReadInverseDCT(block);
+        }
+    }
+    bits.store();
+    kiv::advanceMcuCounters(param);
+    return status;
+}
+
 }  // namespace
 
 namespace kiv {
@@ -251,27 +282,7 @@ JpgStatus jpgReadDecodeBaselineMcu(JpgParam *param) {
     JpgStatus status = kiv::checkSequentialScan(param);
     if (status != JPG_STATUS_OK)
         return status;
-    // One load of the reader's state for the whole MCU; stored before any
-    // return and before the restart processing reads the handle's reader.
-    // The scan's components come in scan order, each into its own blocks.
-    BitState bits(param);
-    for (uint32_t i = 0; i < param->scanNs; i++) {
-        JpgComponent *comp = &param->components[param->dec.scanComponents[i]];
-        int16_t *block = param->mcuBuffer + 64 * param->dec.scanBlockStart[i];
-        for (uint32_t b = 0; b < comp->blocks; b++, block += 64) {
-            clearBlock(block);
-            status = hasLookups(comp) ? decodeBlock<false>(bits, block, comp, comp->quant, 64)
-                                      : JPG_STATUS_FAILED;
-            if (status != JPG_STATUS_OK) {
-                bits.store();
-                return status;
-            }
-            jpgReadInverseDCT(block);
-        }
-    }
-    bits.store();
-    kiv::advanceMcuCounters(param);
-    return status;
+    return param->dec.scanInFrameOrder ? decodeMcu<true>(param) : decodeMcu<false>(param);
 }
 
 JpgMcuFunc jpgGetReadMCUGenericFunc(uint32_t id) {

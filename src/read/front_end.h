@@ -32,8 +32,13 @@ inline bool hasDecodeLookup(const JpgHuffmanTable &table) { return table.numCode
 // where the marker should stand) it skips ahead to the next marker. It
 // returns false when the scan's data ends there instead: a marker other than
 // RSTn, or the end of the input.
-bool endOfRestartUnit(JpgParam *param);
 bool startNextInterval(JpgParam *param);
+inline bool endOfRestartUnit(JpgParam *param) {
+    ++param->mcuAddress;
+    if (param->restartInterval == 0 || param->mcuAddress < param->restartInterval)
+        return true;
+    return startNextInterval(param);
+}
 
 // The marker behind a scan's data, not consumed: RSTn markers closing a
 // full last interval, DNL segments (which supply a missing height) and fill
@@ -52,7 +57,10 @@ void resetPrediction(JpgParam *param);
 // the scan's last MCU sets the expected marker to EOI; the others go
 // through endOfRestartUnit, and a scan whose data ends early also expects
 // nothing more.
-void advanceMcuCounters(JpgParam *param);
+inline void advanceMcuCounters(JpgParam *param) {
+    if (--param->mcusLeft == 0 || !endOfRestartUnit(param))
+        param->currentMarker = 0xFFD9;
+}
 
 // Whether a sequential MCU routine may run: JPG_STATUS_FAILED without blocks
 // or buffers, JPG_STATUS_NOT_SUPPORTED when the scan does not hold every

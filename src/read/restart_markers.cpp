@@ -69,13 +69,6 @@ bool startNextInterval(JpgParam *param) {
     return true;
 }
 
-bool endOfRestartUnit(JpgParam *param) {
-    ++param->mcuAddress;
-    if (param->restartInterval == 0 || param->mcuAddress < param->restartInterval)
-        return true;
-    return startNextInterval(param);
-}
-
 uint32_t markerAfterScan(JpgParam *param) {
     uint32_t code = jpgReadShowMarkerCode(param);
     while (param->bs.state == 0 && (isRestart(code) || code == 0xFFDC || code == kFill)) {
@@ -90,11 +83,6 @@ uint32_t markerAfterScan(JpgParam *param) {
         code = jpgReadShowMarkerCode(param);
     }
     return code;
-}
-
-void advanceMcuCounters(JpgParam *param) {
-    if (--param->mcusLeft == 0 || !endOfRestartUnit(param))
-        param->currentMarker = kEoi;
 }
 
 }  // namespace kiv

@@ -101,6 +101,7 @@ JpgStatus bindComponents(JpgParam *param, const ScanHeader &scan) {
     bool needDc, needAc;
     tablesUsed(param, &needDc, &needAc);
     uint32_t named = 0;
+    param->dec.scanInFrameOrder = 1;
     for (uint32_t i = 0; i < scan.ns; i++) {
         int32_t match = findFrameComponent(param, scan.cs[i]);
         uint32_t td = scan.tdTa[i] >> 4, ta = scan.tdTa[i] & 15;
@@ -128,6 +129,7 @@ JpgStatus bindComponents(JpgParam *param, const ScanHeader &scan) {
         for (int32_t c = 0; c < match; c++)
             start += samplingBlocks(param->components[c].sampling);
         param->dec.scanComponents[i] = static_cast<uint8_t>(match);
+        param->dec.scanInFrameOrder &= static_cast<uint32_t>(match) == i;
         param->dec.scanBlockStart[i] = static_cast<uint8_t>(start);
     }
     return JPG_STATUS_OK;
