@@ -144,6 +144,8 @@ struct JpgDecodeState {
     uint8_t scanBlockStart[4]; // first block of each scan component inside an MCU
     uint32_t componentsScanned;// store: bit c set once a scan of component c was decoded
     uint32_t scanInFrameOrder; // non-zero when scan position i is frame component i
+    int16_t naturalQuant[4][64];// store output: each component's quantization values in natural
+                                // order, kept to the 16 bits the dequantized products keep
 };
 
 // Progress of the coefficient store (JpgDecodeState::storeState).

@@ -274,21 +274,27 @@ JpgStatus fillStore(JpgParam *param, bool oneScan) {
 namespace {
 
 // Dequantizes the given natural-order positions of the block at the
-// store's cursor (coefficient n times the quantization value at the zig-zag
-// index of n, kept as 16 bits), or zeroes them for a row never cleared.
+// store's cursor (coefficient n times the quantization value for n, kept as
+// 16 bits), or zeroes them for a row never cleared.
 template <int kCount>
-inline void dequantize(const int16_t *source, const uint32_t *quant, bool stored, const uint8_t (&at)[kCount],
+inline void dequantize(const int16_t *source, const int16_t *quant, bool stored, const uint8_t (&at)[kCount],
                        int16_t *target) {
     for (int i = 0; i < kCount; i++) {
         int n = at[i];
-        target[n] = stored ? static_cast<int16_t>(static_cast<uint32_t>(source[n]) * quant[kNaturalToZigzag[n]]) : 0;
+        target[n] = stored ? static_cast<int16_t>(static_cast<uint16_t>(source[n]) * static_cast<uint32_t>(static_cast<uint16_t>(quant[n]))) : 0;
     }
 }
 
-constexpr uint8_t kAllPositions[64] = {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11, 12, 13, 14, 15,
-                                       16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31,
-                                       32, 33, 34, 35, 36, 37, 38, 39, 40, 41, 42, 43, 44, 45, 46, 47,
-                                       48, 49, 50, 51, 52, 53, 54, 55, 56, 57, 58, 59, 60, 61, 62, 63};
+// The whole block, in a form the compiler turns into vector multiplies.
+inline void dequantizeAll(const int16_t *source, const int16_t *quant, bool stored, int16_t *target) {
+    if (!stored) {
+        memset(target, 0, kBlock * sizeof(int16_t));
+        return;
+    }
+    for (size_t n = 0; n < kBlock; n++)
+        target[n] = static_cast<int16_t>(static_cast<uint16_t>(source[n]) * static_cast<uint32_t>(static_cast<uint16_t>(quant[n])));
+}
+
 constexpr uint8_t kCorner1[1] = {0};
 constexpr uint8_t kCorner2[4] = {0, 1, 8, 9};
 constexpr uint8_t kCorner4[16] = {0, 1, 2, 3, 8, 9, 10, 11, 16, 17, 18, 19, 24, 25, 26, 27};
@@ -311,13 +317,13 @@ JpgStatus reconstructMcu(JpgParam *param) {
     JpgStatus status = JPG_STATUS_OK;
     uint32_t blocks = 0;
     for (uint32_t c = 0; c < param->numComponents && c < 4; c++) {
-        const uint32_t *quant = param->components[c].quant;
+        const int16_t *quant = param->dec.naturalQuant[c];
         uint32_t count = samplingBlocks(param->components[c].sampling);
-        if (quant == nullptr || blocks + count > param->blocksPerMcu)
+        if (blocks + count > param->blocksPerMcu)
             return JPG_STATUS_BAD_DATA;
         for (uint32_t b = 0; b < count; b++, blocks++, source += kBlock, target += kBlock) {
             if constexpr (kLevel == 3) {
-                dequantize(source, quant, stored, kAllPositions, target);
+                dequantizeAll(source, quant, stored, target);
                 status = jpgReadInverseDCT(target);
             } else if constexpr (kLevel == 2) {
                 dequantize(source, quant, stored, kCorner4, target);
@@ -417,12 +423,15 @@ void outputMcuRow(JpgParam *param, const OutputPath &path, const ComplibRect *st
 
 // Delivers rows from the stored coefficients, starting at the processed-line
 // counter (which may stand inside an MCU row), into the rectangle from its
-// top row.
+// top row. The quantization tables are taken as they stand now.
 JpgStatus outputRows(JpgParam *param, const OutputPath &path, const ComplibRect *rect, uint32_t rows,
                      bool lookAhead) {
     if (path.reconstruct == nullptr || path.upsample == nullptr || path.convert == nullptr ||
         path.mcuWidth == 0 || path.mcuHeight == 0 || rect->channels < 1 || rect->channels > 4)
         return JPG_STATUS_NOT_SUPPORTED;
+    for (uint32_t c = 0; c < param->numComponents && c < 4; c++)
+        for (int n = 0; n < 64; n++)
+            param->dec.naturalQuant[c][n] = static_cast<int16_t>(param->components[c].quant[kNaturalToZigzag[n]]);
     int16_t *lower = param->mcuBuffer < param->dec.mcuNext ? param->mcuBuffer : param->dec.mcuNext;
     int16_t *upper = param->mcuBuffer < param->dec.mcuNext ? param->dec.mcuNext : param->mcuBuffer;
     ComplibRect strip = *rect;

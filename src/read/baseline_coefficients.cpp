@@ -2,13 +2,15 @@
 // and prediction, AC run/size pairs; ISO/IEC 10918-1 F.2.2), dequantizes into
 // natural order, and walks the blocks of one MCU through the inverse DCT with
 // one load of the bit reader's state. One block decoder serves full-size and
-// scaled output (the scaled one stores only the first coefficients).
+// scaled output (the scaled one stores only the first coefficients, which
+// the reduced transforms of scaled_output.cpp then turn into samples).
 #include <string.h>
 
 #include "core/tables.h"
 #include "modes/coefficient_store.h"
 #include "read/bit_reader.h"
 #include "read/front_end.h"
+#include "read/scaled_transforms.h"
 
 namespace {
 
@@ -213,35 +215,74 @@ constexpr kiv::Table<uint32_t, 64> makeUnitQuant() {
 }
 constexpr auto kUnitQuant = makeUnitQuant();
 
-// One MCU of an interleaved scan through the inverse DCT into the MCU
-// buffer, with one load of the reader's state, stored before any return and
-// before the restart processing reads the handle's reader. The scan's
-// components come in scan order, each into its own blocks; in the usual
-// frame order the blocks simply follow one another.
-template <bool kFrameOrder>
+// Zig-zag positions kept per scale level: the DC; up to 4 (F11, the last
+// one the 2x2 transform reads); up to 24 (F33, the last of the 4x4 corner).
+constexpr uint32_t kScaledLimits[3] = {0, 5, 25};
+
+// One block of an MCU at scale level kLevel (3: full size): cleared where
+// decoding may not write what the transform reads, decoded, transformed.
+template <int kLevel>
+[[gnu::always_inline]] inline JpgStatus decodeMcuBlock(BitState &bits, int16_t *block, JpgComponent *comp) {
+    if (!hasLookups(comp))
+        return JPG_STATUS_FAILED;
+    JpgStatus status;
+    if constexpr (kLevel == 3) {
+        clearBlock(block);
+        status = decodeBlock<false>(bits, block, comp, comp->quant, 64);
+    } else {
+        if constexpr (kLevel == 1)
+            block[1] = block[8] = block[9] = 0;
+        else if constexpr (kLevel == 2)
+            for (int i = 0; i < 32; i += 8)
+                memset(block + i, 0, 8 * sizeof(int16_t));
+        status = decodeBlock<true>(bits, block, comp, comp->quant, kScaledLimits[kLevel]);
+    }
+    if (status != JPG_STATUS_OK)
+        return status;
+    if constexpr (kLevel == 3)
+        jpgReadInverseDCT(block);
+    else if constexpr (kLevel == 2)
+        kiv::reduceTo4x4(block);
+    else if constexpr (kLevel == 1)
+        kiv::reduceTo2x2(block);
+    else
+        kiv::reduceTo1x1(block);
+    return JPG_STATUS_OK;
+}
+
+// One MCU of an interleaved scan into the MCU buffer, with one load of the
+// reader's state, stored before any return and before the restart
+// processing reads the handle's reader. The scan's components come in scan
+// order, each into its own blocks; in the usual frame order the blocks
+// simply follow one another.
+template <bool kFrameOrder, int kLevel>
 [[gnu::always_inline]] inline JpgStatus decodeMcu(JpgParam *param) {
     BitState bits(param);
     const uint32_t ns = param->scanNs;
     int16_t *block = param->mcuBuffer;
-    JpgStatus status = JPG_STATUS_OK;
     for (uint32_t i = 0; i < ns; i++) {
         JpgComponent *comp = &param->components[kFrameOrder ? i : param->dec.scanComponents[i]];
         if constexpr (!kFrameOrder)
             block = param->mcuBuffer + 64 * param->dec.scanBlockStart[i];
         for (uint32_t b = 0; b < comp->blocks; b++, block += 64) {
-            clearBlock(block);
-            status = hasLookups(comp) ? decodeBlock<false>(bits, block, comp, comp->quant, 64)
-                                      : JPG_STATUS_FAILED;
+            JpgStatus status = decodeMcuBlock<kLevel>(bits, block, comp);
             if (status != JPG_STATUS_OK) {
                 bits.store();
                 return status;
             }
-            jpgReadInverseDCT(block);
         }
     }
     bits.store();
     kiv::advanceMcuCounters(param);
-    return status;
+    return JPG_STATUS_OK;
+}
+
+template <int kLevel>
+JpgStatus decodeSequentialMcu(JpgParam *param) {
+    JpgStatus status = kiv::checkSequentialScan(param);
+    if (status != JPG_STATUS_OK)
+        return status;
+    return param->dec.scanInFrameOrder ? decodeMcu<true, kLevel>(param) : decodeMcu<false, kLevel>(param);
 }
 
 }  // namespace
@@ -278,12 +319,10 @@ JpgStatus jpgReadGetScaleCoefficient(JpgParam *param, int16_t *block, JpgCompone
     return decodeSingleBlock<true>(param, block, comp, comp->quant, limit);
 }
 
-JpgStatus jpgReadDecodeBaselineMcu(JpgParam *param) {
-    JpgStatus status = kiv::checkSequentialScan(param);
-    if (status != JPG_STATUS_OK)
-        return status;
-    return param->dec.scanInFrameOrder ? decodeMcu<true>(param) : decodeMcu<false>(param);
-}
+JpgStatus jpgReadDecodeBaselineMcu(JpgParam *param) { return decodeSequentialMcu<3>(param); }
+JpgStatus jpgReadScaleOutputLevel0MCU(JpgParam *param) { return decodeSequentialMcu<0>(param); }
+JpgStatus jpgReadScaleOutputLevel1MCU(JpgParam *param) { return decodeSequentialMcu<1>(param); }
+JpgStatus jpgReadScaleOutputLevel2MCU(JpgParam *param) { return decodeSequentialMcu<2>(param); }
 
 JpgMcuFunc jpgGetReadMCUGenericFunc(uint32_t id) {
     switch (id) {

@@ -165,53 +165,6 @@ namespace {
 constexpr uint32_t kEoi = 0xFFD9;
 constexpr uint32_t kLastDctSof = 0xFFC2;
 
-// Zig-zag positions kept per level: the DC; up to 4 (F11, the last one the
-// 2x2 transform reads); up to 24 (F33, the last of the 4x4 corner).
-constexpr uint32_t kLimits[3] = {0, 5, 25};
-
-// Clears the slots the level's transform reads that decoding may not write,
-// then decodes, then reduces.
-template <int kLevel>
-JpgStatus decodeScaledBlock(JpgParam *param, int16_t *block, JpgComponent *comp) {
-    if constexpr (kLevel == 1) {
-        block[1] = block[8] = block[9] = 0;
-    } else if constexpr (kLevel == 2) {
-        for (int i = 0; i < 32; i++)
-            block[i] = 0;
-    }
-    JpgStatus status = jpgReadGetScaleCoefficient(param, block, comp, kLimits[kLevel]);
-    if (status != JPG_STATUS_OK)
-        return status;
-    if constexpr (kLevel == 0)
-        reduceTo1x1(block);
-    else if constexpr (kLevel == 1)
-        reduceTo2x2(block);
-    else
-        reduceTo4x4(block);
-    return JPG_STATUS_OK;
-}
-
-// Decodes one MCU at the given level into the MCU buffer, the scan's
-// components in scan order each into its own blocks, and keeps the scan's
-// MCU counters as the full-size MCU routine does.
-template <int kLevel>
-JpgStatus decodeScaledMcu(JpgParam *param) {
-    JpgStatus status = checkSequentialScan(param);
-    if (status != JPG_STATUS_OK)
-        return status;
-    for (uint32_t i = 0; i < param->scanNs; i++) {
-        JpgComponent *comp = &param->components[param->dec.scanComponents[i]];
-        int16_t *block = param->mcuBuffer + 64 * param->dec.scanBlockStart[i];
-        for (uint32_t b = 0; b < comp->blocks; b++, block += 64) {
-            status = decodeScaledBlock<kLevel>(param, block, comp);
-            if (status != JPG_STATUS_OK)
-                return status;
-        }
-    }
-    advanceMcuCounters(param);
-    return JPG_STATUS_OK;
-}
-
 uint32_t scaledSize(uint32_t size, uint32_t level) {
     uint32_t s = size >> (3 - level);
     return s < 1 ? 1 : s;
@@ -310,9 +263,6 @@ JpgStatus jpgReadScaleOutputSetLevel(JpgParam *param, uint32_t level) {
     return JPG_STATUS_OK;
 }
 
-JpgStatus jpgReadScaleOutputLevel0MCU(JpgParam *param) { return kiv::decodeScaledMcu<0>(param); }
-JpgStatus jpgReadScaleOutputLevel1MCU(JpgParam *param) { return kiv::decodeScaledMcu<1>(param); }
-JpgStatus jpgReadScaleOutputLevel2MCU(JpgParam *param) { return kiv::decodeScaledMcu<2>(param); }
 
 JpgStatus jpgReadScaleOutputToRect(JpgParam *param, ComplibRect *rect, uint32_t lines,
                                    uint32_t level) {
