@@ -1,6 +1,8 @@
 // Shared helpers of the kivjpeg tool: argument parsing, error and progress
 // output, whole-image decoding into RGB order with a fallback reduction for
-// frames the library cannot scale, and image comparison (PSNR).
+// frames the library cannot scale, Adobe CMYK as ink or RGB, a marker walk of
+// its own (ISO/IEC 10918-1 B.1.1) that names refused coding processes, and
+// image comparison (PSNR).
 #include <algorithm>
 #include <cmath>
 #include <cstdio>

@@ -1,6 +1,7 @@
 // Shared pieces of the kivjpeg command-line tool: argument handling, error
-// reporting, JPEG decoding into RGB images, image comparison. Each command
-// lives in its own file and takes the arguments after its name.
+// reporting, JPEG decoding into RGB images (Adobe CMYK too), image
+// comparison. Each command lives in its own file and takes the arguments
+// after its name.
 #pragma once
 
 #include <cstdint>
