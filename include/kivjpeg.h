@@ -316,6 +316,7 @@ KIV_API void jpgReadCopy3(JpgParam *param, ComplibRect *rect, int32_t x, int32_t
 KIV_API void jpgReadCopy4(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width);
 KIV_API void jpgReadCopy3Reversed(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width);
 KIV_API void jpgReadYUV2Rect(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width);
+KIV_API void jpgReadYCCK2Rect(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width);
 KIV_API void jpgReadScaledCopyGrey(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width);
 KIV_API void jpgReadScaledCopy2(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width);
 KIV_API void jpgReadScaledCopy3(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width);
@@ -323,6 +324,8 @@ KIV_API void jpgReadScaledCopy4(JpgParam *param, ComplibRect *rect, int32_t x, i
 KIV_API void jpgReadScaledCopy3Reversed(JpgParam *param, ComplibRect *rect, int32_t x,
                                         int32_t width);
 KIV_API void jpgReadScaledYUV2Rect(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width);
+KIV_API void jpgReadScaledYCCK2Rect(JpgParam *param, ComplibRect *rect, int32_t x,
+                                    int32_t width);
 KIV_API void jpgReadYuv2RGB(int32_t *r, int32_t *g, int32_t *b, int32_t y, int32_t cb,
                             int32_t cr);
 

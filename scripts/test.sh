@@ -14,6 +14,7 @@ command -v python3 >/dev/null || need+=(python3)
 echo 'int main(){}' | g++ -m32 -x c++ - -o /dev/null 2>/dev/null || need+=(g++-multilib)
 [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
 command -v djpeg >/dev/null || need+=(libjpeg-turbo-progs)
+[ -f /usr/include/jpeglib.h ] || need+=(libjpeg62-turbo-dev)  # the CMYK test oracle links it
 [ -x /usr/bin/convert ] || need+=(imagemagick)
 command -v readelf >/dev/null || need+=(binutils)
 [ -d /usr/share/backgrounds/mate ] || need+=(mate-backgrounds)

@@ -1,6 +1,9 @@
 // Shared helpers of the kivjpeg tool: argument parsing, error and progress
 // output, whole-image decoding into RGB order with a fallback reduction for
-// frames the library cannot scale, and image comparison (PSNR).
+// frames the library cannot scale, Adobe CMYK as ink or RGB, a marker walk of
+// its own (ISO/IEC 10918-1 B.1.1) that names refused coding processes, and
+// image comparison (PSNR).
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -95,6 +98,87 @@ double nowSeconds() {
     timespec t;
     clock_gettime(CLOCK_MONOTONIC, &t);
     return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
+}
+
+StreamFacts readStreamFacts(const std::vector<uint8_t> &b) {
+    StreamFacts facts;
+    size_t i = 2;  // behind SOI
+    while (i + 1 < b.size()) {
+        if (b[i] != 0xFF || b[i + 1] == 0xFF) {  // fill bytes, or no marker here
+            i++;
+            continue;
+        }
+        uint16_t m = uint16_t(0xFF00 | b[i + 1]);
+        i += 2;
+        if ((m >= 0xFFD0 && m <= 0xFFD8) || m == 0xFF01 || m == 0xFF00)
+            continue;  // no length field
+        if (m == 0xFFD9 || m == 0xFFDA || i + 2 > b.size())
+            break;  // the library has chosen its routines by the first scan
+        size_t length = size_t(b[i] << 8 | b[i + 1]);
+        if (length < 2)
+            break;
+        size_t end = std::min(b.size(), i + length);
+        const uint8_t *p = b.data() + i + 2;
+        size_t n = end - (i + 2);  // payload bytes present
+        bool sof = m >= 0xFFC0 && m <= 0xFFCF && m != 0xFFC4 && m != 0xFFC8 && m != 0xFFCC;
+        if (sof && facts.frame == 0 && n >= 1) {
+            facts.frame = m;
+            facts.precision = p[0];
+        } else if (m == 0xFFEE && n >= 12 && std::equal(p, p + 5, "Adobe")) {
+            facts.adobeTransform = p[11];
+        }
+        i = end;
+    }
+    return facts;
+}
+
+std::string unsupportedProcess(const StreamFacts &f) {
+    // ISO/IEC 10918-1 Table B.1, by the low nibble of the SOFn marker.
+    static const char *const kProcess[16] = {
+        "baseline DCT", "extended sequential DCT", "progressive DCT", "lossless", nullptr,
+        "hierarchical sequential DCT", "hierarchical progressive DCT", "hierarchical lossless",
+        nullptr, "arithmetic-coded sequential DCT", "arithmetic-coded progressive DCT",
+        "arithmetic-coded lossless", nullptr, "hierarchical arithmetic-coded sequential DCT",
+        "hierarchical arithmetic-coded progressive DCT", "hierarchical arithmetic-coded lossless"};
+    if (f.frame < 0xFFC0 || f.frame > 0xFFCF || kProcess[f.frame & 15] == nullptr)
+        return "";
+    bool lossless = (f.frame & 3) == 3;
+    if (f.frame <= 0xFFC3 && (lossless || f.precision == 8))
+        return "";  // a process the library decodes
+    std::string bits = lossless || f.precision == 8 ? "" : std::to_string(f.precision) + "-bit ";
+    return bits + kProcess[f.frame & 15] + " (" + markerName(f.frame) + ") is not supported";
+}
+
+std::string describeRefusal(const StreamFacts &facts, Status status) {
+    std::string process = unsupportedProcess(facts);
+    if (status.code() != JPG_STATUS_NOT_SUPPORTED || process.empty())
+        return status.describe();
+    return process + " (" + status.name() + ")";
+}
+
+bool holdsAdobeCmyk(const StreamFacts &facts, const kivjpeg::Header &h, bool noColorConversion) {
+    if (h.components != 4 || noColorConversion || h.precision != 8)
+        return false;
+    // The library converts YCCK in the DCT processes only.
+    return facts.adobeTransform == 0 || (facts.adobeTransform == 2 && h.process != Process::Lossless);
+}
+
+Image cmykToInk(const Image &stored) {
+    Image out = stored;
+    for (auto &v : out.data)
+        v = uint8_t(255 - v);
+    return out;
+}
+
+Image cmykToRgb(const Image &stored) {
+    Image out(stored.width, stored.height, 3, 1, PixelOrder::RGB);
+    const size_t n = size_t(stored.width) * stored.height;
+    for (size_t i = 0; i < n; i++) {
+        const uint8_t *cmyk = &stored.data[4 * i];
+        for (int c = 0; c < 3; c++)
+            out.data[3 * i + c] = uint8_t((cmyk[c] * cmyk[3] + 127) / 255);
+    }
+    return out;
 }
 
 Status openJpeg(Decoder &decoder, const std::vector<uint8_t> &bytes, std::string *note) {
@@ -238,13 +322,16 @@ bool loadAnyImage(const std::string &path, Image *image, std::string *error) {
     if (formatFromBytes(bytes) != Format::Jpeg)
         return readImage(bytes, image, error);
     Decoder decoder;
+    StreamFacts facts = readStreamFacts(bytes);
     Status s = openJpeg(decoder, bytes, nullptr);
     if (s)
         s = decodeJpeg(decoder, Scale::Full, image, nullptr);
     if (!s.ok() && !s.warning()) {
-        *error = s.describe();
+        *error = describeRefusal(facts, s);
         return false;
     }
+    if (holdsAdobeCmyk(facts, decoder.header(), false))
+        *image = cmykToRgb(*image);
     return true;
 }
 

@@ -223,7 +223,7 @@ int openForReading(const std::string &command, const std::string &path, Decoder 
         return fail(command + ": " + path,
                     s.describe() + " (not a JPEG file: it does not start with FF D8)");
     if (!s)
-        return failStatus(command + ": " + path, s);
+        return fail(command + ": " + path, describeRefusal(readStreamFacts(bytes), s));
     return kExitOk;
 }
 

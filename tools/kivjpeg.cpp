@@ -57,13 +57,20 @@ Format outputFormat(const std::string &path, const std::string &forced) {
     return formatFromName(path);
 }
 
+// Adobe CMYK as the output format holds it: a PAM (.pam, --format pam) gets
+// ink amounts under Netpbm's CMYK tuple type, every other format (PPM too) RGB.
+Image cmykForFormat(const Image &stored, Format format) {
+    return format == Format::Pam ? cmykToInk(stored) : cmykToRgb(stored);
+}
+
 bool saveImage(const std::string &path, const Image &image, Format format, std::string *error) {
     std::vector<uint8_t> bytes;
     return writeImage(image, format, &bytes, error) && writeAll(path, bytes, error);
 }
 
 // Writes one image per progressive scan into dir: pass-01.png, ...
-int decodePasses(Decoder &decoder, const std::string &dir, Format format, Image *final) {
+int decodePasses(Decoder &decoder, const std::string &dir, Format format, bool cmyk,
+                 Image *final) {
     mkdir(dir.c_str(), 0755);
     const char *ext = format == Format::Png   ? "png"
                       : format == Format::Bmp ? "bmp"
@@ -78,7 +85,7 @@ int decodePasses(Decoder &decoder, const std::string &dir, Format format, Image 
             break;
         if (!s.ok())
             return failStatus("decode: pass " + std::to_string(n + 1), s);
-        Image rgb = pass;
+        Image rgb = cmyk ? cmykForFormat(pass, format) : pass;
         if (rgb.order == PixelOrder::BGR)
             rgb.swapRedBlue();
         char name[32];
@@ -112,11 +119,14 @@ int cmdDecodeImpl(int argc, char **argv) {
     if (!readAll(pos[0], &bytes, &error))
         return fail("decode", error);
     Decoder decoder;
+    StreamFacts facts = readStreamFacts(bytes);
     Status s = openJpeg(decoder, bytes, &note);
     if (!s)
-        return failStatus("decode: " + pos[0], s);
-    if (args.has("no-color-conversion") && !(s = decoder.setNoColorConversion()))
+        return fail("decode: " + pos[0], describeRefusal(facts, s));
+    bool noColor = args.has("no-color-conversion");
+    if (noColor && !(s = decoder.setNoColorConversion()))
         return failStatus("decode", s);
+    bool cmyk = holdsAdobeCmyk(facts, decoder.header(), noColor);
     Image image;
     if (args.has("passes")) {
         if (decoder.header().process != Process::Progressive)
@@ -124,14 +134,16 @@ int cmdDecodeImpl(int argc, char **argv) {
                                       std::string(kivjpeg::processName(decoder.header().process)));
         if (scale != Scale::Full)
             return fail("decode", "--passes and --scale cannot be combined");
-        if (int rc = decodePasses(decoder, args.get("passes"), format, &image))
+        if (int rc = decodePasses(decoder, args.get("passes"), format, cmyk, &image))
             return rc;
     } else {
         s = decodeJpeg(decoder, scale, &image, &note, true);
         // A stream cut short still gives the lines before the cut.
         bool partial = s.code() == JPG_STATUS_UNEXPECTED_END && !image.empty();
         if (!s.ok() && !s.warning() && !partial)
-            return failStatus("decode: " + pos[0], s);
+            return fail("decode: " + pos[0], describeRefusal(facts, s));
+        if (cmyk)
+            image = cmykForFormat(image, format);
     }
     if (!note.empty())
         fprintf(stderr, "kivjpeg: decode: note: %s\n", note.c_str());

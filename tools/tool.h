@@ -1,6 +1,7 @@
 // Shared pieces of the kivjpeg command-line tool: argument handling, error
-// reporting, JPEG decoding into RGB images, image comparison. Each command
-// lives in its own file and takes the arguments after its name.
+// reporting, JPEG decoding into RGB images (Adobe CMYK too), image
+// comparison. Each command lives in its own file and takes the arguments
+// after its name.
 #pragma once
 
 #include <cstdint>
@@ -52,6 +53,32 @@ private:
 };
 
 double nowSeconds();
+
+// What the tool reads from a stream's markers itself, up to the first scan
+// header: the frame marker with its sample precision, and the colour
+// transform of an Adobe APP14 segment.
+struct StreamFacts {
+    uint16_t frame = 0;  // SOFn, 0 when none was found
+    uint32_t precision = 0;
+    int adobeTransform = -1;  // -1: no Adobe segment
+};
+StreamFacts readStreamFacts(const std::vector<uint8_t> &bytes);
+
+// "arithmetic-coded sequential DCT (SOF9) is not supported" for a frame whose
+// process the library does not decode; "" for one it does.
+std::string unsupportedProcess(const StreamFacts &facts);
+// A refusal as the tool reports it: JPG_STATUS_NOT_SUPPORTED caused by the
+// frame names the process, anything else is the status text.
+std::string describeRefusal(const StreamFacts &facts, kivjpeg::Status status);
+
+// True when the decoded four-channel image holds CMYK the Adobe way (inverted
+// values): a transform-0 stream as coded, or a transform-2 (YCCK) stream the
+// library converted.
+bool holdsAdobeCmyk(const StreamFacts &facts, const kivjpeg::Header &header, bool noColorConversion);
+// From Adobe's stored CMYK: ink amounts (255 - stored, Netpbm's CMYK), or RGB
+// (R = C x K / 255 rounded, likewise G from M and B from Y).
+kivjpeg::Image cmykToInk(const kivjpeg::Image &stored);
+kivjpeg::Image cmykToRgb(const kivjpeg::Image &stored);
 
 // Opens a JPEG from bytes; retries without the end-of-image check for a
 // stream whose EOI marker is missing (and says so in *note).

@@ -18,9 +18,16 @@ void selectReadRoutines(JpgParam *param) {
 
     uint32_t channels = param->numComponents < 1 ? 1 : param->numComponents > 255 ? 255
                                                                                 : param->numComponents;
+    // Conversion kind: 1 reversed copy (RGB), 2 YCbCr to B, G, R, 3 YCCK to
+    // C, M, Y, K (four components with Adobe transform 2); 0 plain copy, also
+    // for CMYK (transform 0 or no Adobe segment) and whenever conversion is off.
     uint32_t kind = 0;
-    if (channels == 3 && !(param->mode & kModeNoColorConversion))
-        kind = (param->mode & kModeYCbCr) ? 2 : 1;
+    if (!(param->mode & kModeNoColorConversion)) {
+        if (channels == 3)
+            kind = (param->mode & kModeYCbCr) ? 2 : 1;
+        else if (channels == 4 && (param->mode & kModeAdobe) && param->adobeTransform == 2)
+            kind = 3;
+    }
     uint32_t id = (static_cast<uint32_t>(param->precision != 8) << 29) | (kind << 24) | channels;
     r.convert = jpgGetReadColorConvertFunc(id | 0x20200, flag);
     r.convertScaled = jpgGetReadColorConvertFunc(id | 0x40020200, flag);

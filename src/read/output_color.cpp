@@ -2,8 +2,10 @@
 // reached through the block map and block pointer table) into the caller's
 // rectangle as 8-bit pixels, clipped at the right and bottom edges. YCbCr
 // becomes B, G, R by the JFIF equations (ISO/IEC 10918-1 leaves the colour
-// space to the application) with 16-bit fixed-point tables; other layouts copy
-// or reorder. One template per layout serves full-size and scaled blocks.
+// space to the application) with 16-bit fixed-point tables; YCCK (Adobe
+// transform 2) becomes C, M, Y, K as Adobe stores CMYK, inverted: 255 minus
+// the R, G, B of the same equations, K unchanged. Other layouts copy or
+// reorder. One template per layout serves full-size and scaled blocks.
 #include "core/codec.h"
 #include "core/tables.h"
 #include "read/output_color.h"
@@ -67,7 +69,7 @@ inline Bgr yccToBgr(int32_t y, int32_t cb, int32_t cr) {
             kClampZero[y + crp.second]};
 }
 
-enum class Layout { Copy, Reversed, YCbCr };
+enum class Layout { Copy, Reversed, YCbCr, Ycck };
 
 // Writes the pixel at sample index i of the component blocks src.
 template <int kChannels, Layout kLayout>
@@ -77,6 +79,12 @@ inline void storePixel(const int16_t *const *src, int i, uint8_t *dst) {
         dst[0] = p.b;
         dst[1] = p.g;
         dst[2] = p.r;
+    } else if constexpr (kLayout == Layout::Ycck) {
+        Bgr p = yccToBgr(src[0][i], src[1][i], src[2][i]);
+        dst[0] = static_cast<uint8_t>(255 - p.r);
+        dst[1] = static_cast<uint8_t>(255 - p.g);
+        dst[2] = static_cast<uint8_t>(255 - p.b);
+        dst[3] = static_cast<uint8_t>(src[3][i]);
     } else {
         for (int c = 0; c < kChannels; c++) {
             int from = kLayout == Layout::Reversed ? kChannels - 1 - c : c;
@@ -86,12 +94,21 @@ inline void storePixel(const int16_t *const *src, int i, uint8_t *dst) {
 }
 
 #if KIV_HAVE_SSE2_COLOR
+// Layouts with an SSE2 block writer: all but two-channel copies and YCCK,
+// which go pixel by pixel.
+template <int kChannels, Layout kLayout>
+constexpr bool kHasSse2Writer =
+    kLayout == Layout::YCbCr || kLayout == Layout::Reversed ||
+    (kLayout == Layout::Copy && (kChannels == 1 || kChannels == 3 || kChannels == 4));
+
 // Whole blocks of 8 columns go through the SSE2 writers; false when the
-// layout has none (two channels) and the caller writes pixel by pixel.
+// layout has none and the caller writes pixel by pixel.
 template <int kChannels, Layout kLayout, bool kPaired>
 inline bool storeWholeBlockSse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride,
                                 int rows) {
-    if constexpr (kLayout == Layout::YCbCr && kPaired) {
+    if constexpr (!kHasSse2Writer<kChannels, kLayout>) {
+        return false;
+    } else if constexpr (kLayout == Layout::YCbCr && kPaired) {
         storeBlockBgrPairedSse2(src, dst, stride, rows);
     } else if constexpr (kLayout == Layout::YCbCr) {
         storeBlockBgrSse2(src, dst, stride, rows);
@@ -102,10 +119,8 @@ inline bool storeWholeBlockSse2(const int16_t *const *src, uint8_t *dst, ptrdiff
         storeBlockCopy1Sse2(src, dst, stride, rows);
     } else if constexpr (kChannels == 3) {
         storeBlockCopy3Sse2(src, dst, stride, rows);
-    } else if constexpr (kChannels == 4) {
-        storeBlockCopy4Sse2(src, dst, stride, rows);
     } else {
-        return false;
+        storeBlockCopy4Sse2(src, dst, stride, rows);
     }
     return true;
 }
@@ -149,9 +164,8 @@ void convertMcu(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
     uint8_t *rowBase = rect->pixels + static_cast<ptrdiff_t>(x) * step;
 #if KIV_HAVE_SSE2_COLOR
     // A whole MCU inside the rectangle: every block through the SSE2 writer.
-    constexpr bool kWriter = kLayout != Layout::Copy || kChannels != 2;
-    if (kWriter && !kScaled && step == kChannels && width >= 8 * static_cast<int64_t>(hmax) &&
-        rect->height >= 8 * static_cast<int64_t>(vmax)) {
+    if (kHasSse2Writer<kChannels, kLayout> && !kScaled && step == kChannels &&
+        width >= 8 * static_cast<int64_t>(hmax) && rect->height >= 8 * static_cast<int64_t>(vmax)) {
         const uint32_t *map = blockMap;
         for (uint32_t by = 0; by < vmax; by++, rowBase += 8 * stride) {
             uint8_t *dst = rowBase;
@@ -224,12 +238,14 @@ KIV_CONVERTER(jpgReadCopy3, 3, Copy, false)
 KIV_CONVERTER(jpgReadCopy4, 4, Copy, false)
 KIV_CONVERTER(jpgReadCopy3Reversed, 3, Reversed, false)
 KIV_CONVERTER(jpgReadYUV2Rect, 3, YCbCr, false)
+KIV_CONVERTER(jpgReadYCCK2Rect, 4, Ycck, false)
 KIV_CONVERTER(jpgReadScaledCopyGrey, 1, Copy, true)
 KIV_CONVERTER(jpgReadScaledCopy2, 2, Copy, true)
 KIV_CONVERTER(jpgReadScaledCopy3, 3, Copy, true)
 KIV_CONVERTER(jpgReadScaledCopy4, 4, Copy, true)
 KIV_CONVERTER(jpgReadScaledCopy3Reversed, 3, Reversed, true)
 KIV_CONVERTER(jpgReadScaledYUV2Rect, 3, YCbCr, true)
+KIV_CONVERTER(jpgReadScaledYCCK2Rect, 4, Ycck, true)
 
 #undef KIV_CONVERTER
 
@@ -251,12 +267,14 @@ JpgReadColorConvertFunc jpgGetReadColorConvertGenericFunc(uint32_t id) {
     case 0x20204: return jpgReadCopy4;
     case 0x1020203: return jpgReadCopy3Reversed;
     case 0x2020203: return jpgReadYUV2Rect;
+    case 0x3020204: return jpgReadYCCK2Rect;
     case 0x40020201: return jpgReadScaledCopyGrey;
     case 0x40020202: return jpgReadScaledCopy2;
     case 0x40020203: return jpgReadScaledCopy3;
     case 0x40020204: return jpgReadScaledCopy4;
     case 0x41020203: return jpgReadScaledCopy3Reversed;
     case 0x42020203: return jpgReadScaledYUV2Rect;
+    case 0x43020204: return jpgReadScaledYCCK2Rect;
     default: return nullptr;
     }
 }

@@ -12,6 +12,7 @@
 #include <regex>
 #include <sstream>
 
+#include "cmyk_helpers.h"
 #include "test_support.h"
 
 namespace {
@@ -129,16 +130,29 @@ std::map<std::string, std::string> infoJson(const std::string &file, int *rc = n
 struct Pnm {
     uint32_t width = 0, height = 0, channels = 0, maxval = 0;
     std::vector<uint8_t> data;
+    std::string tupleType;  // PAM only
 };
 
+// Binary PGM, PPM or PAM.
 Pnm readPnm(const std::string &path) {
     Pnm p;
     std::vector<uint8_t> b = readFile(path);
-    std::string head(b.begin(), b.begin() + long(std::min<size_t>(b.size(), 64)));
+    std::string head(b.begin(), b.begin() + long(std::min<size_t>(b.size(), 128)));
     std::istringstream in(head);
     std::string magic;
-    in >> magic >> p.width >> p.height >> p.maxval;
-    p.channels = magic == "P6" ? 3 : magic == "P5" ? 1 : 0;
+    in >> magic;
+    if (magic == "P7") {
+        std::map<std::string, uint32_t *> fields = {
+            {"WIDTH", &p.width}, {"HEIGHT", &p.height}, {"DEPTH", &p.channels}, {"MAXVAL", &p.maxval}};
+        for (std::string key; in >> key && key != "ENDHDR";)
+            if (key == "TUPLTYPE")
+                in >> p.tupleType;
+            else if (fields.count(key))
+                in >> *fields[key];
+    } else {
+        in >> p.width >> p.height >> p.maxval;
+        p.channels = magic == "P6" ? 3 : magic == "P5" ? 1 : 0;
+    }
     size_t offset = size_t(in.tellg()) + 1;
     if (p.channels != 0 && offset <= b.size())
         p.data.assign(b.begin() + long(offset), b.end());
@@ -149,6 +163,16 @@ void writePnm(const std::string &path, const Pnm &p) {
     std::ofstream out(path, std::ios::binary);
     out << (p.channels == 3 ? "P6\n" : "P5\n") << p.width << " " << p.height << "\n" << p.maxval << "\n";
     out.write(reinterpret_cast<const char *>(p.data.data()), long(p.data.size()));
+}
+
+// Largest sample difference reported by `kivjpeg compare`; -1 on failure.
+int maxDifference(const std::string &a, const std::string &b) {
+    std::string out;
+    std::smatch m;
+    if (kiv("compare '" + a + "' '" + b + "'", &out) != 0 ||
+        !std::regex_search(out, m, std::regex("max difference ([0-9]+)")))
+        return -1;
+    return std::stoi(m[1]);
 }
 
 // PSNR reported by `kivjpeg compare`; +inf for identical images, NaN on failure.
@@ -174,6 +198,8 @@ std::vector<std::string> corpusJpegs() {
     return files;
 }
 
+// The library opens Huffman-coded non-hierarchical frames with up to four
+// components, DCT frames only at 8 bits.
 bool libraryOpens(const std::string &file) {
     Frame f = frameOf(walkJpeg(readFile(file)));
     return f.sof >= 0xFFC0 && f.sof <= 0xFFC3 && f.components <= 4 &&
@@ -492,6 +518,88 @@ TEST(ToolDecode, ErrorsNameTheStatus) {
     EXPECT_EQ(kiv("decode a b --bogus", &out), 1);
     EXPECT_NE(out.find("unknown option --bogus"), std::string::npos);
     EXPECT_EQ(kiv("frobnicate", &out), 1);
+}
+
+TEST(ToolDecode, UnsupportedProcessesAreNamed) {
+    // Frame headers alone: the prolog refuses them before any scan.
+    auto frameOnly = [](uint8_t sof, uint8_t precision) {
+        std::string path = tempPath("sof" + std::to_string(sof & 15) + ".jpg");
+        kivtest::writeFile(path, {0xFF, 0xD8, 0xFF, sof, 0x00, 0x0B, precision, 0x00, 0x10, 0x00,
+                                  0x10, 0x01, 0x01, 0x11, 0x00, 0xFF, 0xD9});
+        return path;
+    };
+    // The 12-bit sequential streams are refused at the prolog only by a
+    // library that has no 12-bit DCT routines; before that, info reports them.
+    const std::pair<std::string, std::string> cases[] = {
+        {corpus("samples/testimgari.jpg"), "arithmetic-coded sequential DCT (SOF9) is not supported"},
+        {corpus("samples/monkey12.jpg"), "12-bit extended sequential DCT (SOF1) is not supported"},
+        {corpus("conformance/E1.jpg"), "12-bit extended sequential DCT (SOF1) is not supported"},
+        {frameOnly(0xC2, 12), "12-bit progressive DCT (SOF2) is not supported"},
+        {frameOnly(0xC5, 8), "hierarchical sequential DCT (SOF5) is not supported"},
+        {frameOnly(0xCB, 8), "arithmetic-coded lossless (SOF11) is not supported"},
+    };
+    for (const auto &[file, message] : cases)
+        for (const std::string command : {"info", "decode"}) {
+            SCOPED_TRACE(command + " " + file);
+            std::string out, target = command == "decode" ? " " + tempPath("x.pam") : "";
+            EXPECT_EQ(kiv(command + " '" + file + "'" + target, &out), 1);
+            EXPECT_NE(out.find(message + " (JPG_STATUS_NOT_SUPPORTED)"), std::string::npos) << out;
+        }
+}
+
+// Four-component Adobe streams written by libjpeg from CMYK: a PAM holds ink
+// amounts (Netpbm's CMYK), the other formats RGB from the stored, inverted
+// values; ImageMagick reads our PAM and decodes the stream itself.
+TEST(ToolDecode, AdobeCmykBecomesInkOrRgb) {
+    if (kivtest::libjpegCmyk().empty() || !kivtest::haveTool("convert"))
+        GTEST_SKIP() << "needs the libjpeg oracle and ImageMagick";
+    kivtest::Image picture = kivtest::photographAsCmyk();
+    if (picture.pixels.empty())
+        picture = kivtest::cmykEdges(67, 45);
+    for (const std::string kind : {"cmyk", "ycck"}) {
+        SCOPED_TRACE(kind);
+        std::string jpg = tempPath(kind + ".jpg"), pam = tempPath(kind + ".pam"),
+                    raw = tempPath(kind + "-raw.pam"), ppm = tempPath(kind + ".ppm"), out;
+        ASSERT_TRUE(kivtest::writeCmykJpeg(picture, jpg, kind, 90, "444"));
+        ASSERT_EQ(kiv("info " + jpg, &out), 0) << out;
+        EXPECT_NE(out.find("components:  4"), std::string::npos) << out;
+        ASSERT_EQ(kiv("decode " + jpg + " " + pam, &out), 0) << out;
+        ASSERT_EQ(kiv("decode " + jpg + " " + raw + " --no-color-conversion", &out), 0) << out;
+        ASSERT_EQ(kiv("decode " + jpg + " " + ppm, &out), 0) << out;
+        Pnm ink = readPnm(pam), coded = readPnm(raw), rgb = readPnm(ppm);
+        ASSERT_EQ(ink.data.size(), size_t(picture.width) * picture.height * 4);
+        ASSERT_EQ(coded.data.size(), ink.data.size());
+        ASSERT_EQ(rgb.data.size(), ink.data.size() / 4 * 3);
+        EXPECT_EQ(ink.tupleType, "CMYK");
+        for (size_t i = 0; i < ink.data.size() / 4; i++) {
+            const uint8_t *k = &ink.data[4 * i], *c = &coded.data[4 * i];
+            for (int ch = 0; ch < 4; ch++)  // plain CMYK: as coded, inverted
+                if (kind == "cmyk")
+                    ASSERT_EQ(k[ch], 255 - c[ch]) << "pixel " << i;
+            for (int ch = 0; ch < 3; ch++)
+                ASSERT_EQ(rgb.data[3 * i + ch], ((255 - k[ch]) * (255 - k[3]) + 127) / 255)
+                    << "pixel " << i;
+        }
+        if (kind == "ycck")  // the coded Y, Cb, Cr are far from the converted C, M, Y
+            EXPECT_LT(psnr(pam, raw), 20.0);
+        std::string fromPam = tempPath(kind + "-im-pam.ppm"), fromJpeg = tempPath(kind + "-im.png");
+        ASSERT_EQ(kivtest::run("convert " + pam + " " + fromPam), 0);
+        ASSERT_EQ(kivtest::run("convert " + jpg + " " + fromJpeg), 0);
+        EXPECT_LE(maxDifference(ppm, fromPam), 1);  // RGB rounding only
+        // Decoded by libjpeg: inverse DCTs that round differently, scaled up
+        // by the YCCK conversion.
+        EXPECT_LE(maxDifference(ppm, fromJpeg), kind == "ycck" ? 4 : 2);
+        EXPECT_GE(psnr(ppm, fromJpeg), 45.0);
+        // Every RGB format holds the same pixels, and compare decodes alike.
+        std::vector<std::string> others = {tempPath(kind + ".bmp"), jpg};
+        if (toolHasPng())
+            others.push_back(tempPath(kind + ".png"));
+        for (auto &o : others) {
+            if (o != jpg)
+                ASSERT_EQ(kiv("decode " + jpg + " " + o, &out), 0) << out;
+            EXPECT_EQ(psnr(ppm, o), INFINITY) << o;
+        }
+    }
 }
 
 // ================================================================= encode

@@ -1,7 +1,7 @@
 // Output colour conversion: pinned YCbCr values and closeness to the JFIF
-// equations, the converter selector, channel layouts, B-G-R order, and
-// clipping of partial MCUs at the right and bottom edges (full size and
-// scaled blocks).
+// equations, the converter selector, channel layouts, B-G-R order, YCCK to
+// inverted C-M-Y-K, and clipping of partial MCUs at the right and bottom
+// edges (full size and scaled blocks).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -73,7 +73,9 @@ TEST(ColorConversion, SelectorMapsIdentifiers) {
         {0x40020201, jpgReadScaledCopyGrey}, {0x40020202, jpgReadScaledCopy2},
         {0x40020203, jpgReadScaledCopy3},    {0x40020204, jpgReadScaledCopy4},
         {0x41020203, jpgReadScaledCopy3Reversed}, {0x42020203, jpgReadScaledYUV2Rect},
+        {0x3020204, jpgReadYCCK2Rect},       {0x43020204, jpgReadScaledYCCK2Rect},
         {0x22020203, nullptr},  // 12-bit: no converter
+        {0x3020203, nullptr},   {0x2020204, nullptr},  // kinds of another channel count
         {0x20205, nullptr},     {0x2020201, nullptr}, {0, nullptr},
     };
     for (auto [id, routine] : table)
@@ -111,27 +113,35 @@ void prepare(SyntheticFrame &f) {
 struct Layout {
     JpgReadColorConvertFunc convert;
     int channels;
-    int order[4];  // component of each output byte; -1: YCbCr to B, G, R
+    int order[4];  // component of each output byte; -1: YCbCr to B, G, R; -2: YCCK
 };
 
 const Layout kLayouts[] = {
     {jpgReadCopyGrey, 1, {0}},         {jpgReadCopy2, 2, {0, 1}},
     {jpgReadCopy3, 3, {0, 1, 2}},      {jpgReadCopy4, 4, {0, 1, 2, 3}},
     {jpgReadCopy3Reversed, 3, {2, 1, 0}}, {jpgReadYUV2Rect, 3, {-1}},
+    {jpgReadYCCK2Rect, 4, {-2}},
 };
 const Layout kScaledLayouts[] = {
     {jpgReadScaledCopyGrey, 1, {0}},         {jpgReadScaledCopy2, 2, {0, 1}},
     {jpgReadScaledCopy3, 3, {0, 1, 2}},      {jpgReadScaledCopy4, 4, {0, 1, 2, 3}},
     {jpgReadScaledCopy3Reversed, 3, {2, 1, 0}}, {jpgReadScaledYUV2Rect, 3, {-1}},
+    {jpgReadScaledYCCK2Rect, 4, {-2}},
 };
 
 void expectPixel(const SyntheticFrame &f, const Canvas &canvas, const Layout &layout, int y, int x,
                  int sy, int sx, uint32_t n) {
     if (layout.order[0] < 0) {
         Rgb p = yuv(f.upsampled(0, sy, sx, n), f.upsampled(1, sy, sx, n), f.upsampled(2, sy, sx, n));
-        ASSERT_EQ(canvas.at(y, x, 0), p.b) << y << "," << x;
-        ASSERT_EQ(canvas.at(y, x, 1), p.g) << y << "," << x;
-        ASSERT_EQ(canvas.at(y, x, 2), p.r) << y << "," << x;
+        int expected[4] = {p.b, p.g, p.r, 0};
+        if (layout.order[0] == -2) {  // YCCK: C, M, Y = 255 - R, G, B; K as coded
+            expected[0] = 255 - p.r;
+            expected[1] = 255 - p.g;
+            expected[2] = 255 - p.b;
+            expected[3] = f.upsampled(3, sy, sx, n) & 0xFF;
+        }
+        for (int c = 0; c < layout.channels; c++)
+            ASSERT_EQ(canvas.at(y, x, c), expected[c]) << y << "," << x << " byte " << c;
         return;
     }
     for (int c = 0; c < layout.channels; c++)
