@@ -15,6 +15,7 @@
 
 #include "core/tables.h"
 #include "modes/progressive.h"
+#include "modes/store_scans.h"
 #include "read/front_end.h"
 #include "read/output_color.h"
 #include "read/scaled_transforms.h"
@@ -24,132 +25,15 @@ namespace {
 
 constexpr uint32_t kMarkerEoi = 0xFFD9;
 constexpr uint32_t kLowestMarker = 0xFFC0;  // below it, entropy-coded data follows
-constexpr size_t kBlock = 64;               // coefficients per block
+constexpr size_t kBlock = kStoreBlock;
 constexpr uint32_t kStoreRestart = 3;       // storeState: refill from the first scan
 constexpr uint32_t kMaxMcuSide = 32;        // sampling factors are at most 4
 
 uint32_t samplingBlocks(uint8_t sampling) { return (sampling >> 4) * (sampling & 0x0Fu); }
 
-size_t coefficientsPerMcu(const JpgParam *param) {
-    return static_cast<size_t>(param->blocksPerMcu) * kBlock;
-}
+size_t coefficientsPerMcu(const JpgParam *param) { return storeCoefficientsPerMcu(param); }
 
-int16_t *mcuCoefficients(const JpgParam *param, size_t mcu) {
-    return param->dec.coefBase + mcu * coefficientsPerMcu(param);
-}
-
-// The store is cleared lazily, one MCU row at a time, so that a short
-// stream declaring a huge frame touches only the rows its scans store
-// something into. A row is cleared when the first non-zero coefficient is
-// stored into it; until then it reads as all zeros.
-void clearRow(JpgParam *param, uint32_t row) {
-    const size_t perRow = static_cast<size_t>(param->mcusPerRow) * coefficientsPerMcu(param);
-    memset(param->dec.coefBase + row * perRow, 0, perRow * sizeof(int16_t));
-    param->dec.rowsCleared[row] = 1;
-}
-
-bool blockIsZero(const int16_t *block) {
-    int16_t any = 0;
-    for (size_t n = 0; n < kBlock; n++)
-        any |= block[n];
-    return any == 0;
-}
-
-// A scan's stand-in for the blocks of rows not yet cleared: all zeros
-// between calls, as those blocks read.
-struct EmptyBlock {
-    int16_t values[kBlock] = {};
-};
-
-// Runs the scan's routine on one block of MCU row `row`. In a row not yet
-// cleared the routine works on the empty stand-in instead, which holds what
-// the stored block reads as; only a result with a non-zero coefficient
-// clears the row and is stored, whatever status the routine returned.
-JpgStatus decodeBlock(JpgParam *param, JpgCoefficientFunc routine, uint32_t row, int16_t *block,
-                      JpgComponent *comp, EmptyBlock *empty) {
-    if (param->dec.rowsCleared[row] != 0)
-        return routine(param, block, comp);
-    JpgStatus status = routine(param, empty->values, comp);
-    if (!blockIsZero(empty->values)) {
-        clearRow(param, row);
-        memcpy(block, empty->values, sizeof empty->values);
-        memset(empty->values, 0, sizeof empty->values);
-    }
-    return status;
-}
-
-// After each block or MCU: the input's end stops the scan (later blocks
-// keep what earlier scans gave them), and so does the end of its data at a
-// restart boundary (*ended), which the marker behind the scan then settles.
-JpgStatus afterUnit(JpgParam *param, bool last, bool *ended) {
-    if (param->bs.state != 0)
-        return JPG_STATUS_UNEXPECTED_END;
-    *ended = !last && !endOfRestartUnit(param);
-    return JPG_STATUS_OK;
-}
-
-// Interleaved scan (A.2.3): MCU after MCU, each scan component's H x V
-// blocks in scan order, each stored at its own place inside the MCU.
-JpgStatus decodeInterleaved(JpgParam *param, JpgCoefficientFunc routine) {
-    const uint32_t ns = param->scanNs;
-    JpgComponent *comps[4];
-    uint32_t start[4], blocks[4];
-    for (uint32_t i = 0; i < ns; i++) {
-        comps[i] = &param->components[param->dec.scanComponents[i]];
-        start[i] = param->dec.scanBlockStart[i];
-        blocks[i] = samplingBlocks(comps[i]->sampling);
-        if (start[i] + blocks[i] > param->blocksPerMcu)
-            return JPG_STATUS_BAD_DATA;
-    }
-    const uint32_t total = param->totalMcus;
-    EmptyBlock empty;
-    bool ended = false;
-    for (uint32_t mcu = 0; mcu < total && !ended; mcu++) {
-        const uint32_t row = mcu / param->mcusPerRow;
-        int16_t *base = mcuCoefficients(param, mcu);
-        for (uint32_t i = 0; i < ns; i++) {
-            int16_t *block = base + start[i] * kBlock;
-            for (uint32_t b = 0; b < blocks[i]; b++, block += kBlock) {
-                JpgStatus status = decodeBlock(param, routine, row, block, comps[i], &empty);
-                if (status != JPG_STATUS_OK)
-                    return status;
-            }
-        }
-        JpgStatus status = afterUnit(param, mcu + 1 == total, &ended);
-        if (status != JPG_STATUS_OK)
-            return status;
-    }
-    return JPG_STATUS_OK;
-}
-
-// Non-interleaved scan (A.2.2): the component's blocks in raster order over
-// its own area, ceil(ceil(X * H / Hmax) / 8) blocks wide and likewise high,
-// each stored at its place inside the MCU that covers it; every block is a
-// restart unit.
-JpgStatus decodeSingleComponent(JpgParam *param, JpgCoefficientFunc routine) {
-    JpgComponent *comp = &param->components[param->dec.scanComponents[0]];
-    const uint32_t h = comp->sampling >> 4, v = comp->sampling & 0x0F;
-    const uint32_t offset = param->dec.scanBlockStart[0];
-    const uint64_t wide = ((static_cast<uint64_t>(param->width) * h + param->hmax - 1) / param->hmax + 7) / 8;
-    const uint64_t high = ((static_cast<uint64_t>(param->height) * v + param->vmax - 1) / param->vmax + 7) / 8;
-    if (h == 0 || v == 0 || offset + h * v > param->blocksPerMcu ||
-        wide > static_cast<uint64_t>(param->mcusPerRow) * h || high > static_cast<uint64_t>(param->mcuRows) * v)
-        return JPG_STATUS_BAD_DATA;
-    EmptyBlock empty;
-    bool ended = false;
-    for (uint32_t by = 0; by < high && !ended; by++) {
-        for (uint32_t bx = 0; bx < wide && !ended; bx++) {
-            size_t mcu = static_cast<size_t>(by / v) * param->mcusPerRow + bx / h;
-            int16_t *block = mcuCoefficients(param, mcu) + (offset + (by % v) * h + bx % h) * kBlock;
-            JpgStatus status = decodeBlock(param, routine, by / v, block, comp, &empty);
-            if (status == JPG_STATUS_OK)
-                status = afterUnit(param, by + 1 == high && bx + 1 == wide, &ended);
-            if (status != JPG_STATUS_OK)
-                return status;
-        }
-    }
-    return JPG_STATUS_OK;
-}
+int16_t *mcuCoefficients(const JpgParam *param, size_t mcu) { return storeMcu(param, mcu); }
 
 // Decodes the scan whose header was read last. Every scan starts with DC
 // predictions of zero and no end-of-band run (G.1.2.1, G.1.2.2).
@@ -157,14 +41,10 @@ JpgStatus decodeScan(JpgParam *param) {
     const bool progressive = param->frameMarker == 0xFFC2;
     if ((progressive && param->scanSe > kLastZigzag) || param->scanNs == 0)
         return JPG_STATUS_BAD_DATA;
-    JpgCoefficientFunc routine = param->routines.coefficient;
-    if (routine == nullptr)
-        routine = progressive ? progressiveCoefficientRoutine(param->scanSs, param->scanSe, param->scanAh)
-                              : decodeBlockToStore;
     resetPrediction(param);
     for (uint32_t i = 0; i < param->scanNs; i++)
         param->dec.componentsScanned |= 1u << param->dec.scanComponents[i];
-    return param->scanNs == 1 ? decodeSingleComponent(param, routine) : decodeInterleaved(param, routine);
+    return progressive ? decodeProgressiveScan(param) : decodeSequentialScan(param);
 }
 
 // A fill that stops: a stream that ended early or a scan that stopped with
@@ -200,6 +80,12 @@ JpgStatus restartFromFirstScan(JpgParam *param) {
 }
 
 }  // namespace
+
+void clearStoreRow(JpgParam *param, uint32_t row) {
+    const size_t perRow = static_cast<size_t>(param->mcusPerRow) * coefficientsPerMcu(param);
+    memset(param->dec.coefBase + row * perRow, 0, perRow * sizeof(int16_t));
+    param->dec.rowsCleared[row] = 1;
+}
 
 bool storeGeometryUsable(const JpgParam *param) {
     if (param->mcuBuffer == nullptr || param->dec.mcuNext == nullptr || param->dec.coefBase == nullptr ||

@@ -2,13 +2,16 @@
 // scan (ISO/IEC 10918-1 Annex G.1.2, Huffman coding): DC first scans, DC
 // refinement, AC first scans (spectral selection) and AC refinement
 // (successive approximation). Values are stored, shifted left by Al, into a
-// 64-entry natural-order block of the coefficient memory; dequantization
+// 64-entry natural-order block of the coefficient store; dequantization
 // happens at output. Band positions go through the zig-zag table and stay
 // below 80: its 16-entry tail absorbs runs that overshoot the band.
+// A scan decoder keeps the bit reader's state and the EOB run for the whole
+// scan; the exported one-block routines load and store them around a block.
 #include <string.h>
 
 #include "core/tables.h"
 #include "modes/progressive.h"
+#include "modes/store_scans.h"
 #include "read/bit_reader.h"
 
 namespace kiv {
@@ -24,7 +27,7 @@ constexpr int32_t entryValue(uint32_t e) { return static_cast<int16_t>(e >> 16);
 
 // Picks the entry of one lookup level; an index outside the level's array
 // is no code.
-uint32_t levelEntry(const JpgHuffLevel &level, uint32_t window) {
+inline uint32_t levelEntry(const JpgHuffLevel &level, uint32_t window) {
     uint32_t index = (window & level.mask) >> level.shift;
     return index < level.count ? level.entries[index] : kInvalidEntry;
 }
@@ -46,14 +49,6 @@ uint32_t levelEntry(const JpgHuffLevel &level, uint32_t window) {
     return kInvalidEntry;
 }
 
-// The bit reader's state for the length of one routine call, written back
-// to the handle when the call ends.
-struct Bits : BitState {
-    explicit Bits(JpgParam *param) : BitState(param) {}
-    Bits(const Bits &) = delete;
-    ~Bits() { store(); }
-};
-
 // One decoded Huffman symbol with its magnitude, if any.
 struct Symbol {
     bool valid;
@@ -65,7 +60,7 @@ struct Symbol {
 // Decodes the next symbol of a table (Annex F.2.2.3 DECODE) and, when it
 // has a magnitude, RECEIVE and EXTEND (F.2.2.1). A window that is no code
 // consumes nothing.
-[[gnu::always_inline]] inline Symbol decodeSymbol(Bits &bits, const JpgHuffmanTable *table) {
+[[gnu::always_inline]] inline Symbol decodeSymbol(BitState &bits, const JpgHuffmanTable *table) {
     bits.need(16);
     uint32_t entry = lookupCode(table, bits.peek(16));
     uint32_t n = entryBits(entry);
@@ -76,8 +71,7 @@ struct Symbol {
     if (symbol.size != 0 && symbol.value == 0) {
         // A long code: its entry carries the symbol only.
         int32_t raw = static_cast<int32_t>(bits.receive(static_cast<int32_t>(symbol.size)));
-        const int32_t *pair = tableTestShift[symbol.size];
-        symbol.value = raw < pair[0] ? raw + pair[1] : raw;
+        symbol.value = extend(raw, static_cast<int>(symbol.size));
     }
     return symbol;
 }
@@ -85,79 +79,235 @@ struct Symbol {
 // The coefficient at zig-zag position k of a block (k < 80).
 inline int16_t &at(int16_t *block, uint32_t k) { return block[kZigzag[static_cast<int>(k)]]; }
 
-// Successive-approximation correction of one coefficient that is already
-// non-zero (G.1.2.3): a 1 bit adds p away from zero, unless bit p is set.
-inline void correct(Bits &bits, int16_t &coef, int32_t p) {
-    if (bits.receive(1) != 0 && (coef & p) == 0)
-        coef = static_cast<int16_t>(coef >= 0 ? coef + p : coef - p);
-}
+// What the block decoders of one scan share: the reader's state, the band
+// Ss..Se, the point transform Al and the EOB run, all held in registers for
+// the scan and given back to the handle by suspend().
+struct Band {
+    JpgParam *param;
+    BitState bits;
+    uint32_t ss, se;
+    uint32_t al;
+    int32_t eobRun;
 
-// End of band in a refinement scan: corrections for the non-zero
-// coefficients from k to Se, then one block of the run is used up.
-JpgStatus refineEndOfBand(JpgParam *param, Bits &bits, int16_t *block, uint32_t k, uint32_t run) {
-    const int32_t p = 1 << param->scanAl;
-    const uint32_t se = param->scanSe;
-    for (; k <= se; k++) {
-        int16_t &coef = at(block, k);
-        if (coef != 0)
-            correct(bits, coef, p);
+    explicit Band(JpgParam *p)
+        : param(p), bits(p), ss(p->scanSs), se(p->scanSe), al(p->scanAl), eobRun(p->eobRun) {}
+    void suspend() {
+        bits.store();
+        param->eobRun = eobRun;
     }
-    param->eobRun = static_cast<int32_t>(run - 1);
-    return JPG_STATUS_OK;
+    void resume() {
+        bits = BitState(param);
+        eobRun = param->eobRun;
+    }
+    bool inputEnded() const { return bits.ended(); }
+};
+
+// DC first scan (G.1.2.1): the block starts empty; the DC difference is
+// added to the component's predictor and stored shifted by Al. A window
+// that is no code leaves the block empty and consumes nothing.
+struct DcFirst : Band {
+    using Band::Band;
+    [[gnu::always_inline]] JpgStatus block(int16_t *block, JpgComponent *comp) {
+        memset(block, 0, 64 * sizeof(int16_t));
+        Symbol symbol = decodeSymbol(bits, comp->dcTable);
+        if (!symbol.valid)
+            return JPG_STATUS_OK;
+        // Unsigned arithmetic: the predictor wraps instead of overflowing.
+        uint32_t predictor = static_cast<uint32_t>(comp->dcPred) + static_cast<uint32_t>(symbol.value);
+        comp->dcPred = static_cast<int32_t>(predictor);
+        block[0] = static_cast<int16_t>(predictor << al);
+        return JPG_STATUS_OK;
+    }
+};
+
+// DC refinement (G.1.2.1): one raw bit, the next lower bit of the DC value.
+struct DcRefine : Band {
+    using Band::Band;
+    [[gnu::always_inline]] JpgStatus block(int16_t *block, JpgComponent *) {
+        if (bits.receive(1) != 0)
+            block[0] = static_cast<int16_t>(block[0] | (1 << al));
+        return JPG_STATUS_OK;
+    }
+};
+
+// AC first scan (G.1.2.2): run/size symbols over the band Ss..Se, with
+// end-of-band runs that cover the following blocks of the scan.
+struct AcFirst : Band {
+    using Band::Band;
+    [[gnu::always_inline]] JpgStatus block(int16_t *block, JpgComponent *comp) {
+        if (eobRun > 0) {
+            eobRun--;
+            return JPG_STATUS_OK;
+        }
+        if (se > kLastZigzag)
+            return JPG_STATUS_BAD_DATA;
+        const JpgHuffmanTable *table = comp->acTable;
+        for (uint32_t k = ss; k <= se;) {
+            Symbol symbol = decodeSymbol(bits, table);
+            if (!symbol.valid)
+                return bits.ended() ? JPG_STATUS_UNEXPECTED_END : JPG_STATUS_BAD_AC_CODE;
+            if (symbol.size != 0) {
+                k += symbol.run;  // at most 63 + 15
+                at(block, k) = static_cast<int16_t>(static_cast<uint32_t>(symbol.value) << al);
+                k++;
+            } else if (symbol.run == 15) {
+                k += 16;
+            } else {
+                uint32_t r = symbol.run;
+                uint32_t run = (1u << r) - 1;
+                if (r > 0)
+                    run += bits.receive(static_cast<int32_t>(r));
+                eobRun = static_cast<int32_t>(run);
+                return JPG_STATUS_OK;
+            }
+        }
+        return JPG_STATUS_OK;
+    }
+};
+
+// The highest zig-zag position holding a non-zero coefficient, -1 for an
+// empty block; four coefficients are tested at a time.
+inline int lastNonZero(const int16_t *block) {
+    int last = -1;
+    for (int n = 0; n < 64; n += 4) {
+        uint64_t four;
+        memcpy(&four, block + n, sizeof four);
+        if (four == 0)
+            continue;
+        for (int j = n; j < n + 4; j++)
+            if (block[j] != 0 && kNaturalToZigzag[j] > last)
+                last = kNaturalToZigzag[j];
+    }
+    return last;
 }
 
-// AC refinement after the EOB-run check (G.1.2.3, Figure G.7 and the
-// procedure it refers to).
-JpgStatus refineBand(JpgParam *param, Bits &bits, int16_t *block, JpgComponent *comp) {
-    const uint32_t se = param->scanSe;
-    const int32_t p = 1 << param->scanAl;
-    const int32_t m = static_cast<int32_t>(~0u << param->scanAl);
-    uint32_t k = param->scanSs;
-    if (k > se)
-        return JPG_STATUS_OK;
-    for (;;) {
-        // A window that is no code reads as an end of band of one block.
-        Symbol symbol = decodeSymbol(bits, comp->acTable);
-        uint32_t r = symbol.run;
-        int32_t newValue = 0;
-        if (symbol.size == 1) {
-            newValue = symbol.value > 0 ? p : m;
-        } else if (symbol.size != 0) {
-            return JPG_STATUS_ERROR;
-        } else if (r < 15) {
-            uint32_t run = 1u << r;
-            if (r > 0)
-                run += bits.receive(static_cast<int32_t>(r));
-            return refineEndOfBand(param, bits, block, k, run);
-        }
+// AC refinement (G.1.2.3): newly significant coefficients of magnitude
+// 1 << Al, and one correction bit for every coefficient already non-zero:
+// a 1 bit adds 1 << Al away from zero, unless that bit is set already.
+// Corrections only change non-zero coefficients and new values land behind
+// the walk, so the last non-zero position found at the start of a block
+// bounds every walk over it: past it, all are zero.
+struct AcRefine : Band {
+    using Band::Band;
+
+    [[gnu::always_inline]] void correct(int16_t &coef, int32_t p) {
+        if (bits.receive(1) != 0 && (coef & p) == 0)
+            coef = static_cast<int16_t>(coef >= 0 ? coef + p : coef - p);
+    }
+
+    // Corrects the non-zero coefficients from k on and stops at the zero
+    // that the run r leads to; Se + 1 when the band ends first.
+    [[gnu::always_inline]] uint32_t walkToZero(int16_t *block, uint32_t k, uint32_t r, int last, int32_t p) {
         for (; k <= se; k++) {
+            if (static_cast<int>(k) > last)
+                return k + r <= se ? k + r : se + 1;
             int16_t &coef = at(block, k);
             if (coef != 0)
-                correct(bits, coef, p);
+                correct(coef, p);
             else if (r-- == 0)
-                break;
+                return k;
         }
-        if (newValue != 0)
-            at(block, k) = static_cast<int16_t>(newValue);  // k <= Se + 1 <= 64
-        if (++k > se)
-            return JPG_STATUS_OK;
+        return k;
     }
-}
+
+    // End of band: corrections for the non-zero coefficients from k to Se,
+    // then one block of the run is used up.
+    JpgStatus endOfBand(int16_t *block, uint32_t k, uint32_t run, int last) {
+        const int32_t p = 1 << al;
+        const int end = last < static_cast<int>(se) ? last : static_cast<int>(se);
+        for (int i = static_cast<int>(k); i <= end; i++) {
+            int16_t &coef = at(block, static_cast<uint32_t>(i));
+            if (coef != 0)
+                correct(coef, p);
+        }
+        eobRun = static_cast<int32_t>(run - 1);
+        return JPG_STATUS_OK;
+    }
+
+    [[gnu::always_inline]] JpgStatus block(int16_t *block, JpgComponent *comp) {
+        if (se > kLastZigzag)
+            return JPG_STATUS_BAD_DATA;
+        const int last = lastNonZero(block);
+        if (eobRun > 0)
+            return endOfBand(block, ss, static_cast<uint32_t>(eobRun), last);
+        const int32_t p = 1 << al;
+        const int32_t m = static_cast<int32_t>(~0u << al);
+        const JpgHuffmanTable *table = comp->acTable;
+        uint32_t k = ss;
+        if (k > se)
+            return JPG_STATUS_OK;
+        for (;;) {
+            // A window that is no code reads as an end of band of one block.
+            Symbol symbol = decodeSymbol(bits, table);
+            uint32_t r = symbol.run;
+            int32_t newValue = 0;
+            if (symbol.size == 1) {
+                newValue = symbol.value > 0 ? p : m;
+            } else if (symbol.size != 0) {
+                return JPG_STATUS_ERROR;
+            } else if (r < 15) {
+                uint32_t run = 1u << r;
+                if (r > 0)
+                    run += bits.receive(static_cast<int32_t>(r));
+                return endOfBand(block, k, run, last);
+            }
+            k = walkToZero(block, k, r, last, p);
+            if (newValue != 0)
+                at(block, k) = static_cast<int16_t>(newValue);  // k <= Se + 1 <= 64
+            if (++k > se)
+                return JPG_STATUS_OK;
+        }
+    }
+};
 
 bool validArguments(JpgParam *param, const int16_t *block) {
     return jpgCheckParam(param) != nullptr && block != nullptr;
+}
+
+// One block through a scan decoder, with the reader's state loaded from and
+// stored back to the handle around it.
+template <class Decoder>
+JpgStatus oneBlock(JpgParam *param, int16_t *block, JpgComponent *comp) {
+    Decoder decoder(param);
+    JpgStatus status = decoder.block(block, comp);
+    decoder.suspend();
+    return status;
 }
 
 JpgStatus dcRefinementRoutine(JpgParam *param, int16_t *block, JpgComponent *) {
     return jpgReadGetProgressiveDCDiffCoefficient(param, block);
 }
 
+template <class Decoder>
+JpgStatus walkWith(JpgParam *param) {
+    Decoder decoder(param);
+    return walkScan(param, decoder);
+}
+
 }  // namespace
 
-JpgCoefficientFunc progressiveCoefficientRoutine(uint8_t ss, uint8_t se, uint8_t ah) {
+ProgressiveScan progressiveScanKind(uint8_t ss, uint8_t se, uint8_t ah) {
     if (ss == 0 && se == 0)
-        return ah == 0 ? jpgReadGetProgressiveDCBaseCoefficient : dcRefinementRoutine;
-    return ah == 0 ? jpgReadGetProgressiveACBaseCoefficient : jpgReadGetProgressiveACDiffCoefficient;
+        return ah == 0 ? ProgressiveScan::DcFirst : ProgressiveScan::DcRefine;
+    return ah == 0 ? ProgressiveScan::AcFirst : ProgressiveScan::AcRefine;
+}
+
+JpgCoefficientFunc progressiveCoefficientRoutine(uint8_t ss, uint8_t se, uint8_t ah) {
+    switch (progressiveScanKind(ss, se, ah)) {
+    case ProgressiveScan::DcFirst: return jpgReadGetProgressiveDCBaseCoefficient;
+    case ProgressiveScan::DcRefine: return dcRefinementRoutine;
+    case ProgressiveScan::AcFirst: return jpgReadGetProgressiveACBaseCoefficient;
+    default: return jpgReadGetProgressiveACDiffCoefficient;
+    }
+}
+
+JpgStatus decodeProgressiveScan(JpgParam *param) {
+    switch (progressiveScanKind(param->scanSs, param->scanSe, param->scanAh)) {
+    case ProgressiveScan::DcFirst: return walkWith<DcFirst>(param);
+    case ProgressiveScan::DcRefine: return walkWith<DcRefine>(param);
+    case ProgressiveScan::AcFirst: return walkWith<AcFirst>(param);
+    default: return walkWith<AcRefine>(param);
+    }
 }
 
 }  // namespace kiv
@@ -166,80 +316,28 @@ using namespace kiv;
 
 extern "C" {
 
-// DC first scan (G.1.2.1): the block starts empty; the DC difference is
-// added to the component's predictor and stored shifted by Al. A window
-// that is no code leaves the block empty and consumes nothing.
 JpgStatus jpgReadGetProgressiveDCBaseCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
     if (!validArguments(param, block) || comp == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
-    memset(block, 0, 64 * sizeof(int16_t));
-    Bits bits(param);
-    Symbol symbol = decodeSymbol(bits, comp->dcTable);
-    if (!symbol.valid)
-        return JPG_STATUS_OK;
-    // Unsigned arithmetic: the predictor wraps instead of overflowing.
-    uint32_t predictor = static_cast<uint32_t>(comp->dcPred) + static_cast<uint32_t>(symbol.value);
-    comp->dcPred = static_cast<int32_t>(predictor);
-    block[0] = static_cast<int16_t>(predictor << param->scanAl);
-    return JPG_STATUS_OK;
+    return oneBlock<DcFirst>(param, block, comp);
 }
 
-// DC refinement (G.1.2.1): one raw bit, the next lower bit of the DC value.
 JpgStatus jpgReadGetProgressiveDCDiffCoefficient(JpgParam *param, int16_t *block) {
     if (!validArguments(param, block))
         return JPG_STATUS_INVALID_HANDLE;
-    Bits bits(param);
-    if (bits.receive(1) != 0)
-        block[0] = static_cast<int16_t>(block[0] | (1 << param->scanAl));
-    return JPG_STATUS_OK;
+    return oneBlock<DcRefine>(param, block, nullptr);
 }
 
-// AC first scan (G.1.2.2): run/size symbols over the band Ss..Se, with
-// end-of-band runs that cover the following blocks of the scan.
 JpgStatus jpgReadGetProgressiveACBaseCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
     if (!validArguments(param, block) || comp == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
-    if (param->eobRun > 0) {
-        param->eobRun--;
-        return JPG_STATUS_OK;
-    }
-    const uint32_t se = param->scanSe;
-    if (se > kLastZigzag)
-        return JPG_STATUS_BAD_DATA;
-    Bits bits(param);
-    for (uint32_t k = param->scanSs; k <= se;) {
-        Symbol symbol = decodeSymbol(bits, comp->acTable);
-        if (!symbol.valid)
-            return bits.ended() ? JPG_STATUS_UNEXPECTED_END : JPG_STATUS_BAD_AC_CODE;
-        if (symbol.size != 0) {
-            k += symbol.run;  // at most 63 + 15
-            at(block, k) = static_cast<int16_t>(static_cast<uint32_t>(symbol.value) << param->scanAl);
-            k++;
-        } else if (symbol.run == 15) {
-            k += 16;
-        } else {
-            uint32_t r = symbol.run;
-            uint32_t run = (1u << r) - 1;
-            if (r > 0)
-                run += bits.receive(static_cast<int32_t>(r));
-            param->eobRun = static_cast<int32_t>(run);
-            return JPG_STATUS_OK;
-        }
-    }
-    return JPG_STATUS_OK;
+    return oneBlock<AcFirst>(param, block, comp);
 }
 
-// AC refinement (G.1.2.3): newly significant coefficients of magnitude
-// 1 << Al, and one correction bit for every coefficient already non-zero.
 JpgStatus jpgReadGetProgressiveACDiffCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
     if (!validArguments(param, block) || comp == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
-    if (param->scanSe > kLastZigzag)
-        return JPG_STATUS_BAD_DATA;
-    Bits bits(param);
-    if (param->eobRun > 0)
-        return refineEndOfBand(param, bits, block, param->scanSs, static_cast<uint32_t>(param->eobRun));
-    return refineBand(param, bits, block, comp);
+    return oneBlock<AcRefine>(param, block, comp);
 }
 
 }  // extern "C"

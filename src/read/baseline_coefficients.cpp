@@ -8,6 +8,7 @@
 
 #include "core/tables.h"
 #include "modes/coefficient_store.h"
+#include "modes/store_scans.h"
 #include "read/bit_reader.h"
 #include "read/front_end.h"
 #include "read/scaled_transforms.h"
@@ -300,6 +301,23 @@ JpgStatus checkSequentialScan(const JpgParam *param) {
 JpgStatus decodeBlockToStore(JpgParam *param, int16_t *block, JpgComponent *comp) {
     clearBlock(block);
     return decodeSingleBlock<false>(param, block, comp, kUnitQuant.v, 64);
+}
+
+// The blocks of a sequential scan into the coefficient store, with the
+// reader's state held for the whole scan.
+JpgStatus decodeSequentialScan(JpgParam *param) {
+    struct StoreBlocks {
+        JpgParam *param;
+        BitState bits;
+        JpgStatus block(int16_t *block, JpgComponent *comp) {
+            clearBlock(block);
+            return hasLookups(comp) ? decodeBlock<false>(bits, block, comp, kUnitQuant.v, 64) : JPG_STATUS_FAILED;
+        }
+        void suspend() { bits.store(); }
+        void resume() { bits = BitState(param); }
+        bool inputEnded() const { return bits.ended(); }
+    } decoder{param, BitState(param)};
+    return walkScan(param, decoder);
 }
 
 }  // namespace kiv
