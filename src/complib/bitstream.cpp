@@ -199,15 +199,19 @@ int32_t complibReadBitstreamFile(ComplibBitstream *bs, void *dst, uint32_t lengt
 }
 
 // A memory stream grows by one growth step per call. A write that would not
-// fit even then is outside the contract and is refused (-1) without writing.
+// fit even then is outside the contract and is refused (-1) without writing;
+// sizes are compared in 64 bits, so no length wraps past the block.
 int32_t complibWriteBitstreamFile(ComplibBitstream *bs, const void *src, uint32_t length) {
     if (!isMemory(bs)) {
         int32_t written = complibWriteFile(bs->fd, src, length);
         return written == static_cast<int32_t>(length) ? written : -1;
     }
-    if (static_cast<int32_t>(length) > static_cast<int32_t>(bs->memCapacity - bs->memLength)) {
+    if (length > 0x7FFFFFFF)
+        return -1;  // its count could not be reported
+    const uint64_t used = bs->memLength;
+    if (used + length > bs->memCapacity) {
         uint64_t grown = static_cast<uint64_t>(bs->memCapacity) + bs->memOffset;
-        if (grown > 0xFFFFFFFFu || grown - bs->memLength < length)
+        if (grown > 0xFFFFFFFFu || used > grown || grown - used < length)
             return -1;
         void *block = complibMemReAlloc(bs->memCursor, static_cast<uint32_t>(grown));
         if (block == nullptr) {

@@ -3,6 +3,7 @@
 // stored in the handle's slots, so per-MCU loops make no format decisions.
 // This build reports no processor-specific capability: every identifier
 // resolves to the generic routine.
+#include "core/api_checks.h"
 #include "core/codec.h"
 
 namespace kiv {
@@ -70,16 +71,16 @@ JpgStatus jpgSetProcessorArchitectureFlag(JpgParam *param, uint32_t flag) {
 }
 
 JpgStatus jpgReadSetProcessorArchitectureFlag(JpgParam *param, uint32_t flag) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     param->processorFlag = flag & jpgGetProcessorArchitecture();
     kiv::selectReadRoutines(param);
     return JPG_STATUS_OK;
 }
 
 JpgStatus jpgWriteSetProcessorArchitectureFlag(JpgParam *param, uint32_t flag) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     param->processorFlag = jpgGetProcessorArchitecture() & flag;
     param->routines.writeMcu = jpgGetWriteMCUFunc(0x301, param->processorFlag);
     param->routines.writeMcu303 = jpgGetWriteMCUFunc(0x303, param->processorFlag);

@@ -7,6 +7,7 @@
 // below 80: its 16-entry tail absorbs runs that overshoot the band.
 #include <string.h>
 
+#include "core/api_checks.h"
 #include "core/tables.h"
 #include "modes/progressive.h"
 #include "read/bit_reader.h"
@@ -170,6 +171,8 @@ extern "C" {
 // added to the component's predictor and stored shifted by Al. A window
 // that is no code leaves the block empty and consumes nothing.
 JpgStatus jpgReadGetProgressiveDCBaseCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     if (!validArguments(param, block) || comp == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     memset(block, 0, 64 * sizeof(int16_t));
@@ -186,6 +189,8 @@ JpgStatus jpgReadGetProgressiveDCBaseCoefficient(JpgParam *param, int16_t *block
 
 // DC refinement (G.1.2.1): one raw bit, the next lower bit of the DC value.
 JpgStatus jpgReadGetProgressiveDCDiffCoefficient(JpgParam *param, int16_t *block) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     if (!validArguments(param, block))
         return JPG_STATUS_INVALID_HANDLE;
     Bits bits(param);
@@ -197,6 +202,8 @@ JpgStatus jpgReadGetProgressiveDCDiffCoefficient(JpgParam *param, int16_t *block
 // AC first scan (G.1.2.2): run/size symbols over the band Ss..Se, with
 // end-of-band runs that cover the following blocks of the scan.
 JpgStatus jpgReadGetProgressiveACBaseCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     if (!validArguments(param, block) || comp == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (param->eobRun > 0) {
@@ -232,6 +239,8 @@ JpgStatus jpgReadGetProgressiveACBaseCoefficient(JpgParam *param, int16_t *block
 // AC refinement (G.1.2.3): newly significant coefficients of magnitude
 // 1 << Al, and one correction bit for every coefficient already non-zero.
 JpgStatus jpgReadGetProgressiveACDiffCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     if (!validArguments(param, block) || comp == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (param->scanSe > kLastZigzag)

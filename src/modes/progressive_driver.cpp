@@ -9,6 +9,7 @@
 // calls the current MCU buffer is the lower of the two MCU buffer addresses.
 #include <string.h>
 
+#include "core/api_checks.h"
 #include "core/tables.h"
 #include "modes/progressive.h"
 #include "read/output_color.h"
@@ -360,8 +361,10 @@ using namespace kiv;
 extern "C" {
 
 JpgStatus jpgReadProgressiveToRect(JpgParam *param, ComplibRect *rect, uint32_t rows, uint32_t flags) {
-    if (jpgCheckParam(param) == nullptr || rect == nullptr || rect->pixels == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (JpgStatus s = kiv::checkDecodeRect(param, rect, rows))
+        return s;
     if (param->frameMarker != kProgressiveFrame)
         return JPG_STATUS_NOT_SUPPORTED;
     const bool incremental = (flags & JPG_PROGRESSIVE_INCREMENTAL) != 0;
@@ -408,7 +411,9 @@ JpgStatus jpgReadProgressiveToRect(JpgParam *param, ComplibRect *rect, uint32_t 
 
 // The input is complete once the driver has met EOI after the last scan.
 JpgStatus jpgReadProgressiveIsCompleted(JpgParam *param, uint32_t *completed) {
-    if (jpgCheckParam(param) == nullptr || completed == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (completed == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (param->frameMarker != kProgressiveFrame)
         return JPG_STATUS_NOT_SUPPORTED;

@@ -5,6 +5,7 @@
 // scaled output (the scaled one stores only the first coefficients).
 #include <string.h>
 
+#include "core/api_checks.h"
 #include "core/tables.h"
 #include "read/bit_reader.h"
 #include "read/front_end.h"
@@ -230,15 +231,21 @@ JpgStatus checkSequentialScan(const JpgParam *param) {
 extern "C" {
 
 JpgStatus jpgReadGetCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     return decodeSingleBlock<false>(param, block, comp, 64);
 }
 
 JpgStatus jpgReadGetScaleCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp,
                                      uint32_t limit) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     return decodeSingleBlock<true>(param, block, comp, limit);
 }
 
 JpgStatus jpgReadDecodeBaselineMcu(JpgParam *param) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     JpgStatus status = kiv::checkSequentialScan(param);
     if (status != JPG_STATUS_OK)
         return status;

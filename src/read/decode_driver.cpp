@@ -3,6 +3,7 @@
 // and colour conversion routines chosen for the frame. It decodes one MCU
 // ahead so that upsampling can look at the right-hand neighbour; between
 // calls the current MCU buffer is always the lower half of its allocation.
+#include "core/api_checks.h"
 #include "read/front_end.h"
 #include "read/output_color.h"
 
@@ -58,8 +59,10 @@ JpgStatus prepareFullSize(JpgParam *param) {
 extern "C" {
 
 JpgStatus jpgReadDecodeMcuRow(JpgParam *param, ComplibRect *rect, uint32_t count) {
-    if (jpgCheckParam(param) == nullptr || rect == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (JpgStatus s = kiv::checkDecodeRect(param, rect, param->mcuHeight))
+        return s;
     if (!routinesPresent(param) || param->mcuBuffer == nullptr)
         return JPG_STATUS_NOT_SUPPORTED;
     if (param->currentMarker == 0xFFD9)
@@ -100,6 +103,10 @@ JpgStatus jpgReadDecodeMcuRow(JpgParam *param, ComplibRect *rect, uint32_t count
 }
 
 JpgStatus jpgReadToRect(JpgParam *param, ComplibRect *rect, uint32_t lines) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (JpgStatus s = kiv::checkDecodeRect(param, rect, lines))
+        return s;
     JpgStatus status = checkSequentialOutput(param, rect);
     if (status == JPG_STATUS_OK)
         status = prepareFullSize(param);
@@ -138,6 +145,10 @@ JpgStatus jpgReadToRect(JpgParam *param, ComplibRect *rect, uint32_t lines) {
 // Decodes `count` MCUs of the current MCU row into a rectangle positioned by
 // the caller (its top-left pixel receives the first MCU).
 JpgStatus jpgReadMcuToRect(JpgParam *param, ComplibRect *rect, uint32_t count) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (JpgStatus s = kiv::checkDecodeRect(param, rect, param->mcuHeight))
+        return s;
     JpgStatus status = checkSequentialOutput(param, rect);
     if (status == JPG_STATUS_OK)
         status = prepareFullSize(param);
@@ -147,8 +158,8 @@ JpgStatus jpgReadMcuToRect(JpgParam *param, ComplibRect *rect, uint32_t count) {
 }
 
 JpgStatus jpgReadSetNoColorConversion(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     param->mode |= kModeNoColorConversion;
     uint32_t n = param->numComponents < 1 ? 1 : param->numComponents > 255 ? 255
                                                                           : param->numComponents;
@@ -160,8 +171,8 @@ JpgStatus jpgReadSetNoColorConversion(JpgParam *param) {
 }
 
 JpgStatus jpgReadEpilog(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     if (param->mcuBuffer != nullptr && param->dec.mcuNext != nullptr &&
         param->dec.mcuNext < param->mcuBuffer)
         param->mcuBuffer = param->dec.mcuNext;  // the allocation starts at the lower half

@@ -5,6 +5,7 @@
 // from the stream is checked before it sizes a buffer (64-bit arithmetic).
 #include <string.h>
 
+#include "core/api_checks.h"
 #include "read/bit_reader.h"
 #include "read/front_end.h"
 
@@ -428,8 +429,8 @@ JpgStatus jpgReadPrologFromFile(const char *path, int32_t offset, int32_t length
 }
 
 JpgStatus jpgReadProlog(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     resetForHeader(param);
     uint32_t marker = 0;
     JpgStatus status = kiv::parseTableSegments(param, &marker);
@@ -455,7 +456,9 @@ JpgStatus jpgReadProlog(JpgParam *param) {
 }
 
 JpgStatus jpgReadGetCodingProcess(JpgParam *param, uint32_t *process) {
-    if (jpgCheckParam(param) == nullptr || process == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (process == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     switch (param->frameMarker) {
     case 0xFFC0: *process = 0x8000; return JPG_STATUS_OK;
@@ -467,7 +470,9 @@ JpgStatus jpgReadGetCodingProcess(JpgParam *param, uint32_t *process) {
 }
 
 JpgStatus jpgReadGetImageSize(JpgParam *param, uint32_t *width, uint32_t *height) {
-    if (jpgCheckParam(param) == nullptr || width == nullptr || height == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (width == nullptr || height == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *width = param->width;
     *height = param->height;
@@ -475,21 +480,27 @@ JpgStatus jpgReadGetImageSize(JpgParam *param, uint32_t *width, uint32_t *height
 }
 
 JpgStatus jpgReadGetNumberOfChannels(JpgParam *param, uint32_t *channels) {
-    if (jpgCheckParam(param) == nullptr || channels == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (channels == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *channels = param->numComponents;
     return JPG_STATUS_OK;
 }
 
 JpgStatus jpgReadGetSamplePrecision(JpgParam *param, uint32_t *precision) {
-    if (jpgCheckParam(param) == nullptr || precision == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (precision == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *precision = param->precision;
     return JPG_STATUS_OK;
 }
 
 JpgStatus jpgReadGetSubsamplingFactor(JpgParam *param, uint32_t *factor) {
-    if (jpgCheckParam(param) == nullptr || factor == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (factor == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     uint32_t n = param->numComponents >= 1 && param->numComponents <= 4 ? param->numComponents : 4;
     *factor = param->samplingFactors >> (4 - n) * 8;
@@ -497,7 +508,9 @@ JpgStatus jpgReadGetSubsamplingFactor(JpgParam *param, uint32_t *factor) {
 }
 
 JpgStatus jpgReadGetMcuSize(JpgParam *param, uint32_t *width, uint32_t *height) {
-    if (jpgCheckParam(param) == nullptr || width == nullptr || height == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (width == nullptr || height == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *width = param->mcuWidth;
     *height = param->mcuHeight;
@@ -505,7 +518,9 @@ JpgStatus jpgReadGetMcuSize(JpgParam *param, uint32_t *width, uint32_t *height) 
 }
 
 JpgStatus jpgReadGetRestartInterval(JpgParam *param, uint32_t *interval) {
-    if (jpgCheckParam(param) == nullptr || interval == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (interval == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *interval = param->restartInterval;
     return JPG_STATUS_OK;
@@ -513,7 +528,9 @@ JpgStatus jpgReadGetRestartInterval(JpgParam *param, uint32_t *interval) {
 
 // The identifier byte of each frame component (the byte this getter returns).
 JpgStatus jpgReadGetQuantizationTableSelector(JpgParam *param, uint32_t *selectors) {
-    if (param == nullptr || selectors == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (selectors == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     uint32_t n = param->numComponents <= 4 ? param->numComponents : 4;
     for (uint32_t c = 0; c < n; c++)
@@ -522,7 +539,9 @@ JpgStatus jpgReadGetQuantizationTableSelector(JpgParam *param, uint32_t *selecto
 }
 
 JpgStatus jpgReadGetQuantizationTable(JpgParam *param, uint32_t component, uint32_t *table) {
-    if (param == nullptr || table == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (table == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (component > 3)
         return JPG_STATUS_FAILED;
@@ -531,7 +550,9 @@ JpgStatus jpgReadGetQuantizationTable(JpgParam *param, uint32_t component, uint3
 }
 
 JpgStatus jpgReadGetQuantizationTableNR(JpgParam *param, uint32_t *value0, uint32_t *value1) {
-    if (jpgCheckParam(param) == nullptr || value0 == nullptr || value1 == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (value0 == nullptr || value1 == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     const JpgComponent *c = param->components;
     if (c[0].id != 1 || c[1].id != 2 || c[2].id != 3)

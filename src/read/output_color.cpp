@@ -4,6 +4,7 @@
 // becomes B, G, R by the JFIF equations (ISO/IEC 10918-1 leaves the colour
 // space to the application) with 16-bit fixed-point tables; other layouts copy
 // or reorder. One template per layout serves full-size and scaled blocks.
+#include "core/api_checks.h"
 #include "core/codec.h"
 #include "core/tables.h"
 #include "read/output_color.h"
@@ -213,9 +214,14 @@ using kiv::Layout;
 
 extern "C" {
 
-#define KIV_CONVERTER(name, channels, layout, scaled)                               \
-    void name(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {       \
-        kiv::convertMcu<channels, Layout::layout, scaled>(param, rect, x, width);   \
+// The converters are building blocks without a status: on a handle that is
+// no decoder with upsampled blocks, or without pixels, they write nothing.
+// They trust the rectangle's geometry; the drivers check it once per call.
+#define KIV_CONVERTER(name, channels, layout, scaled)                                        \
+    void name(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {                \
+        if (kiv::mayRead(param) && param->blockMap != nullptr &&                             \
+            param->blockPointers != nullptr && rect != nullptr && rect->pixels != nullptr)   \
+            kiv::convertMcu<channels, Layout::layout, scaled>(param, rect, x, width);        \
     }
 
 KIV_CONVERTER(jpgReadCopyGrey, 1, Copy, false)

@@ -6,6 +6,7 @@
 // There is no one-MCU lookahead: scaled upsampling only replicates.
 #include <string.h>
 
+#include "core/api_checks.h"
 #include "core/codec.h"
 #include "read/scaled_transforms.h"
 #include "read/sse2_products.h"
@@ -276,8 +277,8 @@ extern "C" {
 
 JpgStatus jpgReadScaleOutputGetImageSize(JpgParam *param, uint32_t *width, uint32_t *height,
                                          uint32_t level) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     if (level > 3)
         return JPG_STATUS_INVALID_PARAMETER;
     if (width == nullptr || height == nullptr)
@@ -292,9 +293,8 @@ JpgStatus jpgReadScaleOutputGetImageSize(JpgParam *param, uint32_t *width, uint3
 // Any change of level restarts decoding at the first scan, except the very
 // first choice on a stream that has not been decoded yet.
 JpgStatus jpgReadScaleOutputSetLevel(JpgParam *param, uint32_t level) {
-    // Checked so that a null or released handle fails instead of being written.
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     if (level > 2)
         return JPG_STATUS_INVALID_PARAMETER;
     if (param->scaleLevel == static_cast<int32_t>(level))
@@ -311,12 +311,28 @@ JpgStatus jpgReadScaleOutputSetLevel(JpgParam *param, uint32_t level) {
     return JPG_STATUS_OK;
 }
 
-JpgStatus jpgReadScaleOutputLevel0MCU(JpgParam *param) { return kiv::decodeScaledMcu<0>(param); }
-JpgStatus jpgReadScaleOutputLevel1MCU(JpgParam *param) { return kiv::decodeScaledMcu<1>(param); }
-JpgStatus jpgReadScaleOutputLevel2MCU(JpgParam *param) { return kiv::decodeScaledMcu<2>(param); }
+JpgStatus jpgReadScaleOutputLevel0MCU(JpgParam *param) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    return kiv::decodeScaledMcu<0>(param);
+}
+JpgStatus jpgReadScaleOutputLevel1MCU(JpgParam *param) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    return kiv::decodeScaledMcu<1>(param);
+}
+JpgStatus jpgReadScaleOutputLevel2MCU(JpgParam *param) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    return kiv::decodeScaledMcu<2>(param);
+}
 
 JpgStatus jpgReadScaleOutputToRect(JpgParam *param, ComplibRect *rect, uint32_t lines,
                                    uint32_t level) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (JpgStatus s = kiv::checkDecodeRect(param, rect, lines))
+        return s;
     if (level == 3)
         return jpgReadToRect(param, rect, lines);
     JpgStatus status = kiv::prepareScaledOutput(param, rect, level);
@@ -362,6 +378,10 @@ JpgStatus jpgReadScaleOutputToRect(JpgParam *param, ComplibRect *rect, uint32_t 
 
 JpgStatus jpgReadScaleOutputMcuToRect(JpgParam *param, ComplibRect *rect, uint32_t count,
                                       uint32_t level) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (JpgStatus s = kiv::checkDecodeRect(param, rect, param->mcuHeight))
+        return s;
     if (level == 3)
         return jpgReadMcuToRect(param, rect, count);
     JpgStatus status = kiv::prepareScaledOutput(param, rect, level);

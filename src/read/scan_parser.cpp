@@ -3,6 +3,7 @@
 // (ISO/IEC 10918-1 B.2.3), binding scan component i to record i. Only tables
 // that hold codes are ever bound, so the entropy decoders never meet an
 // undefined table; the DC predictors start at zero in every scan (F.2.1.3.1).
+#include "core/api_checks.h"
 #include "read/bit_reader.h"
 #include "read/front_end.h"
 
@@ -114,8 +115,8 @@ void chooseProgressiveRoutine(JpgParam *param) {
 extern "C" {
 
 JpgStatus jpgReadParseScanLevel(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     uint32_t marker = 0;
     JpgStatus status = kiv::parseTableSegments(param, &marker);
     if (status != JPG_STATUS_OK)

@@ -5,6 +5,7 @@
 // horizontal doubling is co-sited linear interpolation (midpoints round halves
 // up, the right neighbour comes from the next MCU or repeats the last sample),
 // vertical doubling replicates rows. Scaled output replicates only.
+#include "core/api_checks.h"
 #include "core/codec.h"
 #include "read/upsampling_sse2.h"
 
@@ -251,9 +252,22 @@ void doubleDownPortable(const int16_t *in, int16_t *upper, int16_t *lower) {
 
 using kiv::McuWalk;
 
+namespace {
+
+// The upsamplers are building blocks without a status: on a handle that is
+// no decoder with MCU buffers they return without touching anything.
+bool mayUpsample(const JpgParam *param) {
+    return kiv::mayRead(param) && param->mcuBuffer != nullptr && param->blockPointers != nullptr &&
+           param->dec.upsampleBuffer != nullptr;
+}
+
+}  // namespace
+
 extern "C" {
 
 void jpgReadUpSamplingTo11(JpgParam *param) {
+    if (!mayUpsample(param))
+        return;
     uint32_t count = param->numComponents > 4 ? 4 : param->numComponents;
     bool plain = param->hmax >= 1 && param->vmax >= 1;
     for (uint32_t c = 0; c < count; c++)
@@ -268,6 +282,8 @@ void jpgReadUpSamplingTo11(JpgParam *param) {
 }
 
 void jpgReadUpSamplingTo12(JpgParam *param) {
+    if (!mayUpsample(param))
+        return;
     kiv::forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
         if (h * v != 1)
             return kiv::pointAtSource(walk, 2);
@@ -277,6 +293,8 @@ void jpgReadUpSamplingTo12(JpgParam *param) {
 }
 
 void jpgReadUpSamplingTo21(JpgParam *param) {
+    if (!mayUpsample(param))
+        return;
     auto across = [](const int16_t *in, const int16_t *next, int16_t *out) {
         kiv::doubleAcross(in, next, out, out + kiv::kBlockSize);
     };
@@ -291,6 +309,8 @@ void jpgReadUpSamplingTo21(JpgParam *param) {
 }
 
 void jpgReadUpSamplingTo22(JpgParam *param) {
+    if (!mayUpsample(param))
+        return;
     if (kiv::upsampleLumaChroma<0x22, 4>(param, kiv::doubleBoth))
         return;
     kiv::forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
@@ -313,6 +333,8 @@ void jpgReadUpSamplingTo22(JpgParam *param) {
 }
 
 void jpgReadUpSamplingToNN(JpgParam *param) {
+    if (!mayUpsample(param))
+        return;
     uint32_t hmax = param->hmax, vmax = param->vmax;
     kiv::forEachComponent(param, [hmax, vmax](McuWalk &walk, uint32_t h, uint32_t v) {
         if (h == hmax && v == vmax)
@@ -322,11 +344,22 @@ void jpgReadUpSamplingToNN(JpgParam *param) {
     });
 }
 
-void jpgReadScaleOutputUpSamplingTo22(JpgParam *param) { kiv::upsampleScaledFixed<2, 2, 0x12>(param); }
-void jpgReadScaleOutputUpSamplingTo21(JpgParam *param) { kiv::upsampleScaledFixed<2, 1, 0x11>(param); }
-void jpgReadScaleOutputUpSamplingTo12(JpgParam *param) { kiv::upsampleScaledFixed<1, 2, 0x11>(param); }
+void jpgReadScaleOutputUpSamplingTo22(JpgParam *param) {
+    if (mayUpsample(param))
+        kiv::upsampleScaledFixed<2, 2, 0x12>(param);
+}
+void jpgReadScaleOutputUpSamplingTo21(JpgParam *param) {
+    if (mayUpsample(param))
+        kiv::upsampleScaledFixed<2, 1, 0x11>(param);
+}
+void jpgReadScaleOutputUpSamplingTo12(JpgParam *param) {
+    if (mayUpsample(param))
+        kiv::upsampleScaledFixed<1, 2, 0x11>(param);
+}
 
 void jpgReadScaleOutputUpSamplingToNN(JpgParam *param) {
+    if (!mayUpsample(param))
+        return;
     uint32_t hmax = param->hmax, vmax = param->vmax, n = kiv::scaledBlockSize(param);
     kiv::forEachComponent(param, [hmax, vmax, n](McuWalk &walk, uint32_t h, uint32_t v) {
         if (h == hmax && v == vmax)
