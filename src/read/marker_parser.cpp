@@ -326,15 +326,34 @@ void resetForHeader(JpgParam *param) {
         table[0] = 0;
 }
 
-// Backward search for EOI (0xFF 0xD9) from the last two bytes down to offset 1.
-bool findEndOfImage(ComplibBitstream *bs, uint32_t size) {
-    uint8_t window[2];
-    for (int64_t at = static_cast<int64_t>(size) - 2; at >= 1; at--) {
-        if (complibSeekBitstreamFile(bs, static_cast<int32_t>(at), 0) == -1 ||
-            complibReadBitstreamFile(bs, window, 2) != 2)
+// Reads exactly n bytes at offset `at` of the stream into dst.
+bool readAt(ComplibBitstream *bs, uint32_t at, uint8_t *dst, uint32_t n) {
+    if (complibSeekBitstreamFile(bs, static_cast<int32_t>(at), 0) == -1)
+        return false;
+    for (uint32_t got = 0; got < n;) {
+        int32_t r = complibReadBitstreamFile(bs, dst + got, n - got);
+        if (r < 1)
             return false;
-        if (window[0] == 0xFF && window[1] == 0xD9)
-            return true;
+        got += static_cast<uint32_t>(r);
+    }
+    return true;
+}
+
+// Backward search for EOI (0xFF 0xD9) starting at offset 1 or later, from
+// the end: the stream is read into the handle's input buffer a block at a
+// time, from its end, blocks overlapping by one byte so that no pair is
+// missed (one seek and one read per 64 KiB, where a file once took two
+// system calls per byte). The buffer is free: the header is read later.
+bool findEndOfImage(JpgParam *param, uint32_t size) {
+    uint8_t *block = param->input;
+    for (uint32_t end = size; end >= 3;) {
+        uint32_t start = end - 1 > kInputBufferSize ? end - kInputBufferSize : 1;
+        if (!readAt(&param->bs, start, block, end - start))
+            return false;
+        for (uint32_t i = end - start - 1; i-- > 0;)
+            if (block[i] == 0xFF && block[i + 1] == 0xD9)
+                return true;
+        end = start + 1;
     }
     return false;
 }
@@ -350,7 +369,7 @@ JpgStatus openStream(JpgParam *param, bool searchEnd, uint32_t size) {
     JpgStatus status = JPG_STATUS_OK;
     if (!startsWithSoi(&param->bs))
         status = JPG_STATUS_BAD_DATA;
-    else if (searchEnd && !findEndOfImage(&param->bs, size))
+    else if (searchEnd && !findEndOfImage(param, size))
         status = JPG_STATUS_BAD_DATA;
     else if (complibSeekBitstreamFile(&param->bs, 2, 0) == -1)
         status = JPG_STATUS_SEEK_FAILED;
@@ -431,6 +450,8 @@ JpgStatus jpgReadPrologFromFile(const char *path, int32_t offset, int32_t length
 JpgStatus jpgReadProlog(JpgParam *param) {
     if (JpgStatus s = kiv::guardRead(param))
         return s;
+    if (!(param->bs.flags & COMPLIB_BS_READ))  // no input opened: nothing to read from
+        return JPG_STATUS_WRONG_MODE;
     resetForHeader(param);
     uint32_t marker = 0;
     JpgStatus status = kiv::parseTableSegments(param, &marker);

@@ -120,7 +120,8 @@ JpgStatus jpgWriteProlog(JpgParam *param) {
 JpgStatus jpgWriteSetImageSize(JpgParam *param, uint32_t width, uint32_t height) {
     if (JpgStatus s = kiv::guardWrite(param))
         return s;
-    if (width == 0 || height == 0)
+    // Once the frame is fixed its size sizes the encoder's buffers.
+    if (width == 0 || height == 0 || kiv::encoderFrameFixed(param))
         return JPG_STATUS_INVALID_PARAMETER;
     param->width = width;
     param->height = height;
@@ -189,7 +190,7 @@ JpgStatus jpgWriteGetSubsamplingMethod(JpgParam *param, uint32_t *method) {
 JpgStatus jpgWriteSetNumberOfChannels(JpgParam *param, uint32_t channels) {
     if (JpgStatus s = kiv::guardWrite(param))
         return s;
-    if (!inRange(channels, 1, 4))
+    if (!inRange(channels, 1, 4) || kiv::encoderFrameFixed(param))
         return JPG_STATUS_INVALID_PARAMETER;
     param->numComponents = channels;
     return JPG_STATUS_OK;
