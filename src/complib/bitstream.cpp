@@ -230,24 +230,28 @@ int32_t complibWriteBitstreamFile(ComplibBitstream *bs, const void *src, uint32_
 
 int32_t complibSeekBitstreamFile(ComplibBitstream *bs, int32_t offset, int32_t whence) {
     if (isMemory(bs)) {
-        int32_t position;
+        // In 64 bits: a position before the block or beyond 31 bits is
+        // refused and the stream stays where it was.
+        int64_t position;
         switch (whence) {
         case 0:
             position = offset;
             break;
         case 1:
-            position = static_cast<int32_t>(bs->memCursor - bs->memBase) + offset;
+            position = (bs->memCursor - bs->memBase) + static_cast<int64_t>(offset);
             break;
         case 2:
-            position = static_cast<int32_t>(bs->memLength) + offset;
+            position = static_cast<int64_t>(bs->memLength) + offset;
             break;
         default:
             bs->memOffset = 0;
             return 0;
         }
+        if (position < 0 || position > 0x7FFFFFFF)
+            return -1;
         bs->memCursor = bs->memBase + position;
         bs->memOffset = static_cast<uint32_t>(position);
-        return position;
+        return static_cast<int32_t>(position);
     }
     if (bs->fileBase == 0)
         return complibSeekFile(bs->fd, offset, whence);

@@ -64,6 +64,8 @@ JpgStatus jpgWritePrologToFile(const char *name, uint32_t, JpgParam **out) {
     if (name == nullptr || out == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *out = nullptr;
+    if (complibLibCstrlen(name) >= sizeof(ComplibBitstream::path))  // the handle could not hold it
+        return JPG_STATUS_INVALID_PARAMETER;
     JpgParam *param = jpgProlog(name);
     if (param == nullptr)
         return JPG_STATUS_NO_MEMORY;
