@@ -5,6 +5,8 @@
 
 namespace kiv {
 
+JpgStatus refuseRead(const JpgParam *param) { return guardRead(param); }
+
 JpgStatus checkRect(const ComplibRect *rect, const RectNeeds &needs) {
     if (rect == nullptr || rect->pixels == nullptr)
         return JPG_STATUS_INVALID_HANDLE;

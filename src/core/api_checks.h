@@ -36,6 +36,13 @@ inline JpgStatus guardWrite(const JpgParam *param) {
 inline bool mayRead(const JpgParam *param) { return guardRead(param) == JPG_STATUS_OK; }
 inline bool mayWrite(const JpgParam *param) { return guardWrite(param) == JPG_STATUS_OK; }
 
+// The status of a refused read-family call, out of line: the building
+// blocks that run once per MCU or block take the guard as one test on their
+// fast path and leave the status to this cold call,
+//     if (!kiv::mayRead(param)) [[unlikely]]
+//         return kiv::refuseRead(param);
+[[gnu::cold, gnu::noinline]] JpgStatus refuseRead(const JpgParam *param);
+
 // What a driver asks of a caller's rectangle. A row is width x channels
 // samples of ceil(sampleBits / 8) bytes; `rows` counts the rows the call
 // reads or writes, from the top row down.

@@ -9,6 +9,13 @@ namespace kiv {
 // colour-conversion setting and processor flag.
 void selectReadRoutines(JpgParam *param);
 
+// The routine a slot holds for an upsampler or a colour converter chosen by
+// its exported name: the same routine without the exported name's guard,
+// which the drivers need not pay once per MCU. Any other routine (and null)
+// comes back as it is.
+JpgUpSamplingFunc slotUpsampler(JpgUpSamplingFunc exported);
+JpgReadColorConvertFunc slotConverter(JpgReadColorConvertFunc exported);
+
 // MCU routine 0x302: reconstructs one MCU from the progressive coefficient
 // memory. Internal: reached only through the handle's MCU routine slot.
 JpgStatus readProgressiveMCU(JpgParam *param);

@@ -14,8 +14,8 @@ void selectReadRoutines(JpgParam *param) {
     int32_t level = param->scaleLevel < 0 ? 0 : param->scaleLevel > 2 ? 2 : param->scaleLevel;
 
     uint32_t upsampling = (param->hmax << 16) | (param->vmax << 8);
-    r.upsample = jpgGetUpSamplingFunc(upsampling, flag);
-    r.upsampleScaled = jpgGetUpSamplingFunc(upsampling | 0x80000000u, flag);
+    r.upsample = slotUpsampler(jpgGetUpSamplingFunc(upsampling, flag));
+    r.upsampleScaled = slotUpsampler(jpgGetUpSamplingFunc(upsampling | 0x80000000u, flag));
 
     uint32_t channels = param->numComponents < 1 ? 1 : param->numComponents > 255 ? 255
                                                                                 : param->numComponents;
@@ -23,8 +23,8 @@ void selectReadRoutines(JpgParam *param) {
     if (channels == 3 && !(param->mode & kModeNoColorConversion))
         kind = (param->mode & kModeYCbCr) ? 2 : 1;
     uint32_t id = (static_cast<uint32_t>(param->precision != 8) << 29) | (kind << 24) | channels;
-    r.convert = jpgGetReadColorConvertFunc(id | 0x20200, flag);
-    r.convertScaled = jpgGetReadColorConvertFunc(id | 0x40020200, flag);
+    r.convert = slotConverter(jpgGetReadColorConvertFunc(id | 0x20200, flag));
+    r.convertScaled = slotConverter(jpgGetReadColorConvertFunc(id | 0x40020200, flag));
 
     uint32_t scaled = static_cast<uint32_t>(level) << 8;
     if (param->precision == 8) {

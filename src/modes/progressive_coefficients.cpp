@@ -146,7 +146,7 @@ JpgStatus refineBand(JpgParam *param, Bits &bits, int16_t *block, JpgComponent *
 }
 
 bool validArguments(JpgParam *param, const int16_t *block) {
-    return jpgCheckParam(param) != nullptr && block != nullptr;
+    return param != nullptr && block != nullptr;  // the handle passed its guard
 }
 
 JpgStatus dcRefinementRoutine(JpgParam *param, int16_t *block, JpgComponent *) {
@@ -171,8 +171,8 @@ extern "C" {
 // added to the component's predictor and stored shifted by Al. A window
 // that is no code leaves the block empty and consumes nothing.
 JpgStatus jpgReadGetProgressiveDCBaseCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
-    if (JpgStatus s = kiv::guardRead(param))
-        return s;
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
     if (!validArguments(param, block) || comp == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     memset(block, 0, 64 * sizeof(int16_t));
@@ -189,8 +189,8 @@ JpgStatus jpgReadGetProgressiveDCBaseCoefficient(JpgParam *param, int16_t *block
 
 // DC refinement (G.1.2.1): one raw bit, the next lower bit of the DC value.
 JpgStatus jpgReadGetProgressiveDCDiffCoefficient(JpgParam *param, int16_t *block) {
-    if (JpgStatus s = kiv::guardRead(param))
-        return s;
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
     if (!validArguments(param, block))
         return JPG_STATUS_INVALID_HANDLE;
     Bits bits(param);
@@ -202,8 +202,8 @@ JpgStatus jpgReadGetProgressiveDCDiffCoefficient(JpgParam *param, int16_t *block
 // AC first scan (G.1.2.2): run/size symbols over the band Ss..Se, with
 // end-of-band runs that cover the following blocks of the scan.
 JpgStatus jpgReadGetProgressiveACBaseCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
-    if (JpgStatus s = kiv::guardRead(param))
-        return s;
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
     if (!validArguments(param, block) || comp == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (param->eobRun > 0) {
@@ -239,8 +239,8 @@ JpgStatus jpgReadGetProgressiveACBaseCoefficient(JpgParam *param, int16_t *block
 // AC refinement (G.1.2.3): newly significant coefficients of magnitude
 // 1 << Al, and one correction bit for every coefficient already non-zero.
 JpgStatus jpgReadGetProgressiveACDiffCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
-    if (JpgStatus s = kiv::guardRead(param))
-        return s;
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
     if (!validArguments(param, block) || comp == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (param->scanSe > kLastZigzag)

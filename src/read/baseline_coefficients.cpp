@@ -218,6 +218,10 @@ void advanceMcuCounters(JpgParam *param) {
         jpgReadEpilogEntropyCodedSegment(param);
 }
 
+JpgStatus decodeScaledCoefficients(JpgParam *param, int16_t *block, JpgComponent *comp, uint32_t limit) {
+    return decodeSingleBlock<true>(param, block, comp, limit);
+}
+
 JpgStatus checkSequentialScan(const JpgParam *param) {
     if (param->numComponents == 0 || param->blocksPerMcu == 0 || param->mcuBuffer == nullptr)
         return JPG_STATUS_FAILED;
@@ -231,21 +235,21 @@ JpgStatus checkSequentialScan(const JpgParam *param) {
 extern "C" {
 
 JpgStatus jpgReadGetCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
-    if (JpgStatus s = kiv::guardRead(param))
-        return s;
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
     return decodeSingleBlock<false>(param, block, comp, 64);
 }
 
 JpgStatus jpgReadGetScaleCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp,
                                      uint32_t limit) {
-    if (JpgStatus s = kiv::guardRead(param))
-        return s;
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
     return decodeSingleBlock<true>(param, block, comp, limit);
 }
 
 JpgStatus jpgReadDecodeBaselineMcu(JpgParam *param) {
-    if (JpgStatus s = kiv::guardRead(param))
-        return s;
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
     JpgStatus status = kiv::checkSequentialScan(param);
     if (status != JPG_STATUS_OK)
         return status;

@@ -28,6 +28,10 @@ inline bool hasDecodeLookup(const JpgHuffmanTable &table) { return table.numCode
 // restart interval runs the restart processing.
 void advanceMcuCounters(JpgParam *param);
 
+// One block of scaled output: jpgReadGetScaleCoefficient without the guard
+// of the exported name, for the scaled MCU routines (once per block).
+JpgStatus decodeScaledCoefficients(JpgParam *param, int16_t *block, JpgComponent *comp, uint32_t limit);
+
 // Whether a sequential MCU routine may run: JPG_STATUS_FAILED without blocks
 // or buffers, JPG_STATUS_NOT_SUPPORTED when the scan does not hold every
 // frame component (the decoders need all of them in one interleaved scan).

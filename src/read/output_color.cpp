@@ -196,11 +196,13 @@ void convertPairedChroma(JpgParam *param, ComplibRect *rect, int32_t x, int32_t 
 // by repeating rows (or fill it with one value), so with Vmax = 2 the
 // chroma rows of every converted block come in equal pairs.
 JpgReadColorConvertFunc mcuRowConverter(const JpgParam *param) {
-    JpgReadColorConvertFunc stored = param->routines.convert;
-    if (!KIV_HAVE_SSE2_COLOR || stored != jpgReadYUV2Rect || param->vmax != 2 ||
+    JpgReadColorConvertFunc stored = slotConverter(param->routines.convert);
+    auto isUpsampler = [param](JpgUpSamplingFunc exported) {
+        return param->routines.upsample == exported || param->routines.upsample == slotUpsampler(exported);
+    };
+    if (!KIV_HAVE_SSE2_COLOR || stored != convertMcu<3, Layout::YCbCr, false> || param->vmax != 2 ||
         param->numComponents != 3 ||
-        (param->routines.upsample != jpgReadUpSamplingTo22 &&
-         param->routines.upsample != jpgReadUpSamplingTo12))
+        (!isUpsampler(jpgReadUpSamplingTo22) && !isUpsampler(jpgReadUpSamplingTo12)))
         return stored;
     for (uint32_t c = 1; c < 3; c++)
         if ((param->components[c].sampling & 15) != 1)
@@ -238,6 +240,38 @@ KIV_CONVERTER(jpgReadScaledCopy3Reversed, 3, Reversed, true)
 KIV_CONVERTER(jpgReadScaledYUV2Rect, 3, YCbCr, true)
 
 #undef KIV_CONVERTER
+
+}  // extern "C"
+
+namespace kiv {
+
+JpgReadColorConvertFunc slotConverter(JpgReadColorConvertFunc exported) {
+    struct Pair {
+        JpgReadColorConvertFunc exported, internal;
+    };
+    static constexpr Pair kPairs[] = {
+        {jpgReadCopyGrey, convertMcu<1, Layout::Copy, false>},
+        {jpgReadCopy2, convertMcu<2, Layout::Copy, false>},
+        {jpgReadCopy3, convertMcu<3, Layout::Copy, false>},
+        {jpgReadCopy4, convertMcu<4, Layout::Copy, false>},
+        {jpgReadCopy3Reversed, convertMcu<3, Layout::Reversed, false>},
+        {jpgReadYUV2Rect, convertMcu<3, Layout::YCbCr, false>},
+        {jpgReadScaledCopyGrey, convertMcu<1, Layout::Copy, true>},
+        {jpgReadScaledCopy2, convertMcu<2, Layout::Copy, true>},
+        {jpgReadScaledCopy3, convertMcu<3, Layout::Copy, true>},
+        {jpgReadScaledCopy4, convertMcu<4, Layout::Copy, true>},
+        {jpgReadScaledCopy3Reversed, convertMcu<3, Layout::Reversed, true>},
+        {jpgReadScaledYUV2Rect, convertMcu<3, Layout::YCbCr, true>},
+    };
+    for (const Pair &p : kPairs)
+        if (p.exported == exported)
+            return p.internal;
+    return exported;
+}
+
+}  // namespace kiv
+
+extern "C" {
 
 void jpgReadYuv2RGB(int32_t *r, int32_t *g, int32_t *b, int32_t y, int32_t cb, int32_t cr) {
     kiv::Bgr p = kiv::yccToBgr(y, cb, cr);

@@ -8,6 +8,7 @@
 
 #include "core/api_checks.h"
 #include "core/codec.h"
+#include "read/front_end.h"
 #include "read/scaled_transforms.h"
 #include "read/sse2_products.h"
 
@@ -176,7 +177,7 @@ JpgStatus decodeScaledBlock(JpgParam *param, int16_t *block, JpgComponent *comp)
         for (int i = 0; i < 32; i++)
             block[i] = 0;
     }
-    JpgStatus status = jpgReadGetScaleCoefficient(param, block, comp, kLimits[kLevel]);
+    JpgStatus status = decodeScaledCoefficients(param, block, comp, kLimits[kLevel]);
     if (status != JPG_STATUS_OK)
         return status;
     if constexpr (kLevel == 0)
@@ -312,18 +313,18 @@ JpgStatus jpgReadScaleOutputSetLevel(JpgParam *param, uint32_t level) {
 }
 
 JpgStatus jpgReadScaleOutputLevel0MCU(JpgParam *param) {
-    if (JpgStatus s = kiv::guardRead(param))
-        return s;
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
     return kiv::decodeScaledMcu<0>(param);
 }
 JpgStatus jpgReadScaleOutputLevel1MCU(JpgParam *param) {
-    if (JpgStatus s = kiv::guardRead(param))
-        return s;
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
     return kiv::decodeScaledMcu<1>(param);
 }
 JpgStatus jpgReadScaleOutputLevel2MCU(JpgParam *param) {
-    if (JpgStatus s = kiv::guardRead(param))
-        return s;
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
     return kiv::decodeScaledMcu<2>(param);
 }
 
