@@ -343,15 +343,60 @@ Bytes StreamFor(const DriverCase &c) {
     return kivtest::readFile(out);
 }
 
+// The buffer behind a rectangle: 64 guard bytes on each side and 6 bytes of
+// padding behind every row, all holding a pattern, so that a write outside
+// the rectangle shows; a refused call must leave every byte.
+struct Guarded {
+    static constexpr size_t kGuard = 64, kPad = 6;  // even: 16-bit rows stay aligned
+    Bytes bytes;
+    ComplibRect rect;
+    size_t rowBytes, stride;
+    Guarded(const DriverCase &c, int w, int h) {
+        int channels = c.lossless ? 1 : 3, bits = c.lossless ? 12 : 8;
+        rowBytes = size_t(w) * channels * (bits > 8 ? 2 : 1);
+        stride = rowBytes + kPad;
+        size_t reach = (size_t(h) - 1) * stride + rowBytes;
+        bytes.resize(2 * kGuard + reach);
+        for (size_t i = 0; i < bytes.size(); i++)
+            bytes[i] = Pattern(i);
+        rect = RectOver(bytes, w, h, channels, bits, kGuard);
+        rect.stride = int32_t(stride);
+        rect.allocSize = uint32_t(reach);
+    }
+    static uint8_t Pattern(size_t i) { return uint8_t(i * 29 + 5); }
+    bool InRow(size_t i) const {
+        return i >= kGuard && i < bytes.size() - kGuard && (i - kGuard) % stride < rowBytes;
+    }
+    bool Untouched(bool rowsToo = true) const {
+        for (size_t i = 0; i < bytes.size(); i++)
+            if (bytes[i] != Pattern(i) && (rowsToo || !InRow(i)))
+                return false;
+        return true;
+    }
+    Bytes Rows() const {
+        Bytes out;
+        for (size_t i = 0; i < bytes.size(); i++)
+            if (InRow(i))
+                out.push_back(bytes[i]);
+        return out;
+    }
+};
+
 // What a fresh handle, or one that refused calls before, delivers in one
-// call: a decoder's pixels or an encoder's stream.
+// call: a decoder's pixels (nothing written outside the rectangle) or an
+// encoder's stream.
 Bytes Complete(const DriverCase &c, JpgParam *p) {
     Size size = SizeFor(c);
-    Bytes pixels = c.decoder ? Bytes(size_t(size.w) * size.h * (c.lossless ? 2 : 3), 0)
-                             : Samples(kW, kH, c.lossless ? 1 : 3, c.lossless ? 2 : 1);
-    ComplibRect r = c.lossless ? RectOver(pixels, size.w, size.h, 1, 12) : RectOver(pixels, size.w, size.h, 3, 8);
-    EXPECT_EQ(Drive(c.driver, p, &r, uint32_t(size.h)), JPG_STATUS_OK) << c.name;
-    return c.decoder ? pixels : Finish(p);
+    if (!c.decoder) {
+        Bytes pixels = Samples(kW, kH, c.lossless ? 1 : 3, c.lossless ? 2 : 1);
+        ComplibRect r = c.lossless ? RectOver(pixels, kW, kH, 1, 12) : RectOver(pixels, kW, kH, 3, 8);
+        EXPECT_EQ(Drive(c.driver, p, &r, uint32_t(kH)), JPG_STATUS_OK) << c.name;
+        return Finish(p);
+    }
+    Guarded g(c, size.w, size.h);
+    EXPECT_EQ(Drive(c.driver, p, &g.rect, uint32_t(size.h)), JPG_STATUS_OK) << c.name;
+    EXPECT_TRUE(g.Untouched(false)) << c.name << ": written outside the rectangle";
+    return g.Rows();
 }
 
 JpgParam *Open(const DriverCase &c, const Bytes &jpeg) {
@@ -383,7 +428,9 @@ const Defect kDefects[] = {
      kParameter, kParameter, kParameter},
     {"negative height", [](ComplibRect &r, const DriverCase &) { r.height = -r.height; }, kParameter, kParameter, kParameter},
     {"zero height", [](ComplibRect &r, const DriverCase &) { r.height = 0; }, kParameter, kParameter, kParameter},
-    {"stride shorter than a row", [](ComplibRect &r, const DriverCase &) { r.stride -= 1; }, kParameter, kParameter, kParameter},
+    {"stride shorter than a row",
+     [](ComplibRect &r, const DriverCase &) { r.stride = r.width * r.channels * ((r.sampleBits + 7) / 8) - 1; },
+     kParameter, kParameter, kParameter},
     {"negative stride over a stated allocation", [](ComplibRect &r, const DriverCase &) { r.stride = -r.stride; },
      kParameter, kParameter, kParameter},
     {"allocation a byte short", [](ComplibRect &r, const DriverCase &) { r.allocSize -= 1; }, kParameter, kParameter, kParameter},
@@ -392,27 +439,6 @@ const Defect kDefects[] = {
     {"sample size the call does not take",
      [](ComplibRect &r, const DriverCase &c) { r.sampleBits = c.lossless ? 17 : 16; },
      kNotSupported, kNotSupported, kParameter},
-};
-
-// The buffer behind a rectangle, with 64 guard bytes on each side; every
-// byte starts as a pattern, so a refused call must leave all of them.
-struct Guarded {
-    Bytes bytes;
-    ComplibRect rect;
-    Guarded(const DriverCase &c, int w, int h) {
-        int channels = c.lossless ? 1 : 3, bits = c.lossless ? 12 : 8;
-        bytes.resize(size_t(w) * h * channels * (bits > 8 ? 2 : 1) + 128);
-        for (size_t i = 0; i < bytes.size(); i++)
-            bytes[i] = uint8_t(i * 29 + 5);
-        rect = RectOver(bytes, w, h, channels, bits, 64);
-        rect.allocSize = uint32_t(bytes.size() - 128);
-    }
-    bool Untouched() const {
-        for (size_t i = 0; i < bytes.size(); i++)
-            if (bytes[i] != uint8_t(i * 29 + 5))
-                return false;
-        return true;
-    }
 };
 
 TEST(RectangleDefects, EveryDriverRefusesEachDefectAndThenWorks) {
