@@ -10,7 +10,7 @@ cxx=$(command -v clang++-14 || command -v clang++)
 CC=$cc CXX=$cxx cmake -S fuzz -B "$dir" >/dev/null
 cmake --build "$dir" -j "$(nproc 2>/dev/null || echo 2)"
 rm -rf "$dir/seeds"
-"$dir/make_seeds" "$(pwd)/../shared/corpus" "$dir/seeds/decode" "$dir/seeds/encode"
+"$dir/make_seeds" "$(pwd)/../shared/corpus" "$dir/seeds/decode" "$dir/seeds/encode" "$dir/seeds/api"
 # Progressive and restart-marker variants of a few encoder streams, when the
 # independent tool is at hand.
 if command -v jpegtran >/dev/null; then

@@ -1,7 +1,8 @@
 // Writes the seed inputs of the fuzz targets: every corpus stream (up to
 // 128 KiB) behind several decode plans, streams written by the encoder with
 // a range of parameters, small hostile frames, and encoder plans.
-//   make_seeds CORPUS_DIR DECODE_SEED_DIR ENCODE_SEED_DIR
+// The api target gets the misuse programs of tests/support/api_seeds.h.
+//   make_seeds CORPUS_DIR DECODE_SEED_DIR ENCODE_SEED_DIR [API_SEED_DIR]
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "../tests/support/api_seeds.h"
 #include "../tests/support/hostile_decode.h"
 #include "../tests/support/hostile_encode.h"
 #include "../tests/support/jpeg_builder.h"
@@ -71,8 +73,8 @@ std::vector<std::vector<uint8_t>> EncoderPlans() {
 }  // namespace
 
 int main(int argc, char **argv) {
-    if (argc != 4) {
-        std::fprintf(stderr, "usage: make_seeds CORPUS_DIR DECODE_DIR ENCODE_DIR\n");
+    if (argc != 4 && argc != 5) {
+        std::fprintf(stderr, "usage: make_seeds CORPUS_DIR DECODE_DIR ENCODE_DIR [API_DIR]\n");
         return 2;
     }
     fs::path corpus = argv[1], decodeDir = argv[2], encodeDir = argv[3];
@@ -111,6 +113,16 @@ int main(int argc, char **argv) {
     WithPlans(decodeDir, "bomb-progressive", kivtest::ProgressiveBomb(512, 512, 512, 8, 1));
     WithPlans(decodeDir, "bomb-lossless", kivtest::LosslessBomb(4000, 300, 16, 3, 64));
     WithPlans(decodeDir, "bomb-lossless8", kivtest::LosslessBomb(300, 30, 8, 1, 64));
+    if (argc == 5) {
+        fs::path apiDir = argv[4];
+        fs::create_directories(apiDir);
+        auto read = [&](const char *name) {
+            std::ifstream in(corpus / "samples" / name, std::ios::binary);
+            return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), {});
+        };
+        for (const auto &seed : kivtest::ApiSeedPrograms(read("testorig.jpg"), read("testprog.jpg")))
+            Write(apiDir, seed.name, seed.input.bytes());
+    }
     std::printf("make_seeds: %d files\n", written);
     return 0;
 }

@@ -10,7 +10,7 @@ dir=${2:-build/fuzz}
 shift $(( $# > 2 ? 2 : $# ))
 status=0
 mkdir -p "$dir/artifacts"
-for target in decode encode; do
+for target in decode encode api; do
   found="$dir/found/$target"
   mkdir -p "$found" "tests/regressions/$target"
   dict=()

@@ -232,9 +232,11 @@ public:
         Status s = jpgReadPrologFromMemory(owned_.data(), int32_t(owned_.size()), flags, &param_);
         return s ? readHeader() : s;
     }
-    Status openFile(const std::string &path) {
+    // Opens a stream in a file (read through the handle's buffer, not held
+    // in memory); `flags` as for the file prolog (0x4: no end-of-image check).
+    Status openFile(const std::string &path, uint8_t flags = 0) {
         close();
-        Status s = jpgReadPrologFromFile(path.c_str(), 0, 0, 0, &param_);
+        Status s = jpgReadPrologFromFile(path.c_str(), 0, 0, flags, &param_);
         return s ? readHeader() : s;
     }
     void close() {

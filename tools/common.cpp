@@ -194,6 +194,18 @@ Status openJpeg(Decoder &decoder, const std::vector<uint8_t> &bytes, std::string
     return retry;
 }
 
+Status openJpegFile(Decoder &decoder, const std::string &path, std::string *note) {
+    Status s = decoder.openFile(path);
+    if (s.code() != JPG_STATUS_BAD_DATA)
+        return s;
+    Status retry = decoder.openFile(path, 0x4);
+    if (!retry)
+        return s;
+    if (note != nullptr)
+        *note = "the stream has no end-of-image marker (truncated?)";
+    return retry;
+}
+
 namespace {
 
 // Decodes in strips of whole MCU rows so that progress can be shown.

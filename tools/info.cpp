@@ -3,6 +3,8 @@
 // print them as text or JSON, or extract one segment's payload.
 #include <cstdio>
 
+#include <sys/stat.h>
+
 #include "tool.h"
 
 namespace kivtool {
@@ -209,8 +211,32 @@ void printJson(const std::string &name, size_t size, Decoder &d, const SegmentLi
     printf("\n  ],\n  \"restart_markers\": %u\n}\n", list.restarts);
 }
 
+// A regular file of up to 2 GiB is opened with the file prolog, so that
+// nothing but the decoder's buffer holds it; standard input and anything
+// else is read into memory first.
 int openForReading(const std::string &command, const std::string &path, Decoder &decoder,
                    size_t *size, std::string *note) {
+    struct stat st;
+    if (path != "-" && stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0 &&
+        st.st_size <= 0x7FFFFFFF) {
+        *size = size_t(st.st_size);
+        Status s = openJpegFile(decoder, path, note);
+        if (s)
+            return kExitOk;
+        std::vector<uint8_t> head(2, 0);
+        if (FILE *f = fopen(path.c_str(), "rb")) {
+            head.resize(fread(head.data(), 1, 2, f));
+            fclose(f);
+        }
+        if (formatFromBytes(head) != Format::Jpeg)
+            return fail(command + ": " + path,
+                        s.describe() + " (not a JPEG file: it does not start with FF D8)");
+        std::vector<uint8_t> bytes;
+        std::string error;
+        if (s.code() == JPG_STATUS_NOT_SUPPORTED && readAll(path, &bytes, &error))
+            return fail(command + ": " + path, describeRefusal(readStreamFacts(bytes), s));
+        return failStatus(command + ": " + path, s);
+    }
     std::vector<uint8_t> bytes;
     std::string error;
     if (!readAll(path, &bytes, &error))

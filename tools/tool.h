@@ -84,6 +84,8 @@ kivjpeg::Image cmykToRgb(const kivjpeg::Image &stored);
 // stream whose EOI marker is missing (and says so in *note).
 kivjpeg::Status openJpeg(kivjpeg::Decoder &decoder, const std::vector<uint8_t> &bytes,
                          std::string *note);
+// The same for a regular file, read by the decoder through its own buffer.
+kivjpeg::Status openJpegFile(kivjpeg::Decoder &decoder, const std::string &path, std::string *note);
 
 // Decodes a whole JPEG into an image in Gray/RGB order, at a scale. Frames
 // the library cannot scale (progressive, lossless) are decoded at full size

@@ -199,15 +199,19 @@ int32_t complibReadBitstreamFile(ComplibBitstream *bs, void *dst, uint32_t lengt
 }
 
 // A memory stream grows by one growth step per call. A write that would not
-// fit even then is outside the contract and is refused (-1) without writing.
+// fit even then is outside the contract and is refused (-1) without writing;
+// sizes are compared in 64 bits, so no length wraps past the block.
 int32_t complibWriteBitstreamFile(ComplibBitstream *bs, const void *src, uint32_t length) {
     if (!isMemory(bs)) {
         int32_t written = complibWriteFile(bs->fd, src, length);
         return written == static_cast<int32_t>(length) ? written : -1;
     }
-    if (static_cast<int32_t>(length) > static_cast<int32_t>(bs->memCapacity - bs->memLength)) {
+    if (length > 0x7FFFFFFF)
+        return -1;  // its count could not be reported
+    const uint64_t used = bs->memLength;
+    if (used + length > bs->memCapacity) {
         uint64_t grown = static_cast<uint64_t>(bs->memCapacity) + bs->memOffset;
-        if (grown > 0xFFFFFFFFu || grown - bs->memLength < length)
+        if (grown > 0xFFFFFFFFu || used > grown || grown - used < length)
             return -1;
         void *block = complibMemReAlloc(bs->memCursor, static_cast<uint32_t>(grown));
         if (block == nullptr) {
@@ -226,24 +230,28 @@ int32_t complibWriteBitstreamFile(ComplibBitstream *bs, const void *src, uint32_
 
 int32_t complibSeekBitstreamFile(ComplibBitstream *bs, int32_t offset, int32_t whence) {
     if (isMemory(bs)) {
-        int32_t position;
+        // In 64 bits: a position before the block or beyond 31 bits is
+        // refused and the stream stays where it was.
+        int64_t position;
         switch (whence) {
         case 0:
             position = offset;
             break;
         case 1:
-            position = static_cast<int32_t>(bs->memCursor - bs->memBase) + offset;
+            position = (bs->memCursor - bs->memBase) + static_cast<int64_t>(offset);
             break;
         case 2:
-            position = static_cast<int32_t>(bs->memLength) + offset;
+            position = static_cast<int64_t>(bs->memLength) + offset;
             break;
         default:
             bs->memOffset = 0;
             return 0;
         }
+        if (position < 0 || position > 0x7FFFFFFF)
+            return -1;
         bs->memCursor = bs->memBase + position;
         bs->memOffset = static_cast<uint32_t>(position);
-        return position;
+        return static_cast<int32_t>(position);
     }
     if (bs->fileBase == 0)
         return complibSeekFile(bs->fd, offset, whence);

@@ -5,15 +5,23 @@
 
 extern "C" {
 
+// A rectangle that cannot describe its allocation (negative sizes, a stride
+// beyond 32 bits, more than 4 GiB) gets none, and nothing of it changes.
 ComplibRect *complibRectAlloc(ComplibRect *rect) {
-    if (rect->stride == 0)
-        rect->stride = (rect->pixelBits / 8) * rect->width;
-    int64_t bytes = static_cast<int64_t>(rect->stride) * rect->height + 4;
-    if (rect->stride < 0 || rect->height < 0 || bytes > 0xFFFFFFFFll)
+    if (rect == nullptr || rect->width < 0 || rect->height < 0 || rect->pixelBits < 0 ||
+        rect->stride < 0)
         return nullptr;
-    rect->pixels = static_cast<uint8_t *>(complibMemAlloc(static_cast<uint32_t>(bytes)));
-    if (rect->pixels == nullptr)
+    int64_t stride = rect->stride;
+    if (stride == 0)
+        stride = static_cast<int64_t>(rect->pixelBits / 8) * rect->width;
+    int64_t bytes = stride * rect->height + 4;
+    if (stride > 0x7FFFFFFF || bytes > 0xFFFFFFFFll)
         return nullptr;
+    auto *pixels = static_cast<uint8_t *>(complibMemAlloc(static_cast<uint32_t>(bytes)));
+    if (pixels == nullptr)
+        return nullptr;
+    rect->stride = static_cast<int32_t>(stride);
+    rect->pixels = pixels;
     rect->allocSize = static_cast<uint32_t>(bytes);
     return rect;
 }
@@ -33,6 +41,8 @@ JpgStatus complibRectResize(ComplibRect *rect, int32_t width, int32_t height, in
         return JPG_STATUS_OK;
     int32_t roundedBits = (sampleBits + 7) / 8 * 8;
     int64_t stride = static_cast<int64_t>(roundedBits * channels / 8) * width;
+    if (stride > 0x7FFFFFFF)
+        return JPG_STATUS_INVALID_PARAMETER;  // the stride field could not hold it
     if (stride * height > rect->allocSize)
         return JPG_STATUS_NO_MEMORY;
     rect->width = width;

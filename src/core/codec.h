@@ -12,6 +12,12 @@ void selectReadRoutines(JpgParam *param);
 // Frames decoded scan by scan into the whole-image coefficient store:
 // progressive frames and sequential frames coded in several scans.
 inline bool usesCoefficientStore(const JpgParam *param) { return param->dec.coefBase != nullptr; }
+// The routine a slot holds for an upsampler or a colour converter chosen by
+// its exported name: the same routine without the exported name's guard,
+// which the drivers need not pay once per MCU. Any other routine (and null)
+// comes back as it is.
+JpgUpSamplingFunc slotUpsampler(JpgUpSamplingFunc exported);
+JpgReadColorConvertFunc slotConverter(JpgReadColorConvertFunc exported);
 
 // MCU routine 0x302: reconstructs one MCU from the progressive coefficient
 // memory. Internal: reached only through the handle's MCU routine slot.

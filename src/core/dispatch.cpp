@@ -3,6 +3,7 @@
 // stored in the handle's slots, so per-MCU loops make no format decisions.
 // This build reports no processor-specific capability: every identifier
 // resolves to the generic routine.
+#include "core/api_checks.h"
 #include "core/codec.h"
 
 namespace kiv {
@@ -13,8 +14,8 @@ void selectReadRoutines(JpgParam *param) {
     int32_t level = param->scaleLevel < 0 ? 0 : param->scaleLevel > 2 ? 2 : param->scaleLevel;
 
     uint32_t upsampling = (param->hmax << 16) | (param->vmax << 8);
-    r.upsample = jpgGetUpSamplingFunc(upsampling, flag);
-    r.upsampleScaled = jpgGetUpSamplingFunc(upsampling | 0x80000000u, flag);
+    r.upsample = slotUpsampler(jpgGetUpSamplingFunc(upsampling, flag));
+    r.upsampleScaled = slotUpsampler(jpgGetUpSamplingFunc(upsampling | 0x80000000u, flag));
 
     uint32_t channels = param->numComponents < 1 ? 1 : param->numComponents > 255 ? 255
                                                                                 : param->numComponents;
@@ -29,8 +30,8 @@ void selectReadRoutines(JpgParam *param) {
             kind = 3;
     }
     uint32_t id = (static_cast<uint32_t>(param->precision != 8) << 29) | (kind << 24) | channels;
-    r.convert = jpgGetReadColorConvertFunc(id | 0x20200, flag);
-    r.convertScaled = jpgGetReadColorConvertFunc(id | 0x40020200, flag);
+    r.convert = slotConverter(jpgGetReadColorConvertFunc(id | 0x20200, flag));
+    r.convertScaled = slotConverter(jpgGetReadColorConvertFunc(id | 0x40020200, flag));
 
     uint32_t scaled = static_cast<uint32_t>(level) << 8;
     if (param->precision == 8) {
@@ -77,16 +78,16 @@ JpgStatus jpgSetProcessorArchitectureFlag(JpgParam *param, uint32_t flag) {
 }
 
 JpgStatus jpgReadSetProcessorArchitectureFlag(JpgParam *param, uint32_t flag) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     param->processorFlag = flag & jpgGetProcessorArchitecture();
     kiv::selectReadRoutines(param);
     return JPG_STATUS_OK;
 }
 
 JpgStatus jpgWriteSetProcessorArchitectureFlag(JpgParam *param, uint32_t flag) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     param->processorFlag = jpgGetProcessorArchitecture() & flag;
     param->routines.writeMcu = jpgGetWriteMCUFunc(0x301, param->processorFlag);
     param->routines.writeMcu303 = jpgGetWriteMCUFunc(0x303, param->processorFlag);

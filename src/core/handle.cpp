@@ -60,10 +60,19 @@ JpgStatus jpgEpilog(JpgParam *param) {
             release(param->acTables[id].level[level].entries);
         }
     }
+    // The decode allocation starts at the lower of the two MCU buffers.
+    if ((param->mode & kModeRead) && param->mcuBuffer != nullptr &&
+        param->dec.mcuNext != nullptr && param->dec.mcuNext < param->mcuBuffer)
+        param->mcuBuffer = param->dec.mcuNext;
     release(param->mcuBuffer);
     release(param->blockPointers);
     release(param->blockMap);
     release(param->spareBuffer);
+    release(param->losslessLine);
+    // A memory output nobody took over (the epilog to memory hands it out
+    // and clears the pointer); a memory input belongs to the caller.
+    if ((param->bs.flags & COMPLIB_BS_MEMORY) && (param->bs.flags & COMPLIB_BS_WRITE))
+        release(param->bs.memCursor);
     complibCloseBitstreamFile(&param->bs);
     param->magic = 0;
     param->size = 0;

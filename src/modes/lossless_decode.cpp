@@ -7,6 +7,7 @@
 // first sample is written, and a row never holds more than width x Nc samples.
 #include <string.h>
 
+#include "core/api_checks.h"
 #include "core/codec.h"
 #include "core/tables.h"
 #include "modes/lossless_predictors.h"
@@ -258,8 +259,11 @@ using namespace kiv;
 extern "C" {
 
 JpgStatus jpgReadSpatialToRect(JpgParam *param, ComplibRect *rect, uint32_t rows) {
-    if (jpgCheckParam(param) == nullptr || rect == nullptr || rect->pixels == nullptr ||
-        (param->mode & kModeRead) == 0)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (JpgStatus s = kiv::checkDecodeRect(param, rect, rows))
+        return s;
+    if ((param->mode & kModeRead) == 0)
         return JPG_STATUS_INVALID_HANDLE;
     if (param->frameMarker != kSof3)
         return JPG_STATUS_NOT_SUPPORTED;
@@ -283,7 +287,9 @@ JpgStatus jpgReadSpatialToRect(JpgParam *param, ComplibRect *rect, uint32_t rows
 }
 
 JpgStatus jpgReadGetSpatialDifference(JpgParam *param, JpgComponent *comp, int32_t *difference) {
-    if (jpgCheckParam(param) == nullptr || comp == nullptr || difference == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (comp == nullptr || difference == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     const JpgHuffmanTable *table = comp->dcTable;
     if (table == nullptr || table->level[0].entries == nullptr)
@@ -297,7 +303,9 @@ JpgStatus jpgReadGetSpatialDifference(JpgParam *param, JpgComponent *comp, int32
 // The index names one of the four component records; others are refused
 // rather than read outside the records.
 JpgStatus jpgReadGetSpatialDifferenceAtIndex(JpgParam *param, int32_t *difference, uint32_t index) {
-    if (jpgCheckParam(param) == nullptr || difference == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (difference == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (index >= 4)
         return JPG_STATUS_INVALID_PARAMETER;
@@ -305,14 +313,18 @@ JpgStatus jpgReadGetSpatialDifferenceAtIndex(JpgParam *param, int32_t *differenc
 }
 
 JpgStatus jpgReadGetPointTransform(JpgParam *param, uint32_t *pt) {
-    if (jpgCheckParam(param) == nullptr || pt == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (pt == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *pt = param->scanAl;
     return JPG_STATUS_OK;
 }
 
 JpgStatus jpgReadGetSpatialPrevLine(JpgParam *param, void **line) {
-    if (jpgCheckParam(param) == nullptr || line == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (line == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *line = param->losslessLine;
     return JPG_STATUS_OK;
@@ -320,15 +332,17 @@ JpgStatus jpgReadGetSpatialPrevLine(JpgParam *param, void **line) {
 
 // The flag as stored: kModeFirstRow (0x4000000) or 0.
 JpgStatus jpgReadGetSpatialFirstLine(JpgParam *param, uint32_t *flag) {
-    if (jpgCheckParam(param) == nullptr || flag == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (flag == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *flag = param->mode & kModeFirstRow;
     return JPG_STATUS_OK;
 }
 
 JpgStatus jpgReadSetSpatialFirstLine(JpgParam *param, uint32_t flag) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     if (flag != 0)
         param->mode |= kModeFirstRow;
     else

@@ -7,6 +7,7 @@
 // may be handed over in any batch size and the result is the same stream.
 #include <string.h>
 
+#include "core/api_checks.h"
 #include "core/codec.h"
 #include "modes/lossless_predictors.h"
 
@@ -298,23 +299,14 @@ JpgStatus writeFrameAndScan(JpgParam *param) {
 
 uint32_t sampleBytes(uint32_t precision) { return precision > 8 ? 2 : 1; }
 
-// The rectangle can deliver `rows` rows of the frame's layout.
-bool rectHoldsRows(const JpgParam *param, const ComplibRect *rect, uint32_t rows) {
-    uint32_t bytes = sampleBytes(param->precision);
-    int64_t span = static_cast<int64_t>(param->width) * param->numComponents * bytes;
-    int64_t stride = rect->stride;
-    int64_t reach = stride < 0 ? -stride : stride;
-    if (reach < span || rect->height < 0 || static_cast<uint32_t>(rect->height) < rows)
-        return false;
-    if (bytes == 2 && ((stride & 1) != 0 || (reinterpret_cast<uintptr_t>(rect->pixels) & 1) != 0))
-        return false;
-    return rect->allocSize == 0 || stride <= 0 ||
-           (static_cast<int64_t>(rows) - 1) * stride + span <= rect->allocSize;
-}
+// The frame a lossless stream takes from its first rectangle.
+struct Frame {
+    uint32_t width, height, components, precision;
+};
 
 // First call: the frame is taken from the rectangle (the height only when
 // none was set) and checked against what the stream can express.
-JpgStatus setUpFrame(JpgParam *param, const ComplibRect *rect) {
+JpgStatus frameFromRect(const JpgParam *param, const ComplibRect *rect, Frame *frame) {
     uint32_t height = param->height != 0 ? param->height : static_cast<uint32_t>(rect->height);
     if (rect->sampleBits < 2 || rect->sampleBits > 16 || rect->channels < 1 || rect->channels > 4 ||
         rect->width < 1 || rect->width > 0xFFFF || rect->height < 1 || height > 0xFFFF)
@@ -322,10 +314,26 @@ JpgStatus setUpFrame(JpgParam *param, const ComplibRect *rect) {
     // Lossless restart intervals must be whole rows (H.1.1).
     if (param->restartInterval % static_cast<uint32_t>(rect->width) != 0)
         return JPG_STATUS_INVALID_PARAMETER;
-    param->height = height;
-    param->width = static_cast<uint32_t>(rect->width);
-    param->numComponents = static_cast<uint32_t>(rect->channels);
-    param->precision = static_cast<uint32_t>(rect->sampleBits);
+    *frame = {static_cast<uint32_t>(rect->width), height, static_cast<uint32_t>(rect->channels),
+              static_cast<uint32_t>(rect->sampleBits)};
+    return JPG_STATUS_OK;
+}
+
+// The rectangle can deliver `rows` rows of the frame's layout: the shared
+// check with the frame's channels and precision, 16-bit samples aligned.
+JpgStatus checkSource(const Frame &frame, const ComplibRect *rect, uint32_t rows) {
+    kiv::RectNeeds needs;
+    needs.rows = rows;
+    needs.minChannels = needs.maxChannels = static_cast<int32_t>(frame.components);
+    needs.minSampleBits = needs.maxSampleBits = static_cast<int32_t>(frame.precision);
+    needs.bottomUp = true;
+    if (JpgStatus status = kiv::checkRect(rect, needs))
+        return status;
+    if (static_cast<uint32_t>(rect->width) != frame.width)
+        return JPG_STATUS_INVALID_PARAMETER;
+    if (sampleBytes(frame.precision) == 2 &&
+        ((rect->stride & 1) != 0 || (reinterpret_cast<uintptr_t>(rect->pixels) & 1) != 0))
+        return JPG_STATUS_INVALID_PARAMETER;
     return JPG_STATUS_OK;
 }
 
@@ -408,29 +416,36 @@ using namespace kiv;
 extern "C" {
 
 JpgStatus jpgWriteSpatialFromRect(JpgParam *param, const ComplibRect *rect, int32_t rows) {
-    if (jpgCheckParam(param) == nullptr || rect == nullptr || rect->pixels == nullptr ||
-        (param->mode & kModeWrite) == 0)
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
+    if (rect == nullptr || rect->pixels == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (rows <= 0)
         return JPG_STATUS_INVALID_PARAMETER;
     bool first = param->frameMarker != kSof3;
+    if (first && (param->enc.rowsEncoded != 0 || (param->mode & kModeHeadersWritten)))
+        return JPG_STATUS_NOT_SUPPORTED;  // a baseline frame is already under way
+    Frame frame{param->width, param->height, param->numComponents, param->precision};
     JpgStatus status = JPG_STATUS_OK;
-    if (first) {
-        status = setUpFrame(param, rect);
-    } else if (static_cast<uint32_t>(rect->width) != param->width ||
-               static_cast<uint32_t>(rect->channels) != param->numComponents ||
-               static_cast<uint32_t>(rect->sampleBits) != param->precision ||
-               param->processedLines >= param->height) {
+    if (first)
+        status = frameFromRect(param, rect, &frame);
+    else if (param->processedLines >= param->height)
         status = JPG_STATUS_INVALID_PARAMETER;
-    }
-    uint32_t left = param->height - (first ? 0 : param->processedLines);
+    uint32_t left = frame.height - (first ? 0 : param->processedLines);
     uint32_t count = static_cast<uint32_t>(rows) < left ? static_cast<uint32_t>(rows) : left;
-    if (status == JPG_STATUS_OK && !rectHoldsRows(param, rect, count))
-        status = JPG_STATUS_INVALID_PARAMETER;
-    if (status == JPG_STATUS_OK && first)
-        status = writeHeaders(param);
+    if (status == JPG_STATUS_OK)
+        status = checkSource(frame, rect, count);
     if (status != JPG_STATUS_OK)
         return status;
+    if (first) {
+        param->width = frame.width;
+        param->height = frame.height;
+        param->numComponents = frame.components;
+        param->precision = frame.precision;
+        status = writeHeaders(param);
+        if (status != JPG_STATUS_OK)
+            return status;
+    }
     uint32_t span = param->width * param->numComponents * sampleBytes(param->precision);
     if (param->spareBuffer == nullptr)
         param->spareBuffer = static_cast<uint8_t *>(jpgMemAlloc(param, span));

@@ -9,6 +9,7 @@
 // scan; the exported one-block routines load and store them around a block.
 #include <string.h>
 
+#include "core/api_checks.h"
 #include "core/tables.h"
 #include "modes/progressive.h"
 #include "modes/store_scans.h"
@@ -261,7 +262,7 @@ struct AcRefine : Band {
 };
 
 bool validArguments(JpgParam *param, const int16_t *block) {
-    return jpgCheckParam(param) != nullptr && block != nullptr;
+    return param != nullptr && block != nullptr;  // the handle passed its guard
 }
 
 // One block through a scan decoder, with the reader's state loaded from and
@@ -317,24 +318,32 @@ using namespace kiv;
 extern "C" {
 
 JpgStatus jpgReadGetProgressiveDCBaseCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
     if (!validArguments(param, block) || comp == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     return oneBlock<DcFirst>(param, block, comp);
 }
 
 JpgStatus jpgReadGetProgressiveDCDiffCoefficient(JpgParam *param, int16_t *block) {
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
     if (!validArguments(param, block))
         return JPG_STATUS_INVALID_HANDLE;
     return oneBlock<DcRefine>(param, block, nullptr);
 }
 
 JpgStatus jpgReadGetProgressiveACBaseCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
     if (!validArguments(param, block) || comp == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     return oneBlock<AcFirst>(param, block, comp);
 }
 
 JpgStatus jpgReadGetProgressiveACDiffCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
     if (!validArguments(param, block) || comp == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     return oneBlock<AcRefine>(param, block, comp);

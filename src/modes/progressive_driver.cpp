@@ -4,6 +4,7 @@
 // (incremental display), and delivers pixel rows from the store on request.
 // A stream that ends early still delivers the image received so far, with
 // the status that says so.
+#include "core/api_checks.h"
 #include "modes/coefficient_store.h"
 
 namespace kiv {
@@ -27,8 +28,10 @@ using namespace kiv;
 extern "C" {
 
 JpgStatus jpgReadProgressiveToRect(JpgParam *param, ComplibRect *rect, uint32_t rows, uint32_t flags) {
-    if (jpgCheckParam(param) == nullptr || rect == nullptr || rect->pixels == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (JpgStatus s = kiv::checkDecodeRect(param, rect, rows))
+        return s;
     if (!kiv::usesCoefficientStore(param))
         return JPG_STATUS_NOT_SUPPORTED;
     const bool incremental = (flags & JPG_PROGRESSIVE_INCREMENTAL) != 0;
@@ -69,7 +72,9 @@ JpgStatus jpgReadProgressiveToRect(JpgParam *param, ComplibRect *rect, uint32_t 
 
 // The input is complete once the driver has met EOI after the last scan.
 JpgStatus jpgReadProgressiveIsCompleted(JpgParam *param, uint32_t *completed) {
-    if (jpgCheckParam(param) == nullptr || completed == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (completed == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (!kiv::usesCoefficientStore(param))
         return JPG_STATUS_NOT_SUPPORTED;

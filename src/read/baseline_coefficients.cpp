@@ -6,6 +6,7 @@
 // the reduced transforms of scaled_output.cpp then turn into samples).
 #include <string.h>
 
+#include "core/api_checks.h"
 #include "core/tables.h"
 #include "modes/coefficient_store.h"
 #include "modes/store_scans.h"
@@ -286,6 +287,14 @@ JpgStatus decodeSequentialMcu(JpgParam *param) {
     return param->dec.scanInFrameOrder ? decodeMcu<true, kLevel>(param) : decodeMcu<false, kLevel>(param);
 }
 
+// The MCU routines: full size and the three scaled levels.
+template <int kLevel>
+JpgStatus guardedMcu(JpgParam *param) {
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
+    return decodeSequentialMcu<kLevel>(param);
+}
+
 }  // namespace
 
 namespace kiv {
@@ -325,6 +334,8 @@ JpgStatus decodeSequentialScan(JpgParam *param) {
 extern "C" {
 
 JpgStatus jpgReadGetCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp) {
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
     if (comp == nullptr)
         return JPG_STATUS_FAILED;
     return decodeSingleBlock<false>(param, block, comp, comp->quant, 64);
@@ -332,15 +343,17 @@ JpgStatus jpgReadGetCoefficient(JpgParam *param, int16_t *block, JpgComponent *c
 
 JpgStatus jpgReadGetScaleCoefficient(JpgParam *param, int16_t *block, JpgComponent *comp,
                                      uint32_t limit) {
+    if (!kiv::mayRead(param)) [[unlikely]]
+        return kiv::refuseRead(param);
     if (comp == nullptr)
         return JPG_STATUS_FAILED;
     return decodeSingleBlock<true>(param, block, comp, comp->quant, limit);
 }
 
-JpgStatus jpgReadDecodeBaselineMcu(JpgParam *param) { return decodeSequentialMcu<3>(param); }
-JpgStatus jpgReadScaleOutputLevel0MCU(JpgParam *param) { return decodeSequentialMcu<0>(param); }
-JpgStatus jpgReadScaleOutputLevel1MCU(JpgParam *param) { return decodeSequentialMcu<1>(param); }
-JpgStatus jpgReadScaleOutputLevel2MCU(JpgParam *param) { return decodeSequentialMcu<2>(param); }
+JpgStatus jpgReadDecodeBaselineMcu(JpgParam *param) { return guardedMcu<3>(param); }
+JpgStatus jpgReadScaleOutputLevel0MCU(JpgParam *param) { return guardedMcu<0>(param); }
+JpgStatus jpgReadScaleOutputLevel1MCU(JpgParam *param) { return guardedMcu<1>(param); }
+JpgStatus jpgReadScaleOutputLevel2MCU(JpgParam *param) { return guardedMcu<2>(param); }
 
 JpgMcuFunc jpgGetReadMCUGenericFunc(uint32_t id) {
     switch (id) {

@@ -3,6 +3,7 @@
 // reads (marker segments, marker codes) take bytes as they are; entropy-coded
 // reads drop the zero byte stuffed after 0xFF (ISO/IEC 10918-1 F.1.2.3).
 // The reader never stops at a marker by itself: callers know where they stand.
+#include "core/api_checks.h"
 #include "read/bit_reader.h"
 
 namespace {
@@ -35,6 +36,8 @@ uint32_t fileBytesLeft(ComplibBitstream &bs, uint32_t wanted) {
 extern "C" {
 
 uint32_t jpgReadFillBuffer(JpgParam *param) {
+    if (!kiv::mayRead(param))
+        return 0;
     ComplibBitstream &bs = param->bs;
     if (bs.state != 0) {
         bs.state = 1;
@@ -55,12 +58,16 @@ uint32_t jpgReadFillBuffer(JpgParam *param) {
 }
 
 uint32_t jpgReadShowBits(JpgParam *param, int32_t n) {
+    if (!kiv::mayRead(param))
+        return 0;
     n = clampBits(n, 16);
     kiv::loadEntropyBits(param, param->bs.accumulator, param->bs.bitCount, n);
     return param->bs.accumulator >> (32 - n);
 }
 
 uint32_t jpgReadGetBits(JpgParam *param, int32_t n) {
+    if (!kiv::mayRead(param))
+        return 0;
     n = clampBits(n, 16);
     uint32_t value = jpgReadShowBits(param, n);
     param->bs.accumulator = n < 32 ? param->bs.accumulator << n : 0;
@@ -69,12 +76,16 @@ uint32_t jpgReadGetBits(JpgParam *param, int32_t n) {
 }
 
 void jpgReadFlushBits(JpgParam *param) {
+    if (!kiv::mayRead(param))
+        return;
     int32_t k = param->bs.bitCount % 8;
     if (k > 0)
         jpgReadGetBits(param, k);
 }
 
 uint32_t jpgReadGetBytes(JpgParam *param, int32_t n) {
+    if (!kiv::mayRead(param))
+        return 0;
     n = clampBits(n, 24);
     loadRawBits(param, n);
     uint32_t value = param->bs.accumulator >> (32 - n);
@@ -84,12 +95,16 @@ uint32_t jpgReadGetBytes(JpgParam *param, int32_t n) {
 }
 
 uint32_t jpgReadShowRawBits(JpgParam *param, int32_t n) {
+    if (!kiv::mayRead(param))
+        return 0;
     n = clampBits(n, 24);
     loadRawBits(param, n);
     return param->bs.accumulator >> (32 - n);
 }
 
 uint32_t jpgReadShowMarkerCode(JpgParam *param) {
+    if (!kiv::mayRead(param))
+        return 0;
     int32_t k = param->bs.bitCount % 8;
     uint32_t b = jpgReadShowRawBits(param, k + 8) & 0xFF;
     if (b != 0xFF)
@@ -98,6 +113,8 @@ uint32_t jpgReadShowMarkerCode(JpgParam *param) {
 }
 
 void jpgReadFlushMarkerCode(JpgParam *param) {
+    if (!kiv::mayRead(param))
+        return;
     int32_t n = param->bs.bitCount % 8 + 16;
     loadRawBits(param, n);
     param->bs.accumulator <<= n;
@@ -107,6 +124,8 @@ void jpgReadFlushMarkerCode(JpgParam *param) {
 // Puts the byte after a stuffed 0xFF 0x00 where the 0x00 stood: the last
 // eight bits held.
 uint32_t jpgReadDeleteByteStuffingCode(JpgParam *param) {
+    if (!kiv::mayRead(param))
+        return 0;
     uint32_t byte = kiv::takeInputByte(param);
     int32_t shift = 32 - param->bs.bitCount;
     if (shift < 0 || shift > 31)
@@ -117,12 +136,14 @@ uint32_t jpgReadDeleteByteStuffingCode(JpgParam *param) {
 }
 
 uint32_t jpgReadGetJPEGFileOffset(ComplibBitstream *bs) {
+    if (bs == nullptr)
+        return 0;
     return bs->bytesLoaded - bs->fill + bs->readPos + 2;
 }
 
 JpgStatus jpgReadRewindJPEGFile(JpgParam *param, uint32_t offset, int32_t mode) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     if (mode == 1) {
         for (int c = 3; c >= 0; c--)
             param->components[c].dcPred = 0;

@@ -5,6 +5,7 @@
 // calls the current MCU buffer is always the lower half of its allocation.
 // A frame coded in several scans goes through the coefficient store.
 #include "modes/coefficient_store.h"
+#include "core/api_checks.h"
 #include "read/front_end.h"
 #include "read/output_color.h"
 
@@ -76,8 +77,10 @@ extern "C" {
 // once the MCU right of it (its upsampling neighbour) is decoded; the last
 // one has none.
 JpgStatus jpgReadDecodeMcuRow(JpgParam *param, ComplibRect *rect, uint32_t count) {
-    if (jpgCheckParam(param) == nullptr || rect == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (JpgStatus s = kiv::checkDecodeRect(param, rect, param->mcuHeight))
+        return s;
     if (!routinesPresent(param) || param->mcuBuffer == nullptr || kiv::usesCoefficientStore(param))
         return JPG_STATUS_NOT_SUPPORTED;
     if (param->currentMarker == 0xFFD9)
@@ -118,6 +121,10 @@ JpgStatus jpgReadDecodeMcuRow(JpgParam *param, ComplibRect *rect, uint32_t count
 }
 
 JpgStatus jpgReadToRect(JpgParam *param, ComplibRect *rect, uint32_t lines) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (JpgStatus s = kiv::checkDecodeRect(param, rect, lines))
+        return s;
     JpgStatus status = checkSequentialOutput(param, rect);
     if (status == JPG_STATUS_OK)
         status = prepareFullSize(param);
@@ -158,6 +165,10 @@ JpgStatus jpgReadToRect(JpgParam *param, ComplibRect *rect, uint32_t lines) {
 // Decodes `count` MCUs of the current MCU row into a rectangle positioned by
 // the caller (its top-left pixel receives the first MCU).
 JpgStatus jpgReadMcuToRect(JpgParam *param, ComplibRect *rect, uint32_t count) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (JpgStatus s = kiv::checkDecodeRect(param, rect, param->mcuHeight))
+        return s;
     JpgStatus status = checkSequentialOutput(param, rect);
     if (status == JPG_STATUS_OK && kiv::usesCoefficientStore(param))
         status = JPG_STATUS_NOT_SUPPORTED;  // its MCUs are complete only after the last scan
@@ -169,8 +180,8 @@ JpgStatus jpgReadMcuToRect(JpgParam *param, ComplibRect *rect, uint32_t count) {
 }
 
 JpgStatus jpgReadSetNoColorConversion(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     param->mode |= kModeNoColorConversion;
     uint32_t n = param->numComponents < 1 ? 1 : param->numComponents > 255 ? 255
                                                                           : param->numComponents;
@@ -182,8 +193,8 @@ JpgStatus jpgReadSetNoColorConversion(JpgParam *param) {
 }
 
 JpgStatus jpgReadEpilog(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     if (param->mcuBuffer != nullptr && param->dec.mcuNext != nullptr &&
         param->dec.mcuNext < param->mcuBuffer)
         param->mcuBuffer = param->dec.mcuNext;  // the allocation starts at the lower half

@@ -6,6 +6,7 @@
 // limit 0 at level 1 (never chosen) and must be treated as "no code" below it.
 #include <string.h>
 
+#include "core/api_checks.h"
 #include "core/codec.h"
 #include "core/tables.h"
 
@@ -271,8 +272,8 @@ JpgStatus jpgGenerateHuffmanTable(JpgParam *param, const uint8_t *tableSpec, uin
 // Symbol index by code prefix (2^L bytes, L the longest code length), for
 // every table defined since the last scan.
 JpgStatus jpgReadInitializeDecVLCTable(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     if (param->frameMarker < 0xFFC0 || param->frameMarker > 0xFFC3)
         return JPG_STATUS_NOT_SUPPORTED;
     if (param->dhtList[0] < 0)

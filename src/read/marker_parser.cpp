@@ -5,6 +5,7 @@
 // from the stream is checked before it sizes a buffer (64-bit arithmetic).
 #include <string.h>
 
+#include "core/api_checks.h"
 #include "read/bit_reader.h"
 #include "read/front_end.h"
 
@@ -339,15 +340,34 @@ void resetForHeader(JpgParam *param) {
         table[0] = 0;
 }
 
-// Backward search for EOI (0xFF 0xD9) from the last two bytes down to offset 1.
-bool findEndOfImage(ComplibBitstream *bs, uint32_t size) {
-    uint8_t window[2];
-    for (int64_t at = static_cast<int64_t>(size) - 2; at >= 1; at--) {
-        if (complibSeekBitstreamFile(bs, static_cast<int32_t>(at), 0) == -1 ||
-            complibReadBitstreamFile(bs, window, 2) != 2)
+// Reads exactly n bytes at offset `at` of the stream into dst.
+bool readAt(ComplibBitstream *bs, uint32_t at, uint8_t *dst, uint32_t n) {
+    if (complibSeekBitstreamFile(bs, static_cast<int32_t>(at), 0) == -1)
+        return false;
+    for (uint32_t got = 0; got < n;) {
+        int32_t r = complibReadBitstreamFile(bs, dst + got, n - got);
+        if (r < 1)
             return false;
-        if (window[0] == 0xFF && window[1] == 0xD9)
-            return true;
+        got += static_cast<uint32_t>(r);
+    }
+    return true;
+}
+
+// Backward search for EOI (0xFF 0xD9) starting at offset 1 or later, from
+// the end: the stream is read into the handle's input buffer a block at a
+// time, from its end, blocks overlapping by one byte so that no pair is
+// missed (one seek and one read per 64 KiB, where a file once took two
+// system calls per byte). The buffer is free: the header is read later.
+bool findEndOfImage(JpgParam *param, uint32_t size) {
+    uint8_t *block = param->input;
+    for (uint32_t end = size; end >= 3;) {
+        uint32_t start = end - 1 > kInputBufferSize ? end - kInputBufferSize : 1;
+        if (!readAt(&param->bs, start, block, end - start))
+            return false;
+        for (uint32_t i = end - start - 1; i-- > 0;)
+            if (block[i] == 0xFF && block[i + 1] == 0xD9)
+                return true;
+        end = start + 1;
     }
     return false;
 }
@@ -363,7 +383,7 @@ JpgStatus openStream(JpgParam *param, bool searchEnd, uint32_t size) {
     JpgStatus status = JPG_STATUS_OK;
     if (!startsWithSoi(&param->bs))
         status = JPG_STATUS_BAD_DATA;
-    else if (searchEnd && !findEndOfImage(&param->bs, size))
+    else if (searchEnd && !findEndOfImage(param, size))
         status = JPG_STATUS_BAD_DATA;
     else if (complibSeekBitstreamFile(&param->bs, 2, 0) == -1)
         status = JPG_STATUS_SEEK_FAILED;
@@ -442,8 +462,10 @@ JpgStatus jpgReadPrologFromFile(const char *path, int32_t offset, int32_t length
 }
 
 JpgStatus jpgReadProlog(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (!(param->bs.flags & COMPLIB_BS_READ))  // no input opened: nothing to read from
+        return JPG_STATUS_WRONG_MODE;
     resetForHeader(param);
     uint32_t marker = 0;
     JpgStatus status = kiv::parseTableSegments(param, &marker);
@@ -469,7 +491,9 @@ JpgStatus jpgReadProlog(JpgParam *param) {
 }
 
 JpgStatus jpgReadGetCodingProcess(JpgParam *param, uint32_t *process) {
-    if (jpgCheckParam(param) == nullptr || process == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (process == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     switch (param->frameMarker) {
     case 0xFFC0: *process = 0x8000; return JPG_STATUS_OK;
@@ -481,7 +505,9 @@ JpgStatus jpgReadGetCodingProcess(JpgParam *param, uint32_t *process) {
 }
 
 JpgStatus jpgReadGetImageSize(JpgParam *param, uint32_t *width, uint32_t *height) {
-    if (jpgCheckParam(param) == nullptr || width == nullptr || height == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (width == nullptr || height == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *width = param->width;
     *height = param->height;
@@ -489,21 +515,27 @@ JpgStatus jpgReadGetImageSize(JpgParam *param, uint32_t *width, uint32_t *height
 }
 
 JpgStatus jpgReadGetNumberOfChannels(JpgParam *param, uint32_t *channels) {
-    if (jpgCheckParam(param) == nullptr || channels == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (channels == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *channels = param->numComponents;
     return JPG_STATUS_OK;
 }
 
 JpgStatus jpgReadGetSamplePrecision(JpgParam *param, uint32_t *precision) {
-    if (jpgCheckParam(param) == nullptr || precision == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (precision == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *precision = param->precision;
     return JPG_STATUS_OK;
 }
 
 JpgStatus jpgReadGetSubsamplingFactor(JpgParam *param, uint32_t *factor) {
-    if (jpgCheckParam(param) == nullptr || factor == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (factor == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     uint32_t n = param->numComponents >= 1 && param->numComponents <= 4 ? param->numComponents : 4;
     *factor = param->samplingFactors >> (4 - n) * 8;
@@ -511,7 +543,9 @@ JpgStatus jpgReadGetSubsamplingFactor(JpgParam *param, uint32_t *factor) {
 }
 
 JpgStatus jpgReadGetMcuSize(JpgParam *param, uint32_t *width, uint32_t *height) {
-    if (jpgCheckParam(param) == nullptr || width == nullptr || height == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (width == nullptr || height == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *width = param->mcuWidth;
     *height = param->mcuHeight;
@@ -519,7 +553,9 @@ JpgStatus jpgReadGetMcuSize(JpgParam *param, uint32_t *width, uint32_t *height) 
 }
 
 JpgStatus jpgReadGetRestartInterval(JpgParam *param, uint32_t *interval) {
-    if (jpgCheckParam(param) == nullptr || interval == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (interval == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *interval = param->restartInterval;
     return JPG_STATUS_OK;
@@ -527,7 +563,9 @@ JpgStatus jpgReadGetRestartInterval(JpgParam *param, uint32_t *interval) {
 
 // The identifier byte of each frame component (the byte this getter returns).
 JpgStatus jpgReadGetQuantizationTableSelector(JpgParam *param, uint32_t *selectors) {
-    if (param == nullptr || selectors == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (selectors == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     uint32_t n = param->numComponents <= 4 ? param->numComponents : 4;
     for (uint32_t c = 0; c < n; c++)
@@ -536,7 +574,9 @@ JpgStatus jpgReadGetQuantizationTableSelector(JpgParam *param, uint32_t *selecto
 }
 
 JpgStatus jpgReadGetQuantizationTable(JpgParam *param, uint32_t component, uint32_t *table) {
-    if (param == nullptr || table == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (table == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (component > 3)
         return JPG_STATUS_FAILED;
@@ -545,7 +585,9 @@ JpgStatus jpgReadGetQuantizationTable(JpgParam *param, uint32_t component, uint3
 }
 
 JpgStatus jpgReadGetQuantizationTableNR(JpgParam *param, uint32_t *value0, uint32_t *value1) {
-    if (jpgCheckParam(param) == nullptr || value0 == nullptr || value1 == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (value0 == nullptr || value1 == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     const JpgComponent *c = param->components;
     if (c[0].id != 1 || c[1].id != 2 || c[2].id != 3)

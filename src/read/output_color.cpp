@@ -6,6 +6,7 @@
 // transform 2) becomes C, M, Y, K as Adobe stores CMYK, inverted: 255 minus
 // the R, G, B of the same equations, K unchanged. Other layouts copy or
 // reorder. One template per layout serves full-size and scaled blocks.
+#include "core/api_checks.h"
 #include "core/codec.h"
 #include "core/tables.h"
 #include "read/output_color.h"
@@ -209,11 +210,13 @@ void convertPairedChroma(JpgParam *param, ComplibRect *rect, int32_t x, int32_t 
 // by repeating rows (or fill it with one value), so with Vmax = 2 the
 // chroma rows of every converted block come in equal pairs.
 JpgReadColorConvertFunc mcuRowConverter(const JpgParam *param) {
-    JpgReadColorConvertFunc stored = param->routines.convert;
-    if (!KIV_HAVE_SSE2_COLOR || stored != jpgReadYUV2Rect || param->vmax != 2 ||
+    JpgReadColorConvertFunc stored = slotConverter(param->routines.convert);
+    auto isUpsampler = [param](JpgUpSamplingFunc exported) {
+        return param->routines.upsample == exported || param->routines.upsample == slotUpsampler(exported);
+    };
+    if (!KIV_HAVE_SSE2_COLOR || stored != convertMcu<3, Layout::YCbCr, false> || param->vmax != 2 ||
         param->numComponents != 3 ||
-        (param->routines.upsample != jpgReadUpSamplingTo22 &&
-         param->routines.upsample != jpgReadUpSamplingTo12))
+        (!isUpsampler(jpgReadUpSamplingTo22) && !isUpsampler(jpgReadUpSamplingTo12)))
         return stored;
     for (uint32_t c = 1; c < 3; c++)
         if ((param->components[c].sampling & 15) != 1)
@@ -227,9 +230,14 @@ using kiv::Layout;
 
 extern "C" {
 
-#define KIV_CONVERTER(name, channels, layout, scaled)                               \
-    void name(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {       \
-        kiv::convertMcu<channels, Layout::layout, scaled>(param, rect, x, width);   \
+// The converters are building blocks without a status: on a handle that is
+// no decoder with upsampled blocks, or without pixels, they write nothing.
+// They trust the rectangle's geometry; the drivers check it once per call.
+#define KIV_CONVERTER(name, channels, layout, scaled)                                        \
+    void name(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {                \
+        if (kiv::mayRead(param) && param->blockMap != nullptr &&                             \
+            param->blockPointers != nullptr && rect != nullptr && rect->pixels != nullptr)   \
+            kiv::convertMcu<channels, Layout::layout, scaled>(param, rect, x, width);        \
     }
 
 KIV_CONVERTER(jpgReadCopyGrey, 1, Copy, false)
@@ -248,6 +256,40 @@ KIV_CONVERTER(jpgReadScaledYUV2Rect, 3, YCbCr, true)
 KIV_CONVERTER(jpgReadScaledYCCK2Rect, 4, Ycck, true)
 
 #undef KIV_CONVERTER
+
+}  // extern "C"
+
+namespace kiv {
+
+JpgReadColorConvertFunc slotConverter(JpgReadColorConvertFunc exported) {
+    struct Pair {
+        JpgReadColorConvertFunc exported, internal;
+    };
+    static constexpr Pair kPairs[] = {
+        {jpgReadCopyGrey, convertMcu<1, Layout::Copy, false>},
+        {jpgReadCopy2, convertMcu<2, Layout::Copy, false>},
+        {jpgReadCopy3, convertMcu<3, Layout::Copy, false>},
+        {jpgReadCopy4, convertMcu<4, Layout::Copy, false>},
+        {jpgReadCopy3Reversed, convertMcu<3, Layout::Reversed, false>},
+        {jpgReadYUV2Rect, convertMcu<3, Layout::YCbCr, false>},
+        {jpgReadScaledCopyGrey, convertMcu<1, Layout::Copy, true>},
+        {jpgReadScaledCopy2, convertMcu<2, Layout::Copy, true>},
+        {jpgReadScaledCopy3, convertMcu<3, Layout::Copy, true>},
+        {jpgReadScaledCopy4, convertMcu<4, Layout::Copy, true>},
+        {jpgReadScaledCopy3Reversed, convertMcu<3, Layout::Reversed, true>},
+        {jpgReadScaledYUV2Rect, convertMcu<3, Layout::YCbCr, true>},
+        {jpgReadYCCK2Rect, convertMcu<4, Layout::Ycck, false>},
+        {jpgReadScaledYCCK2Rect, convertMcu<4, Layout::Ycck, true>},
+    };
+    for (const Pair &p : kPairs)
+        if (p.exported == exported)
+            return p.internal;
+    return exported;
+}
+
+}  // namespace kiv
+
+extern "C" {
 
 void jpgReadYuv2RGB(int32_t *r, int32_t *g, int32_t *b, int32_t y, int32_t cb, int32_t cr) {
     kiv::Bgr p = kiv::yccToBgr(y, cb, cr);

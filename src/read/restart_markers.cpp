@@ -6,6 +6,7 @@
 // count says is resynchronised at the next marker. DNL supplies a missing
 // height, EOI is recorded, anything else starts the next scan header.
 // Every loop here consumes input on each turn or ends.
+#include "core/api_checks.h"
 #include "read/bit_reader.h"
 #include "read/front_end.h"
 
@@ -90,8 +91,8 @@ uint32_t markerAfterScan(JpgParam *param) {
 extern "C" {
 
 JpgStatus jpgReadEpilogEntropyCodedSegment(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     uint32_t code = jpgReadShowMarkerCode(param);
     while (!dataFollows(code) && param->bs.state == 0) {
         if (isRestart(code)) {
@@ -117,8 +118,8 @@ JpgStatus jpgReadEpilogEntropyCodedSegment(JpgParam *param) {
 // their own prediction state. A marker it does not handle ends the call with
 // JPG_STATUS_BAD_DATA instead of looking at it forever.
 JpgStatus jpgReadReadRestartMarker(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     for (;;) {
         uint32_t code = jpgReadShowMarkerCode(param);
         if (dataFollows(code))

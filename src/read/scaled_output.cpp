@@ -7,6 +7,7 @@
 // coded scan by scan are reduced from the coefficient store instead.
 #include <string.h>
 
+#include "core/api_checks.h"
 #include "core/codec.h"
 #include "modes/coefficient_store.h"
 #include "read/front_end.h"
@@ -224,8 +225,8 @@ extern "C" {
 
 JpgStatus jpgReadScaleOutputGetImageSize(JpgParam *param, uint32_t *width, uint32_t *height,
                                          uint32_t level) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     if (level > 3)
         return JPG_STATUS_INVALID_PARAMETER;
     if (width == nullptr || height == nullptr)
@@ -241,9 +242,8 @@ JpgStatus jpgReadScaleOutputGetImageSize(JpgParam *param, uint32_t *width, uint3
 // first choice on a stream that has not been decoded yet; a frame decoded
 // into the coefficient store keeps it and only starts its output again.
 JpgStatus jpgReadScaleOutputSetLevel(JpgParam *param, uint32_t level) {
-    // Checked so that a null or released handle fails instead of being written.
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     if (level > 2)
         return JPG_STATUS_INVALID_PARAMETER;
     if (param->scaleLevel == static_cast<int32_t>(level))
@@ -266,6 +266,10 @@ JpgStatus jpgReadScaleOutputSetLevel(JpgParam *param, uint32_t level) {
 
 JpgStatus jpgReadScaleOutputToRect(JpgParam *param, ComplibRect *rect, uint32_t lines,
                                    uint32_t level) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (JpgStatus s = kiv::checkDecodeRect(param, rect, lines))
+        return s;
     if (level == 3)
         return jpgReadToRect(param, rect, lines);
     JpgStatus status = kiv::prepareScaledOutput(param, rect, level);
@@ -320,6 +324,10 @@ JpgStatus jpgReadScaleOutputToRect(JpgParam *param, ComplibRect *rect, uint32_t 
 
 JpgStatus jpgReadScaleOutputMcuToRect(JpgParam *param, ComplibRect *rect, uint32_t count,
                                       uint32_t level) {
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (JpgStatus s = kiv::checkDecodeRect(param, rect, param->mcuHeight))
+        return s;
     if (level == 3)
         return jpgReadMcuToRect(param, rect, count);
     JpgStatus status = kiv::prepareScaledOutput(param, rect, level);

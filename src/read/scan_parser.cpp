@@ -8,6 +8,7 @@
 // meet an undefined table; sequential frames fall back on the tables of
 // Annex K.3 where no DHT defined one (Motion-JPEG). The DC predictors start
 // at zero in every scan (F.2.1.3.1).
+#include "core/api_checks.h"
 #include "core/tables.h"
 #include "read/bit_reader.h"
 #include "read/front_end.h"
@@ -156,8 +157,8 @@ void chooseCoefficientRoutine(JpgParam *param) {
 extern "C" {
 
 JpgStatus jpgReadParseScanLevel(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     uint32_t marker = 0;
     JpgStatus status = kiv::parseTableSegments(param, &marker);
     if (status != JPG_STATUS_OK)

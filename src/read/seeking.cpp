@@ -5,6 +5,7 @@
 // A piece of partial input must begin at a byte boundary of the entropy data.
 // Frames decoded scan by scan have no MCU-level access: their MCUs are
 // complete only after the last scan.
+#include "core/api_checks.h"
 #include "read/bit_reader.h"
 #include "read/front_end.h"
 
@@ -26,8 +27,8 @@ JpgStatus startFrom(JpgParam *param, int32_t origin) {
 extern "C" {
 
 JpgStatus jpgReadSeekRestartMarker(JpgParam *param, int32_t count, int32_t origin) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     if (kiv::usesCoefficientStore(param))
         return JPG_STATUS_NOT_SUPPORTED;
     if (param->restartInterval == 0)
@@ -55,8 +56,8 @@ JpgStatus jpgReadSeekRestartMarker(JpgParam *param, int32_t count, int32_t origi
 }
 
 JpgStatus jpgReadSeekMcu(JpgParam *param, uint32_t count, int32_t origin) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     if (origin != 0 && origin != 1)
         return JPG_STATUS_INVALID_PARAMETER;
     JpgMcuFunc skip = jpgGetReadMCUFunc(1, param->processorFlag);
@@ -77,7 +78,9 @@ JpgStatus jpgReadSeekMcu(JpgParam *param, uint32_t count, int32_t origin) {
 }
 
 JpgStatus jpgReadSetPartialBitstream(JpgParam *param, const uint8_t *buffer, uint32_t size) {
-    if (jpgCheckParam(param) == nullptr || buffer == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (buffer == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (size == 0)
         return JPG_STATUS_INVALID_PARAMETER;
@@ -102,29 +105,33 @@ JpgStatus jpgReadSetPartialBitstream(JpgParam *param, const uint8_t *buffer, uin
 }
 
 JpgStatus jpgReadGetProcessedLine(JpgParam *param, uint32_t *line) {
-    if (jpgCheckParam(param) == nullptr || line == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (line == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *line = param->processedLines;
     return JPG_STATUS_OK;
 }
 
 JpgStatus jpgReadSetProcessedLine(JpgParam *param, uint32_t line) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     param->processedLines = line;
     return JPG_STATUS_OK;
 }
 
 JpgStatus jpgReadGetMcuAddress(JpgParam *param, uint32_t *address) {
-    if (jpgCheckParam(param) == nullptr || address == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (address == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *address = param->mcuAddress;
     return JPG_STATUS_OK;
 }
 
 JpgStatus jpgReadSetMcuAddress(JpgParam *param, uint32_t address) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
     param->mcuAddress = address;
     return JPG_STATUS_OK;
 }

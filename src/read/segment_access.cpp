@@ -2,6 +2,7 @@
 // (ISO/IEC 10918-1 B.1.1.2 to B.1.1.4: fill bytes, stuffed zeros and the
 // segments without a length) and reads their payloads. Any use marks the
 // handle so that the next decode first rewinds to the first scan.
+#include "core/api_checks.h"
 #include "read/bit_reader.h"
 #include "read/front_end.h"
 
@@ -91,7 +92,9 @@ extern "C" {
 
 JpgStatus jpgReadSeekMarkerSegment(JpgParam *param, int32_t origin, uint16_t *marker,
                                    uint32_t *length) {
-    if (jpgCheckParam(param) == nullptr || marker == nullptr || length == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (marker == nullptr || length == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     param->mode |= kModeRewind;
     return kiv::findMarkerSegment(param, origin, marker, length);
@@ -99,7 +102,9 @@ JpgStatus jpgReadSeekMarkerSegment(JpgParam *param, int32_t origin, uint16_t *ma
 
 JpgStatus jpgReadReadMarkerData(JpgParam *param, uint8_t *buffer, uint32_t size,
                                 uint32_t *count) {
-    if (jpgCheckParam(param) == nullptr || buffer == nullptr)
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    if (buffer == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     param->mode |= kModeRewind;
     uint32_t left = param->segmentLength > param->segmentConsumed
@@ -118,8 +123,9 @@ JpgStatus jpgReadReadMarkerData(JpgParam *param, uint8_t *buffer, uint32_t size,
 
 // Repositioning inside a segment is not offered.
 JpgStatus jpgReadSeekMarkerData(JpgParam *param) {
-    if (jpgCheckParam(param) != nullptr)
-        param->mode |= kModeRewind;
+    if (JpgStatus s = kiv::guardRead(param))
+        return s;
+    param->mode |= kModeRewind;
     return JPG_STATUS_NOT_SUPPORTED;
 }
 

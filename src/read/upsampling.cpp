@@ -5,6 +5,7 @@
 // horizontal doubling is co-sited linear interpolation (midpoints round halves
 // up, the right neighbour comes from the next MCU or repeats the last sample),
 // vertical doubling replicates rows. Scaled output replicates only.
+#include "core/api_checks.h"
 #include "core/codec.h"
 #include "read/upsampling_sse2.h"
 
@@ -247,93 +248,124 @@ void doubleDownPortable(const int16_t *in, int16_t *upper, int16_t *lower) {
     expandBlock<false, true>(in, nullptr, 4, 0, lower);
 }
 
-}  // namespace kiv
+namespace {
 
-using kiv::McuWalk;
-
-extern "C" {
-
-void jpgReadUpSamplingTo11(JpgParam *param) {
+// The upsamplers proper. The dispatch stores them in the handle's slots
+// (the decode drivers call them once per MCU); the exported names add a
+// guard. Kept out of line, so that each stays the one caller of its walk
+// and the walk is inlined into it.
+[[gnu::noinline]] void upsampleTo11(JpgParam *param) {
     uint32_t count = param->numComponents > 4 ? 4 : param->numComponents;
     bool plain = param->hmax >= 1 && param->vmax >= 1;
     for (uint32_t c = 0; c < count; c++)
         plain = plain && param->components[c].sampling == 0x11;
     if (!plain)
-        return kiv::forEachComponent(param, [](McuWalk &walk, uint32_t, uint32_t) {
-            kiv::pointAtSource(walk, 1);
+        return forEachComponent(param, [](McuWalk &walk, uint32_t, uint32_t) {
+            pointAtSource(walk, 1);
         });
     // Every factor 1: one block per component, pointed at in place.
     for (uint32_t c = 0; c < count; c++)
-        param->blockPointers[c * param->hv] = param->mcuBuffer + kiv::kBlockSize * c;
+        param->blockPointers[c * param->hv] = param->mcuBuffer + kBlockSize * c;
 }
 
-void jpgReadUpSamplingTo12(JpgParam *param) {
-    kiv::forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
+[[gnu::noinline]] void upsampleTo12(JpgParam *param) {
+    forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
         if (h * v != 1)
-            return kiv::pointAtSource(walk, 2);
-        kiv::doubleDown(walk.in, walk.out, walk.out + kiv::kBlockSize);
-        kiv::finishExpanded(walk, 2);
+            return pointAtSource(walk, 2);
+        doubleDown(walk.in, walk.out, walk.out + kBlockSize);
+        finishExpanded(walk, 2);
     });
 }
 
-void jpgReadUpSamplingTo21(JpgParam *param) {
+[[gnu::noinline]] void upsampleTo21(JpgParam *param) {
     auto across = [](const int16_t *in, const int16_t *next, int16_t *out) {
-        kiv::doubleAcross(in, next, out, out + kiv::kBlockSize);
+        doubleAcross(in, next, out, out + kBlockSize);
     };
-    if (kiv::upsampleLumaChroma<0x21, 2>(param, across))
+    if (upsampleLumaChroma<0x21, 2>(param, across))
         return;
-    kiv::forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
+    forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
         if (h * v != 1)
-            return kiv::pointAtSource(walk, 2);
-        kiv::doubleAcross(walk.in, kiv::nextBlock(walk, 0), walk.out, walk.out + kiv::kBlockSize);
-        kiv::finishExpanded(walk, 2);
+            return pointAtSource(walk, 2);
+        doubleAcross(walk.in, nextBlock(walk, 0), walk.out, walk.out + kBlockSize);
+        finishExpanded(walk, 2);
     });
 }
 
-void jpgReadUpSamplingTo22(JpgParam *param) {
-    if (kiv::upsampleLumaChroma<0x22, 4>(param, kiv::doubleBoth))
+[[gnu::noinline]] void upsampleTo22(JpgParam *param) {
+    if (upsampleLumaChroma<0x22, 4>(param, doubleBoth))
         return;
-    kiv::forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
-        constexpr int kB = kiv::kBlockSize;
+    forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
+        constexpr int kB = kBlockSize;
         const int16_t *in = walk.in;
         int16_t *out = walk.out;
         if (h == 2 && v == 2)
-            return kiv::pointAtSource(walk, 4);
+            return pointAtSource(walk, 4);
         if (h == 1 && v == 1) {
-            kiv::doubleBoth(in, kiv::nextBlock(walk, 0), out);
+            doubleBoth(in, nextBlock(walk, 0), out);
         } else if (h == 1) {  // 0x12: two blocks one above the other
-            kiv::doubleAcross(in, kiv::nextBlock(walk, 0), out, out + kB);
-            kiv::doubleAcross(in + kB, kiv::nextBlock(walk, 1), out + 2 * kB, out + 3 * kB);
+            doubleAcross(in, nextBlock(walk, 0), out, out + kB);
+            doubleAcross(in + kB, nextBlock(walk, 1), out + 2 * kB, out + 3 * kB);
         } else {  // 0x21: two blocks side by side
-            kiv::doubleDown(in, out, out + 2 * kB);
-            kiv::doubleDown(in + kB, out + kB, out + 3 * kB);
+            doubleDown(in, out, out + 2 * kB);
+            doubleDown(in + kB, out + kB, out + 3 * kB);
         }
-        kiv::finishExpanded(walk, 4);
+        finishExpanded(walk, 4);
     });
 }
 
-void jpgReadUpSamplingToNN(JpgParam *param) {
+[[gnu::noinline]] void upsampleToNN(JpgParam *param) {
     uint32_t hmax = param->hmax, vmax = param->vmax;
-    kiv::forEachComponent(param, [hmax, vmax](McuWalk &walk, uint32_t h, uint32_t v) {
+    forEachComponent(param, [hmax, vmax](McuWalk &walk, uint32_t h, uint32_t v) {
         if (h == hmax && v == vmax)
-            return kiv::pointAtSource(walk, hmax * vmax);
-        kiv::GeneralExpander(walk, h, v, hmax, vmax).run();
-        kiv::finishExpanded(walk, hmax * vmax);
+            return pointAtSource(walk, hmax * vmax);
+        GeneralExpander(walk, h, v, hmax, vmax).run();
+        finishExpanded(walk, hmax * vmax);
     });
 }
 
-void jpgReadScaleOutputUpSamplingTo22(JpgParam *param) { kiv::upsampleScaledFixed<2, 2, 0x12>(param); }
-void jpgReadScaleOutputUpSamplingTo21(JpgParam *param) { kiv::upsampleScaledFixed<2, 1, 0x11>(param); }
-void jpgReadScaleOutputUpSamplingTo12(JpgParam *param) { kiv::upsampleScaledFixed<1, 2, 0x11>(param); }
+[[gnu::noinline]] void upsampleScaledTo22(JpgParam *param) { upsampleScaledFixed<2, 2, 0x12>(param); }
+[[gnu::noinline]] void upsampleScaledTo21(JpgParam *param) { upsampleScaledFixed<2, 1, 0x11>(param); }
+[[gnu::noinline]] void upsampleScaledTo12(JpgParam *param) { upsampleScaledFixed<1, 2, 0x11>(param); }
 
-void jpgReadScaleOutputUpSamplingToNN(JpgParam *param) {
-    uint32_t hmax = param->hmax, vmax = param->vmax, n = kiv::scaledBlockSize(param);
-    kiv::forEachComponent(param, [hmax, vmax, n](McuWalk &walk, uint32_t h, uint32_t v) {
+[[gnu::noinline]] void upsampleScaledToNN(JpgParam *param) {
+    uint32_t hmax = param->hmax, vmax = param->vmax, n = scaledBlockSize(param);
+    forEachComponent(param, [hmax, vmax, n](McuWalk &walk, uint32_t h, uint32_t v) {
         if (h == hmax && v == vmax)
-            return kiv::pointAtSource(walk, hmax * vmax);
-        kiv::replicateScaled(walk, h, v, hmax, vmax, n, true);
+            return pointAtSource(walk, hmax * vmax);
+        replicateScaled(walk, h, v, hmax, vmax, n, true);
     });
 }
+
+struct UpsamplerPair {
+    JpgUpSamplingFunc exported;
+    void (*internal)(JpgParam *);
+};
+
+}  // namespace
+}  // namespace kiv
+
+extern "C" {
+
+// The exported upsamplers are building blocks without a status: on a handle
+// that is no decoder with MCU buffers they return without touching anything.
+#define KIV_UPSAMPLER(name, internal)                                                       \
+    void name(JpgParam *param) {                                                            \
+        if (kiv::mayRead(param) && param->mcuBuffer != nullptr &&                           \
+            param->blockPointers != nullptr && param->dec.upsampleBuffer != nullptr)        \
+            kiv::internal(param);                                                           \
+    }
+
+KIV_UPSAMPLER(jpgReadUpSamplingTo11, upsampleTo11)
+KIV_UPSAMPLER(jpgReadUpSamplingTo12, upsampleTo12)
+KIV_UPSAMPLER(jpgReadUpSamplingTo21, upsampleTo21)
+KIV_UPSAMPLER(jpgReadUpSamplingTo22, upsampleTo22)
+KIV_UPSAMPLER(jpgReadUpSamplingToNN, upsampleToNN)
+KIV_UPSAMPLER(jpgReadScaleOutputUpSamplingTo22, upsampleScaledTo22)
+KIV_UPSAMPLER(jpgReadScaleOutputUpSamplingTo21, upsampleScaledTo21)
+KIV_UPSAMPLER(jpgReadScaleOutputUpSamplingTo12, upsampleScaledTo12)
+KIV_UPSAMPLER(jpgReadScaleOutputUpSamplingToNN, upsampleScaledToNN)
+
+#undef KIV_UPSAMPLER
 
 JpgUpSamplingFunc jpgGetUpSamplingGenericFunc(uint32_t id) {
     switch (id) {
@@ -350,3 +382,26 @@ JpgUpSamplingFunc jpgGetUpSamplingGenericFunc(uint32_t id) {
 }
 
 }  // extern "C"
+
+namespace kiv {
+
+JpgUpSamplingFunc slotUpsampler(JpgUpSamplingFunc exported) {
+    static constexpr UpsamplerPair kPairs[] = {
+        {jpgReadUpSamplingTo11, upsampleTo11},
+        {jpgReadUpSamplingTo12, upsampleTo12},
+        {jpgReadUpSamplingTo21, upsampleTo21},
+        {jpgReadUpSamplingTo22, upsampleTo22},
+        {jpgReadUpSamplingToNN, upsampleToNN},
+        {jpgReadScaleOutputUpSamplingTo22, upsampleScaledTo22},
+        {jpgReadScaleOutputUpSamplingTo21, upsampleScaledTo21},
+        {jpgReadScaleOutputUpSamplingTo12, upsampleScaledTo12},
+        {jpgReadScaleOutputUpSamplingToNN, upsampleScaledToNN},
+    };
+    for (const UpsamplerPair &p : kPairs)
+        if (p.exported == exported)
+            return p.internal;
+    return exported;
+}
+
+}  // namespace kiv
+

@@ -5,19 +5,22 @@
 // right and top to bottom). Each strip's first row starts an MCU row.
 #include <string.h>
 
+#include "core/api_checks.h"
 #include "write/encoder.h"
 #include "write/quantizer.h"
 
 namespace {
 
-uint32_t absolute(int32_t v) { return v < 0 ? 0u - static_cast<uint32_t>(v) : static_cast<uint32_t>(v); }
-
-JpgStatus checkRect(const JpgParam *param, const ComplibRect *rect, uint32_t rows) {
-    if (rect->sampleBits != 8)
-        return JPG_STATUS_NOT_SUPPORTED;  // the conversions take 8-bit samples only
-    if (rect->channels < 1 || rect->channels > 4 || rect->width < 1 || rect->width > 0xFFFF ||
-        rect->height < 1 || rows > static_cast<uint32_t>(rect->height) ||
-        absolute(rect->stride) < static_cast<uint64_t>(rect->width) * rect->channels)
+// The strip must hold `rows` rows of 8-bit samples (a bottom-up strip with
+// a negative stride is read upwards); the frame's width fits in 16 bits.
+JpgStatus checkStrip(const JpgParam *param, const ComplibRect *rect, uint32_t rows) {
+    kiv::RectNeeds needs;
+    needs.rows = rows;
+    needs.sampleStatus = JPG_STATUS_NOT_SUPPORTED;  // the conversions take 8-bit samples only
+    needs.bottomUp = true;
+    if (JpgStatus status = kiv::checkRect(rect, needs))
+        return status;
+    if (rect->width > 0xFFFF)
         return JPG_STATUS_INVALID_PARAMETER;
     // Once the frame is fixed, every strip must cover its width and channels.
     bool frameFixed = param->enc.rowsEncoded != 0 || (param->mode & kModeHeadersWritten);
@@ -125,11 +128,15 @@ JpgStatus prepareStrip(JpgParam *param, const ComplibRect *rect, uint32_t rows, 
 extern "C" {
 
 JpgStatus jpgWriteFromRect(JpgParam *param, const ComplibRect *rect, uint32_t rows) {
-    if (jpgCheckParam(param) == nullptr || rect == nullptr || rect->pixels == nullptr)
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
+    if (rect == nullptr || rect->pixels == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
-    if (rows == 0)
+    if (rows == 0 || rows > 0x7FFFFFFF)
         return JPG_STATUS_INVALID_PARAMETER;
-    JpgStatus status = checkRect(param, rect, rows);
+    if (param->frameMarker == 0xFFC3)
+        return JPG_STATUS_NOT_SUPPORTED;  // a lossless frame is already under way
+    JpgStatus status = checkStrip(param, rect, rows);
     if (status == JPG_STATUS_OK && param->enc.rowsEncoded == 0 && param->routines.writeConvert == nullptr)
         status = startImage(param, rect);
     if (status != JPG_STATUS_OK)

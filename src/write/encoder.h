@@ -22,6 +22,13 @@ struct JpgWriteConvertContext {
 
 namespace kiv {
 
+// Whether the frame is fixed: headers written or rows encoded (baseline),
+// or a lossless frame begun. From then on its size and channels stay.
+inline bool encoderFrameFixed(const JpgParam *param) {
+    return param->enc.rowsEncoded != 0 || (param->mode & kModeHeadersWritten) != 0 ||
+           param->frameMarker == 0xFFC3;
+}
+
 constexpr uint32_t kStagingSize = 0x10000;  // bytes of the bit writer's staging buffer
 constexpr int32_t kMaxMagnitude = 2047;     // largest |value| of the magnitude table
 

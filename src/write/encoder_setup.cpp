@@ -3,6 +3,7 @@
 // stream's parameters; also turns those parameters into component
 // identifiers, validated sampling factors (ISO/IEC 10918-1 A.1.1, B.2.2) and
 // the identifier of the input colour conversion.
+#include "core/api_checks.h"
 #include "write/encoder.h"
 
 namespace {
@@ -47,8 +48,8 @@ void setDefaults(JpgParam *param) {
 // the range test of the interface but has no record, so it is refused.
 JpgStatus setSelector(JpgParam *param, uint32_t component, uint32_t table,
                       uint8_t JpgComponent::*field) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     if (!inRange(component, 0, 4) || !inRange(table, 0, 3) || component >= 4)
         return JPG_STATUS_INVALID_PARAMETER;
     param->components[component].*field = static_cast<uint8_t>(table);
@@ -63,6 +64,8 @@ JpgStatus jpgWritePrologToFile(const char *name, uint32_t, JpgParam **out) {
     if (name == nullptr || out == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *out = nullptr;
+    if (complibLibCstrlen(name) >= sizeof(ComplibBitstream::path))  // the handle could not hold it
+        return JPG_STATUS_INVALID_PARAMETER;
     JpgParam *param = jpgProlog(name);
     if (param == nullptr)
         return JPG_STATUS_NO_MEMORY;
@@ -95,8 +98,8 @@ JpgStatus jpgWritePrologToMemory(uint32_t options, JpgParam **out) {
 }
 
 JpgStatus jpgWriteProlog(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     param->routines.writeMcu = jpgGetWriteMCUFunc(0x301, param->processorFlag);
     param->routines.writeMcu303 = jpgGetWriteMCUFunc(0x303, param->processorFlag);
     // The staging buffer of the bit writer is the handle's 64 KiB input area.
@@ -117,9 +120,10 @@ JpgStatus jpgWriteProlog(JpgParam *param) {
 }
 
 JpgStatus jpgWriteSetImageSize(JpgParam *param, uint32_t width, uint32_t height) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
-    if (width == 0 || height == 0)
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
+    // Once the frame is fixed its size sizes the encoder's buffers.
+    if (width == 0 || height == 0 || kiv::encoderFrameFixed(param))
         return JPG_STATUS_INVALID_PARAMETER;
     param->width = width;
     param->height = height;
@@ -127,8 +131,8 @@ JpgStatus jpgWriteSetImageSize(JpgParam *param, uint32_t width, uint32_t height)
 }
 
 JpgStatus jpgWriteSetInternalColorSpace(JpgParam *param, int32_t space) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     if (space == 0)
         param->mode |= kModeYCbCr;
     else if (space == 1)
@@ -139,15 +143,15 @@ JpgStatus jpgWriteSetInternalColorSpace(JpgParam *param, int32_t space) {
 }
 
 JpgStatus jpgWriteSetNoColorConversion(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     param->mode |= kModeNoColorConversion;
     return JPG_STATUS_OK;
 }
 
 JpgStatus jpgWriteSetSubsamplingFactor(JpgParam *param, uint32_t factor) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     uint32_t sum = 0, hmax = 1, vmax = 1;
     for (int i = 0; i < 4; i++) {
         uint32_t byte = (factor >> (8 * i)) & 0xFF;
@@ -167,8 +171,8 @@ JpgStatus jpgWriteSetSubsamplingFactor(JpgParam *param, uint32_t factor) {
 }
 
 JpgStatus jpgWriteSetSubsamplingMethod(JpgParam *param, uint32_t method) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     if (!inRange(method, 0, 1))
         return JPG_STATUS_INVALID_PARAMETER;
     param->enc.subsamplingMethod = method;
@@ -177,24 +181,26 @@ JpgStatus jpgWriteSetSubsamplingMethod(JpgParam *param, uint32_t method) {
 
 // A null output is reported as an invalid handle, like every null output.
 JpgStatus jpgWriteGetSubsamplingMethod(JpgParam *param, uint32_t *method) {
-    if (jpgCheckParam(param) == nullptr || method == nullptr)
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
+    if (method == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     *method = param->enc.subsamplingMethod;
     return JPG_STATUS_OK;
 }
 
 JpgStatus jpgWriteSetNumberOfChannels(JpgParam *param, uint32_t channels) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
-    if (!inRange(channels, 1, 4))
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
+    if (!inRange(channels, 1, 4) || kiv::encoderFrameFixed(param))
         return JPG_STATUS_INVALID_PARAMETER;
     param->numComponents = channels;
     return JPG_STATUS_OK;
 }
 
 JpgStatus jpgWriteSetQuantizationFactor(JpgParam *param, uint32_t factor) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     if (!inRange(factor, 1, 100))
         return JPG_STATUS_INVALID_PARAMETER;
     param->enc.quality = factor;
@@ -215,15 +221,15 @@ JpgStatus jpgWriteSetACEntropyTableSelector(JpgParam *param, uint32_t component,
 }
 
 JpgStatus jpgWriteSetRestartInterval(JpgParam *param, uint16_t interval) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     param->restartInterval = interval;
     return JPG_STATUS_OK;
 }
 
 JpgStatus jpgWriteSetSpatialPredictor(JpgParam *param, int32_t predictor) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     if (!inRange(static_cast<uint32_t>(predictor), 1, 7))
         return JPG_STATUS_INVALID_PARAMETER;
     param->scanSs = static_cast<uint8_t>(predictor);
@@ -233,8 +239,8 @@ JpgStatus jpgWriteSetSpatialPredictor(JpgParam *param, int32_t predictor) {
 // Component identifiers: "R", "G", "B" mark a stream kept in RGB (no
 // conversion, internal colour space 1); otherwise 1, 2, 3 (and 4).
 JpgStatus SetColorIngredient(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     JpgComponent *c = param->components;
     switch (param->numComponents) {
     case 1:
@@ -262,7 +268,9 @@ JpgStatus SetColorIngredient(JpgParam *param) {
 }
 
 JpgStatus jpgWriteSSSetting(JpgParam *param, uint32_t *factors) {
-    if (jpgCheckParam(param) == nullptr || factors == nullptr)
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
+    if (factors == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     uint32_t n = param->numComponents;
     if (n > 4)
@@ -286,7 +294,7 @@ JpgStatus jpgWriteSSSetting(JpgParam *param, uint32_t *factors) {
 }
 
 uint32_t jpgWriteMakeClrCvtID(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
+    if (!kiv::mayWrite(param))
         return 0;
     uint32_t kind = 0;
     if (param->numComponents == 3)

@@ -5,6 +5,7 @@
 // the MCU encoder, fixes the frame geometry and writes SOF0, DRI and SOS.
 #include <string.h>
 
+#include "core/api_checks.h"
 #include "core/tables.h"
 #include "write/encoder.h"
 
@@ -214,7 +215,9 @@ extern "C" {
 
 JpgStatus jpgWriteSetDefaultQuantizationTable(JpgParam *param, uint32_t which,
                                               const uint16_t *table) {
-    if (jpgCheckParam(param) == nullptr || table == nullptr)
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
+    if (table == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (which > 1)
         return JPG_STATUS_INVALID_PARAMETER;
@@ -227,8 +230,8 @@ JpgStatus jpgWriteSetDefaultQuantizationTable(JpgParam *param, uint32_t which,
 }
 
 JpgStatus createDQT(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     if (!selectorsDefined(param))
         return JPG_STATUS_NOT_SUPPORTED;
     uint32_t f = param->enc.quality < 1 ? 1 : param->enc.quality > 100 ? 100 : param->enc.quality;
@@ -257,8 +260,8 @@ JpgStatus createDQT(JpgParam *param) {
 // `source` holds for DC 0, DC 1, AC 0, AC 1 in turn the 16 BITS counts and
 // the HUFFVAL values; null selects the tables of Annex K.
 JpgStatus createDHT(JpgParam *param, const uint8_t *source) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     if (source == nullptr)
         source = kAnnexKHuffman;
     for (int record = 0; record < 4; record++) {
@@ -289,8 +292,8 @@ JpgStatus createDHT(JpgParam *param, const uint8_t *source) {
 }
 
 JpgStatus jpgWriteSortHuffmanTable(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     for (int t = 0; t < 2; t++) {
         JpgHuffmanTable &dc = param->dcTables[t];
         for (uint32_t i = 0; dc.codes != nullptr && i + 1 < dc.numCodes; i++)
@@ -318,8 +321,8 @@ JpgStatus jpgWriteSortHuffmanTable(JpgParam *param) {
 }
 
 JpgStatus jpgWriteCreateTables(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     if (param->numComponents < 1 || param->numComponents > 4 || param->width == 0 ||
         param->width > 0xFFFF || param->height > 0xFFFF)
         return JPG_STATUS_INVALID_PARAMETER;

@@ -3,6 +3,7 @@
 // end of the output: DNL when no height was known, EOI, the last flush and
 // the hand-over of a memory stream (ISO/IEC 10918-1 Annex B.2 to B.3).
 // The open segment is tracked by param->segmentLength / segmentConsumed.
+#include "core/api_checks.h"
 #include "write/encoder.h"
 
 namespace {
@@ -45,8 +46,8 @@ JpgStatus finishStream(JpgParam *param) {
 extern "C" {
 
 JpgStatus jpgWriteWriteMarkerCode(JpgParam *param, int32_t code, uint32_t length) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     // The length field holds body + 2 in 16 bits.
     if (code < 0xFFC0 || code > 0xFFFE || length == 0 || length > kMaxSegmentBody)
         return JPG_STATUS_INVALID_PARAMETER;
@@ -62,7 +63,9 @@ JpgStatus jpgWriteWriteMarkerCode(JpgParam *param, int32_t code, uint32_t length
 
 JpgStatus jpgWriteWriteMarkerData(JpgParam *param, const uint8_t *data, uint32_t count,
                                   uint32_t *written) {
-    if (jpgCheckParam(param) == nullptr || data == nullptr)
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
+    if (data == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (count == 0)
         return JPG_STATUS_INVALID_PARAMETER;
@@ -84,7 +87,9 @@ JpgStatus jpgWriteWriteMarkerData(JpgParam *param, const uint8_t *data, uint32_t
 
 JpgStatus jpgWriteWriteMarkerSegment(JpgParam *param, int32_t code, const uint8_t *data,
                                      int32_t length) {
-    if (jpgCheckParam(param) == nullptr || data == nullptr)
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
+    if (data == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (length <= 0)
         return JPG_STATUS_INVALID_PARAMETER;
@@ -92,7 +97,9 @@ JpgStatus jpgWriteWriteMarkerSegment(JpgParam *param, int32_t code, const uint8_
 }
 
 JpgStatus jpgWriteWriteSOF(JpgParam *param, int32_t code, const uint8_t *body) {
-    if (jpgCheckParam(param) == nullptr || body == nullptr)
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
+    if (body == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     uint32_t components = body[5];
     if (components < 1 || components > 4)
@@ -101,7 +108,9 @@ JpgStatus jpgWriteWriteSOF(JpgParam *param, int32_t code, const uint8_t *body) {
 }
 
 JpgStatus jpgWriteWriteSOS(JpgParam *param, const uint8_t *body) {
-    if (jpgCheckParam(param) == nullptr || body == nullptr)
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
+    if (body == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     uint32_t components = body[0];
     if (components < 1 || components > 4)
@@ -110,15 +119,17 @@ JpgStatus jpgWriteWriteSOS(JpgParam *param, const uint8_t *body) {
 }
 
 JpgStatus jpgWriteWriteDRI(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     uint8_t body[2];
     putBigEndian16(body, param->restartInterval);
     return writeSegment(param, 0xFFDD, body, 2);
 }
 
 JpgStatus jpgWriteEpilogToMemory(JpgParam *param, uint8_t **buffer, uint32_t *size) {
-    if (jpgCheckParam(param) == nullptr || buffer == nullptr || size == nullptr)
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
+    if (buffer == nullptr || size == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     JpgStatus status = finishStream(param);
     jpgWriteColorConvertTableClear();
@@ -130,8 +141,8 @@ JpgStatus jpgWriteEpilogToMemory(JpgParam *param, uint8_t **buffer, uint32_t *si
 }
 
 JpgStatus jpgWriteEpilogToFile(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     JpgStatus status = finishStream(param);
     jpgWriteColorConvertTableClear();
     // A memory stream ended this way has no one to hand its block to.
@@ -144,11 +155,15 @@ JpgStatus jpgWriteEpilogToFile(JpgParam *param) {
 }
 
 JpgStatus jpgWriteGetPartialBitstream(JpgParam *param, uint8_t **buffer, uint32_t *size) {
-    if (jpgCheckParam(param) == nullptr || buffer == nullptr || size == nullptr)
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
+    if (buffer == nullptr || size == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
     if (!(param->mode & kModeMemory) || !(param->mode & kModePartial))
         return JPG_STATUS_BLOCK_UNAVAILABLE;
-    if (param->enc.rowsEncoded == 0 && !(param->mode & kModeHeadersWritten)) {
+    // Headers once: not after baseline rows or a lossless frame's headers.
+    if (param->enc.rowsEncoded == 0 && !(param->mode & kModeHeadersWritten) &&
+        param->frameMarker != 0xFFC3) {
         SetColorIngredient(param);
         JpgStatus status = jpgWriteCreateTables(param);
         if (status != JPG_STATUS_OK)

@@ -3,6 +3,7 @@
 // run/size symbols with the Huffman tables of the encoder (ISO/IEC 10918-1
 // F.1.2.1, F.1.2.2) and ends a restart interval with RSTn (F.1.1.5, B.2.1).
 // The DC predictors, the MCU counter and the RST number persist across calls.
+#include "core/api_checks.h"
 #include "core/tables.h"
 #include "write/bit_sink.h"
 #include "write/forward_dct.h"
@@ -75,6 +76,8 @@ JpgStatus encodeBlocks(JpgParam *param, const kiv::QuantSteps *steps) {
 }
 
 JpgStatus jpgWriteEncodeBaselineMcu(JpgParam *param) {
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     if (param->enc.mcuBlocks == nullptr)
         return JPG_STATUS_INVALID_PARAMETER;
     JpgStatus status;
@@ -122,8 +125,8 @@ JpgStatus jpgWriteBaseLine8BitACHuffman(ComplibBitstream *bs, const JpgAcSymbol 
 JpgMcuFunc jpgGetWriteMCUGenericFunc(uint32_t id) { return id == 0x301 ? jpgWriteEncodeBaselineMcu : nullptr; }
 
 JpgStatus jpgWriteEpilogEntropyCodedSegment(JpgParam *param) {
-    if (jpgCheckParam(param) == nullptr)
-        return JPG_STATUS_INVALID_HANDLE;
+    if (JpgStatus s = kiv::guardWrite(param))
+        return s;
     JpgStatus status = jpgWritePutMarkerCode(&param->bs, static_cast<int32_t>(0xFFD0 + param->enc.restartNumber));
     if (status != JPG_STATUS_OK)
         return status;

@@ -146,6 +146,11 @@ TEST(MemoryStream, ReadsAreCutAtTheEnd) {
     EXPECT_EQ(complibSeekBitstreamFile(s.get(), 2, 1), 8);
     EXPECT_EQ(complibSeekBitstreamFile(s.get(), 50, 0), 50);
     EXPECT_EQ(complibReadBitstreamFile(s.get(), out, 10), 0);  // past the end: nothing
+    // Before the block or beyond 31 bits: refused, the position stays.
+    EXPECT_EQ(complibSeekBitstreamFile(s.get(), -1, 0), -1);
+    EXPECT_EQ(complibSeekBitstreamFile(s.get(), -11, 2), -1);
+    EXPECT_EQ(complibSeekBitstreamFile(s.get(), 0x7FFFFFFF, 1), -1);
+    EXPECT_EQ(complibSeekBitstreamFile(s.get(), 0, 1), 50);
 }
 
 TEST(MemoryStream, WritesGrowOneStepPerCall) {
@@ -163,6 +168,11 @@ TEST(MemoryStream, WritesGrowOneStepPerCall) {
     EXPECT_EQ(s->memCapacity, 0x20000u);
     EXPECT_EQ(s->memLength, 0x10003u);
     EXPECT_EQ(s->memCursor[0x10002], 0xAB);
+    // Lengths of 2^31 and more (negative as 32-bit signed values) are
+    // refused, not copied past the block.
+    for (uint32_t huge : {0x80000000u, 0xFFFFFFFFu, 0xFFFF0000u})
+        EXPECT_EQ(complibWriteBitstreamFile(s.get(), chunk.data(), huge), -1) << huge;
+    EXPECT_EQ(s->memLength, 0x10003u);
     complibMemFree(s->memCursor);
 }
 

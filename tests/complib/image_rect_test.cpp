@@ -29,9 +29,16 @@ TEST(ImageRect, AllocComputesStrideAndFourSpareBytes) {
     EXPECT_EQ(complibRectFree(&rect), JPG_STATUS_OK);
 }
 
-TEST(ImageRect, AllocRefusesSizesBeyondThirtyTwoBits) {
-    ComplibRect rect = rgbRect(65536, 65536);
-    EXPECT_EQ(complibRectAlloc(&rect), nullptr);
+// Sizes beyond 32 bits, a stride that overflows 32-bit arithmetic and
+// negative sizes get no allocation, and the rectangle stays as it was.
+TEST(ImageRect, AllocRefusesSizesItCannotDescribe) {
+    const ComplibRect refused[] = {rgbRect(65536, 65536), rgbRect(0x40000000, 1), rgbRect(-10, 10),
+                                   rgbRect(10, -10), [] { auto r = rgbRect(10, 10); r.stride = -30; return r; }()};
+    for (ComplibRect rect : refused) {
+        const ComplibRect before = rect;
+        EXPECT_EQ(complibRectAlloc(&rect), nullptr) << before.width << " x " << before.height;
+        EXPECT_EQ(std::memcmp(&rect, &before, sizeof rect), 0);
+    }
 }
 
 TEST(ImageRect, ResizeStaysInsideTheAllocation) {

@@ -167,7 +167,7 @@ TEST(LosslessEncode, ArgumentChecks) {
     std::vector<uint8_t> b = kivtest::encodeLossless(s, {});
     JpgParam *reader = nullptr;
     ASSERT_EQ(jpgReadPrologFromMemory(b.data(), int32_t(b.size()), 0, &reader), JPG_STATUS_OK);
-    EXPECT_EQ(jpgWriteSpatialFromRect(reader, &fits, 6), JPG_STATUS_INVALID_HANDLE);
+    EXPECT_EQ(jpgWriteSpatialFromRect(reader, &fits, 6), JPG_STATUS_WRONG_MODE);
     jpgReadEpilog(reader);
 }
 

@@ -335,6 +335,7 @@ TEST(ProgressiveDecode, NoColourConversionCopiesTheComponents) {
     rect = rectFor(image);
     ComplibRect four = rect;
     four.channels = 4;
+    four.stride = 4 * four.width;
     EXPECT_EQ(jpgReadProgressiveToRect(param, &four, 16, 0), JPG_STATUS_NOT_SUPPORTED);
     EXPECT_EQ(jpgReadProgressiveToRect(param, &rect, uint32_t(image.height), 0), JPG_STATUS_OK);
     EXPECT_EQ(differences(expected, image), 0u);

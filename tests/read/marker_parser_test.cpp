@@ -208,6 +208,33 @@ TEST(MarkerParser, FilePrologReadsAnEmbeddedStream) {
     jpgReadEpilog(p);
 }
 
+// The search for EOI reads the stream backwards a block of 64 KiB at a
+// time: a stream followed by data of any length (as a camera's trailer)
+// opens from memory and from a file at an offset, EOI across a block
+// boundary included; without EOI anywhere it is refused.
+TEST(MarkerParser, EndOfImageBehindTrailingData) {
+    std::vector<uint8_t> jpeg = readFile(corpus("samples/testorig.jpg"));
+    for (size_t trailer : {0, 1, 65533, 65534, 65535, 65536, 65537, 200000}) {
+        std::vector<uint8_t> file(100 + jpeg.size() + trailer, 0x55);
+        std::fill_n(file.begin(), 100, 0xFF);
+        std::copy(jpeg.begin(), jpeg.end(), file.begin() + 100);
+        std::string path = tempPath("trailer.jpg");
+        writeFile(path, file);
+        JpgParam *p = nullptr;
+        EXPECT_EQ(jpgReadPrologFromFile(path.c_str(), 100, 0, 0, &p), JPG_STATUS_OK) << trailer;
+        if (p != nullptr)
+            jpgReadEpilog(p);
+        ReadHandle h(std::vector<uint8_t>(file.begin() + 100, file.end()));
+        EXPECT_EQ(h.status, JPG_STATUS_OK) << trailer;
+        file[100 + jpeg.size() - 1] = 0xD8;  // the only EOI gone
+        writeFile(path, file);
+        EXPECT_EQ(jpgReadPrologFromFile(path.c_str(), 100, 0, 0, &p), JPG_STATUS_BAD_DATA) << trailer;
+        EXPECT_EQ(jpgReadPrologFromFile(path.c_str(), 100, 0, 0x4, &p), JPG_STATUS_OK) << trailer;
+        if (p != nullptr)
+            jpgReadEpilog(p);
+    }
+}
+
 TEST(MarkerParser, MemoryPrologArguments) {
     std::vector<uint8_t> jpeg = readFile(corpus("samples/testorig.jpg"));
     JpgParam *p = reinterpret_cast<JpgParam *>(1);

@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "cmyk_helpers.h"
+#include "core/codec.h"
 
 namespace {
 
@@ -44,8 +45,8 @@ TEST(YcckOutput, AdobeTransformChoosesTheConverter) {
             ASSERT_EQ(jpgReadSetNoColorConversion(h.p), JPG_STATUS_OK);
         // Choosing the routines again (as a DCT-method change does) keeps the rule.
         ASSERT_EQ(jpgSetDCTMethodFlag(h.p, 1), JPG_STATUS_OK);
-        EXPECT_EQ(h.p->routines.convert, c.full);
-        EXPECT_EQ(h.p->routines.convertScaled, c.scaled);
+        EXPECT_EQ(h.p->routines.convert, kiv::slotConverter(c.full));
+        EXPECT_EQ(h.p->routines.convertScaled, kiv::slotConverter(c.scaled));
     }
 }
 

@@ -109,6 +109,9 @@ TEST(MarkerWriter, FileThatCannotBeCreatedIsRefused) {
     JpgParam *h = reinterpret_cast<JpgParam *>(1);
     EXPECT_EQ(jpgWritePrologToFile("/nonexistent-dir/x.jpg", 0, &h), JPG_STATUS_FILE_OPEN_FAILED);
     EXPECT_EQ(h, nullptr);
+    EXPECT_EQ(jpgWritePrologToFile(std::string(260, 'a').c_str(), 0, &h), JPG_STATUS_INVALID_PARAMETER)
+        << "a name the handle cannot hold";
+    EXPECT_EQ(h, nullptr);
 }
 
 // A file that cannot be written: the epilog reports OUTPUT_FULL.

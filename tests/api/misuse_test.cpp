@@ -1,0 +1,595 @@
+// Misuse of the public interface, as application code commits it: calls of
+// the other family on both kinds of handle, each rectangle defect on each
+// output driver, every epilog after every stage, and the call programs that
+// seed the api fuzz target. Every refusal must name its status, leave the
+// caller's buffer as it was and the handle working; the sanitizer build's
+// leak checker sees every sequence end.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "api_seeds.h"
+#include "test_support.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+constexpr int kW = 40, kH = 24;  // 4:2:0: three MCUs across (the last partial), two down
+
+// Interleaved samples with texture: `bytes` of 1 or 2 per sample.
+Bytes Samples(int w, int h, int channels, int bytes = 1) {
+    Bytes s(size_t(w) * h * channels * bytes);
+    for (size_t i = 0; i < s.size(); i++)
+        s[i] = uint8_t((i * 37 + (i / 97) * 11) & (bytes == 2 && i % 2 ? 0x0F : 0xFF));
+    return s;
+}
+
+ComplibRect RectOver(Bytes &b, int w, int h, int channels, int sampleBits, size_t offset = 0) {
+    int sampleBytes = (sampleBits + 7) / 8;
+    ComplibRect r{};
+    r.width = w;
+    r.height = h;
+    r.stride = w * channels * sampleBytes;
+    r.pixelBits = 8 * channels * sampleBytes;
+    r.channels = channels;
+    r.sampleBits = sampleBits;
+    r.pixels = b.data() + offset;
+    r.allocSize = uint32_t(size_t(r.stride) * h);
+    return r;
+}
+
+// Ends an encoder to memory and returns its stream.
+Bytes Finish(JpgParam *enc) {
+    uint8_t *data = nullptr;
+    uint32_t size = 0;
+    EXPECT_EQ(jpgWriteEpilogToMemory(enc, &data, &size), JPG_STATUS_OK);
+    Bytes out(data, data + size);
+    jpgWriteFreeBitstream(data);
+    return out;
+}
+
+// Encodes kW x kH samples (colour baseline, or 12-bit grey lossless) in two
+// strips; `between` runs on the encoder between them.
+Bytes Encode(bool lossless, const std::function<void(JpgParam *)> &between = {}) {
+    Bytes pixels = lossless ? Samples(kW, kH, 1, 2) : Samples(kW, kH, 3);
+    JpgParam *enc = nullptr;
+    EXPECT_EQ(jpgWritePrologToMemory(0, &enc), JPG_STATUS_OK);
+    EXPECT_EQ(jpgWriteSetImageSize(enc, kW, kH), JPG_STATUS_OK);
+    ComplibRect r = lossless ? RectOver(pixels, kW, kH, 1, 12) : RectOver(pixels, kW, kH, 3, 8);
+    auto strip = [&](int first, int rows) {
+        ComplibRect s = r;
+        s.pixels += size_t(first) * r.stride;
+        s.height = rows;
+        s.allocSize = uint32_t(size_t(rows) * r.stride);
+        return lossless ? jpgWriteSpatialFromRect(enc, &s, rows) : jpgWriteFromRect(enc, &s, uint32_t(rows));
+    };
+    EXPECT_EQ(strip(0, 16), JPG_STATUS_OK);
+    if (between)
+        between(enc);
+    EXPECT_EQ(strip(16, kH - 16), JPG_STATUS_OK);
+    return Finish(enc);
+}
+
+// Whole-image decode with the driver the stream needs; `between` runs on
+// the decoder after the first 16 lines.
+struct Decoded {
+    JpgStatus status = JPG_STATUS_ERROR;
+    Bytes pixels;
+};
+Decoded Decode(const Bytes &jpeg, const std::function<void(JpgParam *)> &between = {}) {
+    Decoded d;
+    JpgParam *dec = nullptr;
+    d.status = jpgReadPrologFromMemory(jpeg.data(), int32_t(jpeg.size()), 0, &dec);
+    if (d.status != JPG_STATUS_OK)
+        return d;
+    uint32_t w = 0, h = 0, n = 0, process = 0, precision = 0;
+    jpgReadGetImageSize(dec, &w, &h);
+    jpgReadGetNumberOfChannels(dec, &n);
+    jpgReadGetCodingProcess(dec, &process);
+    jpgReadGetSamplePrecision(dec, &precision);
+    bool lossless = process == JPG_PROCESS_LOSSLESS;
+    int bits = lossless && precision > 8 ? 16 : 8;
+    d.pixels.assign(size_t(w) * h * n * (bits / 8), 0);
+    ComplibRect r = RectOver(d.pixels, int(w), int(h), int(n), bits);
+    for (uint32_t y = 0; y < h && d.status == JPG_STATUS_OK;) {
+        uint32_t rows = y == 0 ? 16 : h - y;
+        ComplibRect s = r;
+        s.pixels += size_t(y) * r.stride;
+        s.height = int32_t(rows);
+        d.status = lossless ? jpgReadSpatialToRect(dec, &s, rows)
+                   : process == JPG_PROCESS_PROGRESSIVE ? jpgReadProgressiveToRect(dec, &s, rows, 0)
+                                                        : jpgReadToRect(dec, &s, rows);
+        if (y == 0 && between)
+            between(dec);
+        y += rows;
+    }
+    EXPECT_EQ(jpgReadEpilog(dec), JPG_STATUS_OK);
+    return d;
+}
+
+// Every decoder entry point that takes a handle, as the application calls it.
+std::vector<std::pair<const char *, std::function<JpgStatus(JpgParam *)>>> DecoderCalls() {
+    static uint32_t u, v, table[64];
+    static uint16_t marker;
+    static uint8_t buffer[64];
+    static int32_t diff;
+    static void *line;
+    static int16_t block[64];
+    static Bytes pixels(size_t(kW) * kH * 3);
+    static ComplibRect r = RectOver(pixels, kW, kH, 3, 8);
+    return {
+        {"jpgReadGetCodingProcess", [](JpgParam *p) { return jpgReadGetCodingProcess(p, &u); }},
+        {"jpgReadGetImageSize", [](JpgParam *p) { return jpgReadGetImageSize(p, &u, &v); }},
+        {"jpgReadGetNumberOfChannels", [](JpgParam *p) { return jpgReadGetNumberOfChannels(p, &u); }},
+        {"jpgReadGetSamplePrecision", [](JpgParam *p) { return jpgReadGetSamplePrecision(p, &u); }},
+        {"jpgReadGetSubsamplingFactor", [](JpgParam *p) { return jpgReadGetSubsamplingFactor(p, &u); }},
+        {"jpgReadGetMcuSize", [](JpgParam *p) { return jpgReadGetMcuSize(p, &u, &v); }},
+        {"jpgReadGetRestartInterval", [](JpgParam *p) { return jpgReadGetRestartInterval(p, &u); }},
+        {"jpgReadGetQuantizationTableSelector", [](JpgParam *p) { return jpgReadGetQuantizationTableSelector(p, table); }},
+        {"jpgReadGetQuantizationTable", [](JpgParam *p) { return jpgReadGetQuantizationTable(p, 0, table); }},
+        {"jpgReadGetQuantizationTableNR", [](JpgParam *p) { return jpgReadGetQuantizationTableNR(p, &u, &v); }},
+        {"jpgReadProlog", [](JpgParam *p) { return jpgReadProlog(p); }},
+        {"jpgReadRewindJPEGFile", [](JpgParam *p) { return jpgReadRewindJPEGFile(p, 0, 1); }},
+        {"jpgReadInitializeDecVLCTable", [](JpgParam *p) { return jpgReadInitializeDecVLCTable(p); }},
+        {"jpgReadSeekRestartMarker", [](JpgParam *p) { return jpgReadSeekRestartMarker(p, 1, 0); }},
+        {"jpgReadSeekMcu", [](JpgParam *p) { return jpgReadSeekMcu(p, 1, 0); }},
+        {"jpgReadSetPartialBitstream", [](JpgParam *p) { return jpgReadSetPartialBitstream(p, buffer, 8); }},
+        {"jpgReadGetProcessedLine", [](JpgParam *p) { return jpgReadGetProcessedLine(p, &u); }},
+        {"jpgReadSetProcessedLine", [](JpgParam *p) { return jpgReadSetProcessedLine(p, 3); }},
+        {"jpgReadGetMcuAddress", [](JpgParam *p) { return jpgReadGetMcuAddress(p, &u); }},
+        {"jpgReadSetMcuAddress", [](JpgParam *p) { return jpgReadSetMcuAddress(p, 3); }},
+        {"jpgReadSeekMarkerSegment", [](JpgParam *p) { return jpgReadSeekMarkerSegment(p, 0, &marker, &u); }},
+        {"jpgReadReadMarkerData", [](JpgParam *p) { return jpgReadReadMarkerData(p, buffer, 8, &u); }},
+        {"jpgReadSeekMarkerData", [](JpgParam *p) { return jpgReadSeekMarkerData(p); }},
+        {"jpgReadParseScanLevel", [](JpgParam *p) { return jpgReadParseScanLevel(p); }},
+        {"jpgReadEpilogEntropyCodedSegment", [](JpgParam *p) { return jpgReadEpilogEntropyCodedSegment(p); }},
+        {"jpgReadReadRestartMarker", [](JpgParam *p) { return jpgReadReadRestartMarker(p); }},
+        {"jpgReadDecodeBaselineMcu", [](JpgParam *p) { return jpgReadDecodeBaselineMcu(p); }},
+        {"jpgReadToRect", [](JpgParam *p) { return jpgReadToRect(p, &r, 8); }},
+        {"jpgReadMcuToRect", [](JpgParam *p) { return jpgReadMcuToRect(p, &r, 1); }},
+        {"jpgReadDecodeMcuRow", [](JpgParam *p) { return jpgReadDecodeMcuRow(p, &r, 1); }},
+        {"jpgReadSetNoColorConversion", [](JpgParam *p) { return jpgReadSetNoColorConversion(p); }},
+        {"jpgReadScaleOutputGetImageSize", [](JpgParam *p) { return jpgReadScaleOutputGetImageSize(p, &u, &v, 1); }},
+        {"jpgReadScaleOutputSetLevel", [](JpgParam *p) { return jpgReadScaleOutputSetLevel(p, 1); }},
+        {"jpgReadScaleOutputLevel1MCU", [](JpgParam *p) { return jpgReadScaleOutputLevel1MCU(p); }},
+        {"jpgReadScaleOutputToRect", [](JpgParam *p) { return jpgReadScaleOutputToRect(p, &r, 4, 1); }},
+        {"jpgReadScaleOutputMcuToRect", [](JpgParam *p) { return jpgReadScaleOutputMcuToRect(p, &r, 1, 1); }},
+        {"jpgReadGetProgressiveACBaseCoefficient",
+         [](JpgParam *p) { return jpgReadGetProgressiveACBaseCoefficient(p, block, nullptr); }},
+        {"jpgReadProgressiveToRect", [](JpgParam *p) { return jpgReadProgressiveToRect(p, &r, 8, 0); }},
+        {"jpgReadProgressiveIsCompleted", [](JpgParam *p) { return jpgReadProgressiveIsCompleted(p, &u); }},
+        {"jpgReadSpatialToRect", [](JpgParam *p) { return jpgReadSpatialToRect(p, &r, 8); }},
+        {"jpgReadGetSpatialDifferenceAtIndex", [](JpgParam *p) { return jpgReadGetSpatialDifferenceAtIndex(p, &diff, 0); }},
+        {"jpgReadGetPointTransform", [](JpgParam *p) { return jpgReadGetPointTransform(p, &u); }},
+        {"jpgReadGetSpatialPrevLine", [](JpgParam *p) { return jpgReadGetSpatialPrevLine(p, &line); }},
+        {"jpgReadGetSpatialFirstLine", [](JpgParam *p) { return jpgReadGetSpatialFirstLine(p, &u); }},
+        {"jpgReadSetSpatialFirstLine", [](JpgParam *p) { return jpgReadSetSpatialFirstLine(p, 1); }},
+        {"jpgReadSetProcessorArchitectureFlag", [](JpgParam *p) { return jpgReadSetProcessorArchitectureFlag(p, 0); }},
+        // Bit-reader primitives have no status: refusing returns 0 and touches nothing.
+        {"jpgReadGetBits", [](JpgParam *p) { return jpgReadGetBits(p, 16) == 0 ? JPG_STATUS_WRONG_MODE : 0; }},
+        {"jpgReadGetBytes", [](JpgParam *p) { return jpgReadGetBytes(p, 16) == 0 ? JPG_STATUS_WRONG_MODE : 0; }},
+        {"jpgReadFillBuffer", [](JpgParam *p) { return jpgReadFillBuffer(p) == 0 ? JPG_STATUS_WRONG_MODE : 0; }},
+        {"jpgReadEpilog", [](JpgParam *p) { return jpgReadEpilog(p); }},
+    };
+}
+
+// Every encoder entry point that takes a handle.
+std::vector<std::pair<const char *, std::function<JpgStatus(JpgParam *)>>> EncoderCalls() {
+    static uint32_t u, factors[8];
+    static uint8_t *data;
+    static uint16_t table[64] = {1};
+    static const uint8_t body[16] = {8, 0, 16, 0, 16, 1, 1, 0x11, 0};
+    static Bytes pixels = Samples(kW, kH, 3);
+    static ComplibRect r = RectOver(pixels, kW, kH, 3, 8);
+    return {
+        {"jpgWriteProlog", [](JpgParam *p) { return jpgWriteProlog(p); }},
+        {"jpgWriteSetImageSize", [](JpgParam *p) { return jpgWriteSetImageSize(p, 8, 8); }},
+        {"jpgWriteSetInternalColorSpace", [](JpgParam *p) { return jpgWriteSetInternalColorSpace(p, 1); }},
+        {"jpgWriteSetNoColorConversion", [](JpgParam *p) { return jpgWriteSetNoColorConversion(p); }},
+        {"jpgWriteSetSubsamplingFactor", [](JpgParam *p) { return jpgWriteSetSubsamplingFactor(p, 0x111111); }},
+        {"jpgWriteSetSubsamplingMethod", [](JpgParam *p) { return jpgWriteSetSubsamplingMethod(p, 1); }},
+        {"jpgWriteGetSubsamplingMethod", [](JpgParam *p) { return jpgWriteGetSubsamplingMethod(p, &u); }},
+        {"jpgWriteSetNumberOfChannels", [](JpgParam *p) { return jpgWriteSetNumberOfChannels(p, 1); }},
+        {"jpgWriteSetQuantizationFactor", [](JpgParam *p) { return jpgWriteSetQuantizationFactor(p, 50); }},
+        {"jpgWriteSetQuantizationTableSelector", [](JpgParam *p) { return jpgWriteSetQuantizationTableSelector(p, 0, 1); }},
+        {"jpgWriteSetDCEntropyTableSelector", [](JpgParam *p) { return jpgWriteSetDCEntropyTableSelector(p, 0, 1); }},
+        {"jpgWriteSetACEntropyTableSelector", [](JpgParam *p) { return jpgWriteSetACEntropyTableSelector(p, 0, 1); }},
+        {"jpgWriteSetRestartInterval", [](JpgParam *p) { return jpgWriteSetRestartInterval(p, 2); }},
+        {"jpgWriteSetSpatialPredictor", [](JpgParam *p) { return jpgWriteSetSpatialPredictor(p, 2); }},
+        {"SetColorIngredient", [](JpgParam *p) { return SetColorIngredient(p); }},
+        {"jpgWriteSSSetting", [](JpgParam *p) { return jpgWriteSSSetting(p, factors); }},
+        {"jpgWriteMakeClrCvtID", [](JpgParam *p) { return jpgWriteMakeClrCvtID(p) == 0 ? JPG_STATUS_WRONG_MODE : 0; }},
+        {"jpgWriteSetDefaultQuantizationTable", [](JpgParam *p) { return jpgWriteSetDefaultQuantizationTable(p, 0, table); }},
+        {"jpgWriteCreateTables", [](JpgParam *p) { return jpgWriteCreateTables(p); }},
+        {"createDQT", [](JpgParam *p) { return createDQT(p); }},
+        {"jpgWriteSortHuffmanTable", [](JpgParam *p) { return jpgWriteSortHuffmanTable(p); }},
+        {"jpgWriteEpilogEntropyCodedSegment", [](JpgParam *p) { return jpgWriteEpilogEntropyCodedSegment(p); }},
+        {"jpgWriteWriteMarkerCode", [](JpgParam *p) { return jpgWriteWriteMarkerCode(p, 0xFFFE, 4); }},
+        {"jpgWriteWriteMarkerData", [](JpgParam *p) { return jpgWriteWriteMarkerData(p, body, 4, &u); }},
+        {"jpgWriteWriteMarkerSegment", [](JpgParam *p) { return jpgWriteWriteMarkerSegment(p, 0xFFFE, body, 4); }},
+        {"jpgWriteWriteSOF", [](JpgParam *p) { return jpgWriteWriteSOF(p, 0xFFC0, body); }},
+        {"jpgWriteWriteSOS", [](JpgParam *p) { return jpgWriteWriteSOS(p, body + 5); }},
+        {"jpgWriteWriteDRI", [](JpgParam *p) { return jpgWriteWriteDRI(p); }},
+        {"jpgWriteGetPartialBitstream", [](JpgParam *p) { return jpgWriteGetPartialBitstream(p, &data, &u); }},
+        {"jpgWriteSetProcessorArchitectureFlag", [](JpgParam *p) { return jpgWriteSetProcessorArchitectureFlag(p, 0); }},
+        {"jpgWriteFromRect", [](JpgParam *p) { return jpgWriteFromRect(p, &r, 8); }},
+        {"jpgWriteSpatialFromRect", [](JpgParam *p) { return jpgWriteSpatialFromRect(p, &r, 8); }},
+        {"jpgWriteEpilogToMemory", [](JpgParam *p) { return jpgWriteEpilogToMemory(p, &data, &u); }},
+        {"jpgWriteEpilogToFile", [](JpgParam *p) { return jpgWriteEpilogToFile(p); }},
+    };
+}
+
+TEST(WrongMode, DecoderCallsOnAnEncoderChangeNothing) {
+    Bytes clean = Encode(false);
+    Bytes misused = Encode(false, [](JpgParam *enc) {
+        for (auto &[name, call] : DecoderCalls())
+            EXPECT_EQ(call(enc), JPG_STATUS_WRONG_MODE) << name;
+    });
+    EXPECT_EQ(misused, clean) << "the stream of an encoder that refused every decoder call";
+    Decoded d = Decode(misused);
+    EXPECT_EQ(d.status, JPG_STATUS_OK);
+    EXPECT_EQ(d.pixels, Decode(clean).pixels);
+}
+
+TEST(WrongMode, EncoderCallsOnADecoderChangeNothing) {
+    for (bool lossless : {false, true}) {
+        Bytes jpeg = Encode(lossless);
+        Decoded clean = Decode(jpeg);
+        ASSERT_EQ(clean.status, JPG_STATUS_OK);
+        Decoded misused = Decode(jpeg, [](JpgParam *dec) {
+            for (auto &[name, call] : EncoderCalls())
+                EXPECT_EQ(call(dec), JPG_STATUS_WRONG_MODE) << name;
+        });
+        EXPECT_EQ(misused.status, JPG_STATUS_OK) << lossless;
+        EXPECT_EQ(misused.pixels, clean.pixels) << lossless;
+    }
+}
+
+// Once rows are encoded, the setters that size the frame are refused: the
+// encoder's buffers and the written headers keep the first size.
+TEST(WrongMode, FrameSizeStaysFixedOnceEncodingBegan) {
+    for (bool lossless : {false, true}) {
+        Bytes clean = Encode(lossless);
+        Bytes resized = Encode(lossless, [](JpgParam *enc) {
+            EXPECT_EQ(jpgWriteSetImageSize(enc, kW / 2, kH), JPG_STATUS_INVALID_PARAMETER);
+            EXPECT_EQ(jpgWriteSetImageSize(enc, kW * 2, kH * 2), JPG_STATUS_INVALID_PARAMETER);
+            EXPECT_EQ(jpgWriteSetNumberOfChannels(enc, 4), JPG_STATUS_INVALID_PARAMETER);
+        });
+        EXPECT_EQ(resized, clean) << lossless;
+    }
+}
+
+// A handle that is none (never made, or a block without the magic): the
+// two getters that once skipped the check refuse it like the others.
+TEST(WrongMode, DeadHandlesAreRefused) {
+    std::vector<uint32_t> block(70000 / 4, 0);
+    auto *dead = reinterpret_cast<JpgParam *>(block.data());
+    uint32_t out[64];
+    for (JpgParam *p : {static_cast<JpgParam *>(nullptr), dead}) {
+        EXPECT_EQ(jpgReadGetQuantizationTableSelector(p, out), JPG_STATUS_INVALID_HANDLE);
+        EXPECT_EQ(jpgReadGetQuantizationTable(p, 0, out), JPG_STATUS_INVALID_HANDLE);
+        EXPECT_EQ(jpgReadToRect(p, nullptr, 1), JPG_STATUS_INVALID_HANDLE);
+        EXPECT_EQ(jpgWriteFromRect(p, nullptr, 1), JPG_STATUS_INVALID_HANDLE);
+        EXPECT_EQ(jpgReadGetBits(p, 8), 0u);
+    }
+    EXPECT_TRUE(std::all_of(block.begin(), block.end(), [](uint32_t w) { return w == 0; }));
+}
+
+// ---------------------------------------------------------------- rectangles
+
+enum class Driver { ToRect, McuToRect, McuRow, Scaled, ScaledMcu, Progressive, Spatial, Write, WriteSpatial };
+
+struct DriverCase {
+    const char *name;
+    Driver driver;
+    bool decoder;
+    bool lossless;
+};
+
+constexpr DriverCase kDrivers[] = {
+    {"jpgReadToRect", Driver::ToRect, true, false},
+    {"jpgReadMcuToRect", Driver::McuToRect, true, false},
+    {"jpgReadDecodeMcuRow", Driver::McuRow, true, false},
+    {"jpgReadScaleOutputToRect", Driver::Scaled, true, false},
+    {"jpgReadScaleOutputMcuToRect", Driver::ScaledMcu, true, false},
+    {"jpgReadProgressiveToRect", Driver::Progressive, true, false},
+    {"jpgReadSpatialToRect", Driver::Spatial, true, true},
+    {"jpgWriteFromRect", Driver::Write, false, false},
+    {"jpgWriteSpatialFromRect", Driver::WriteSpatial, false, true},
+};
+
+// `rows` counts lines at the driver's scale.
+JpgStatus Drive(Driver d, JpgParam *p, ComplibRect *r, uint32_t rows) {
+    switch (d) {
+    case Driver::ToRect: return jpgReadToRect(p, r, rows);
+    case Driver::McuToRect: return jpgReadMcuToRect(p, r, 3);
+    case Driver::McuRow: return jpgReadDecodeMcuRow(p, r, 3);
+    case Driver::Scaled: return jpgReadScaleOutputToRect(p, r, rows, 2);
+    case Driver::ScaledMcu: return jpgReadScaleOutputMcuToRect(p, r, 3, 2);
+    case Driver::Progressive: return jpgReadProgressiveToRect(p, r, rows, 0);
+    case Driver::Spatial: return jpgReadSpatialToRect(p, r, rows);
+    case Driver::Write: return jpgWriteFromRect(p, r, rows);
+    default: return jpgWriteSpatialFromRect(p, r, int32_t(rows));
+    }
+}
+
+// The rectangle a driver fills or reads in one call: the whole image, half
+// of it scaled, or the first MCU row.
+struct Size {
+    int w, h;
+};
+Size SizeFor(const DriverCase &c) {
+    switch (c.driver) {
+    case Driver::Scaled: return {kW / 2, kH / 2};
+    case Driver::McuToRect: case Driver::McuRow: return {kW, 16};
+    case Driver::ScaledMcu: return {kW / 2, 8};
+    default: return {kW, kH};
+    }
+}
+
+// A stream for the decoders, and the same image progressive via jpegtran.
+Bytes StreamFor(const DriverCase &c) {
+    Bytes jpeg = Encode(c.lossless);
+    if (c.driver != Driver::Progressive)
+        return jpeg;
+    std::string in = kivtest::tempPath("misuse.jpg"), out = kivtest::tempPath("misuse-p.jpg");
+    kivtest::writeFile(in, jpeg);
+    if (kivtest::run("jpegtran -progressive -outfile " + out + " " + in) != 0)
+        return {};
+    return kivtest::readFile(out);
+}
+
+// The buffer behind a rectangle: 64 guard bytes on each side and 6 bytes of
+// padding behind every row, all holding a pattern, so that a write outside
+// the rectangle shows; a refused call must leave every byte.
+struct Guarded {
+    static constexpr size_t kGuard = 64, kPad = 6;  // even: 16-bit rows stay aligned
+    Bytes bytes;
+    ComplibRect rect;
+    size_t rowBytes, stride;
+    Guarded(const DriverCase &c, int w, int h) {
+        int channels = c.lossless ? 1 : 3, bits = c.lossless ? 12 : 8;
+        rowBytes = size_t(w) * channels * (bits > 8 ? 2 : 1);
+        stride = rowBytes + kPad;
+        size_t reach = (size_t(h) - 1) * stride + rowBytes;
+        bytes.resize(2 * kGuard + reach);
+        for (size_t i = 0; i < bytes.size(); i++)
+            bytes[i] = Pattern(i);
+        rect = RectOver(bytes, w, h, channels, bits, kGuard);
+        rect.stride = int32_t(stride);
+        rect.allocSize = uint32_t(reach);
+    }
+    static uint8_t Pattern(size_t i) { return uint8_t(i * 29 + 5); }
+    bool InRow(size_t i) const {
+        return i >= kGuard && i < bytes.size() - kGuard && (i - kGuard) % stride < rowBytes;
+    }
+    bool Untouched(bool rowsToo = true) const {
+        for (size_t i = 0; i < bytes.size(); i++)
+            if (bytes[i] != Pattern(i) && (rowsToo || !InRow(i)))
+                return false;
+        return true;
+    }
+    Bytes Rows() const {
+        Bytes out;
+        for (size_t i = 0; i < bytes.size(); i++)
+            if (InRow(i))
+                out.push_back(bytes[i]);
+        return out;
+    }
+};
+
+// What a fresh handle, or one that refused calls before, delivers in one
+// call: a decoder's pixels (nothing written outside the rectangle) or an
+// encoder's stream.
+Bytes Complete(const DriverCase &c, JpgParam *p) {
+    Size size = SizeFor(c);
+    if (!c.decoder) {
+        Bytes pixels = Samples(kW, kH, c.lossless ? 1 : 3, c.lossless ? 2 : 1);
+        ComplibRect r = c.lossless ? RectOver(pixels, kW, kH, 1, 12) : RectOver(pixels, kW, kH, 3, 8);
+        EXPECT_EQ(Drive(c.driver, p, &r, uint32_t(kH)), JPG_STATUS_OK) << c.name;
+        return Finish(p);
+    }
+    Guarded g(c, size.w, size.h);
+    EXPECT_EQ(Drive(c.driver, p, &g.rect, uint32_t(size.h)), JPG_STATUS_OK) << c.name;
+    EXPECT_TRUE(g.Untouched(false)) << c.name << ": written outside the rectangle";
+    return g.Rows();
+}
+
+JpgParam *Open(const DriverCase &c, const Bytes &jpeg) {
+    JpgParam *p = nullptr;
+    if (c.decoder)
+        EXPECT_EQ(jpgReadPrologFromMemory(jpeg.data(), int32_t(jpeg.size()), 0, &p), JPG_STATUS_OK);
+    else
+        EXPECT_EQ(jpgWritePrologToMemory(0, &p), JPG_STATUS_OK);
+    if (!c.decoder)
+        EXPECT_EQ(jpgWriteSetImageSize(p, kW, kH), JPG_STATUS_OK);
+    return p;
+}
+
+struct Defect {
+    const char *name;
+    void (*apply)(ComplibRect &, const DriverCase &);
+    JpgStatus decoder, encoder, losslessEncoder;  // expected status
+};
+
+constexpr JpgStatus kHandle = JPG_STATUS_INVALID_HANDLE, kParameter = JPG_STATUS_INVALID_PARAMETER,
+                    kNotSupported = JPG_STATUS_NOT_SUPPORTED;
+
+const Defect kDefects[] = {
+    {"no pixels", [](ComplibRect &r, const DriverCase &) { r.pixels = nullptr; }, kHandle, kHandle, kHandle},
+    {"negative width", [](ComplibRect &r, const DriverCase &) { r.width = -r.width; }, kParameter, kParameter, kParameter},
+    {"zero width", [](ComplibRect &r, const DriverCase &) { r.width = 0; }, kParameter, kParameter, kParameter},
+    {"width whose row overflows 32 bits",
+     [](ComplibRect &r, const DriverCase &) { r.width = 0x40000000; r.stride = 0x7FFFFFFF; },
+     kParameter, kParameter, kParameter},
+    {"negative height", [](ComplibRect &r, const DriverCase &) { r.height = -r.height; }, kParameter, kParameter, kParameter},
+    {"zero height", [](ComplibRect &r, const DriverCase &) { r.height = 0; }, kParameter, kParameter, kParameter},
+    {"stride shorter than a row",
+     [](ComplibRect &r, const DriverCase &) { r.stride = r.width * r.channels * ((r.sampleBits + 7) / 8) - 1; },
+     kParameter, kParameter, kParameter},
+    {"negative stride over a stated allocation", [](ComplibRect &r, const DriverCase &) { r.stride = -r.stride; },
+     kParameter, kParameter, kParameter},
+    {"allocation a byte short", [](ComplibRect &r, const DriverCase &) { r.allocSize -= 1; }, kParameter, kParameter, kParameter},
+    {"no channels", [](ComplibRect &r, const DriverCase &) { r.channels = 0; }, kNotSupported, kParameter, kParameter},
+    {"five channels", [](ComplibRect &r, const DriverCase &) { r.channels = 5; }, kNotSupported, kParameter, kParameter},
+    {"sample size the call does not take",
+     [](ComplibRect &r, const DriverCase &c) { r.sampleBits = c.lossless ? 17 : 16; },
+     kNotSupported, kNotSupported, kParameter},
+};
+
+TEST(RectangleDefects, EveryDriverRefusesEachDefectAndThenWorks) {
+    for (const DriverCase &c : kDrivers) {
+        Bytes jpeg = c.decoder ? StreamFor(c) : Bytes{};
+        if (c.decoder && jpeg.empty()) {
+            ADD_FAILURE() << c.name << ": no stream (jpegtran missing?)";
+            continue;
+        }
+        JpgParam *reference = Open(c, jpeg);
+        Bytes expected = Complete(c, reference);
+        if (c.decoder)
+            jpgReadEpilog(reference);
+        JpgParam *p = Open(c, jpeg);
+        const Size size = SizeFor(c);
+        for (const Defect &d : kDefects) {
+            Guarded g(c, size.w, size.h);
+            d.apply(g.rect, c);
+            JpgStatus expected = c.decoder ? d.decoder : c.lossless ? d.losslessEncoder : d.encoder;
+            EXPECT_EQ(Drive(c.driver, p, &g.rect, uint32_t(size.h)), expected) << c.name << ", " << d.name;
+            EXPECT_TRUE(g.Untouched()) << c.name << ", " << d.name;
+        }
+        // A decoder also refuses a bottom-up rectangle that states no allocation.
+        if (c.decoder) {
+            Guarded g(c, size.w, size.h);
+            g.rect.pixels += size_t(size.h - 1) * g.rect.stride;
+            g.rect.stride = -g.rect.stride;
+            g.rect.allocSize = 0;
+            EXPECT_EQ(Drive(c.driver, p, &g.rect, uint32_t(size.h)), JPG_STATUS_INVALID_PARAMETER) << c.name;
+            EXPECT_TRUE(g.Untouched()) << c.name;
+        }
+        EXPECT_EQ(Complete(c, p), expected) << c.name << ": the handle after the refusals";
+        if (c.decoder)
+            jpgReadEpilog(p);
+    }
+}
+
+// A call is checked for the rows it may reach, the lines asked for up to
+// the rectangle's height: a strip inside a short buffer is decoded, a
+// request that could reach past the buffer is refused.
+TEST(RectangleDefects, RowsAskedForMustFitTheAllocation) {
+    Bytes jpeg = Encode(false);
+    JpgParam *p = nullptr;
+    ASSERT_EQ(jpgReadPrologFromMemory(jpeg.data(), int32_t(jpeg.size()), 0, &p), JPG_STATUS_OK);
+    Bytes pixels(size_t(kW) * 3 * 16);
+    ComplibRect r = RectOver(pixels, kW, kH, 3, 8);
+    r.allocSize = uint32_t(pixels.size());
+    EXPECT_EQ(jpgReadToRect(p, &r, 16), JPG_STATUS_OK);
+    EXPECT_EQ(jpgReadToRect(p, &r, kH), JPG_STATUS_INVALID_PARAMETER) << "24 rows into 16 rows of memory";
+    jpgReadEpilog(p);
+}
+
+// A bottom-up source (negative stride, pixels at the first row to read)
+// stays valid for the encoders when it states no allocation.
+TEST(RectangleDefects, EncodersReadBottomUpSources) {
+    Bytes pixels = Samples(kW, kH, 3);
+    Bytes flipped(pixels.size());
+    size_t row = size_t(kW) * 3;
+    for (int y = 0; y < kH; y++)
+        std::copy_n(pixels.begin() + long(y * row), row, flipped.begin() + long((kH - 1 - y) * row));
+    JpgParam *enc = nullptr;
+    ASSERT_EQ(jpgWritePrologToMemory(0, &enc), JPG_STATUS_OK);
+    ComplibRect r = RectOver(flipped, kW, kH, 3, 8, (kH - 1) * row);
+    r.stride = -r.stride;
+    r.allocSize = 0;
+    ASSERT_EQ(jpgWriteFromRect(enc, &r, kH), JPG_STATUS_OK);
+    Bytes stream = Finish(enc);
+    enc = nullptr;
+    ASSERT_EQ(jpgWritePrologToMemory(0, &enc), JPG_STATUS_OK);
+    ComplibRect straight = RectOver(pixels, kW, kH, 3, 8);
+    ASSERT_EQ(jpgWriteFromRect(enc, &straight, kH), JPG_STATUS_OK);
+    EXPECT_EQ(stream, Finish(enc));
+}
+
+// ---------------------------------------------------------------- epilogs
+
+// Every epilog after every stage: the matching ones end the handle with
+// JPG_STATUS_OK (jpgEpilog ends any); the other family's is refused and
+// the handle lives on. The sanitizer build checks that nothing leaks.
+TEST(Epilogs, AfterEveryStage) {
+    Bytes baseline = Encode(false), lossless = Encode(true);
+    using Stage = std::pair<const char *, std::function<void(JpgParam *)>>;
+    static Bytes pixels(size_t(kW) * kH * 3 * 2);
+    auto rect = [](int channels, int bits) { return RectOver(pixels, kW, 8, channels, bits); };
+    const Stage reads[] = {
+        {"opened", [](JpgParam *) {}},
+        {"segment walk", [](JpgParam *p) { uint16_t m; uint32_t n; jpgReadSeekMarkerSegment(p, 0, &m, &n); }},
+        {"some lines", [&](JpgParam *p) { ComplibRect r = rect(3, 8); jpgReadToRect(p, &r, 8); }},
+        {"scaled", [&](JpgParam *p) { ComplibRect r = rect(3, 8); jpgReadScaleOutputToRect(p, &r, 4, 1); }},
+        {"lossless rows", [&](JpgParam *p) { ComplibRect r = rect(1, 12); jpgReadSpatialToRect(p, &r, 8); }},
+        {"refused call", [&](JpgParam *p) { ComplibRect r = rect(3, 8); r.stride = 1; jpgReadToRect(p, &r, 8); }},
+    };
+    const Stage writes[] = {
+        {"opened", [](JpgParam *) {}},
+        {"setters", [](JpgParam *p) { jpgWriteSetImageSize(p, kW, kH); jpgWriteSetRestartInterval(p, 2); }},
+        {"open segment", [](JpgParam *p) { jpgWriteWriteMarkerCode(p, 0xFFFE, 40); }},
+        {"some rows", [&](JpgParam *p) { jpgWriteSetImageSize(p, kW, kH); ComplibRect r = rect(3, 8); jpgWriteFromRect(p, &r, 8); }},
+        {"lossless rows", [&](JpgParam *p) { jpgWriteSetImageSize(p, kW, kH); ComplibRect r = rect(1, 12); jpgWriteSpatialFromRect(p, &r, 8); }},
+        {"partial output", [](JpgParam *p) { uint8_t *b = nullptr; uint32_t n; if (jpgWriteGetPartialBitstream(p, &b, &n) == 0) jpgWriteFreeBitstream(b); }},
+    };
+    for (const auto &[name, stage] : reads)
+        for (int epilog = 0; epilog < 2; epilog++) {
+            const Bytes &jpeg = std::string(name) == "lossless rows" ? lossless : baseline;
+            JpgParam *p = nullptr;
+            ASSERT_EQ(jpgReadPrologFromMemory(jpeg.data(), int32_t(jpeg.size()), 0, &p), JPG_STATUS_OK);
+            stage(p);
+            uint8_t *out = nullptr;
+            uint32_t size = 0;
+            EXPECT_EQ(jpgWriteEpilogToMemory(p, &out, &size), JPG_STATUS_WRONG_MODE) << name;
+            EXPECT_EQ(jpgWriteEpilogToFile(p), JPG_STATUS_WRONG_MODE) << name;
+            EXPECT_EQ(epilog == 0 ? jpgReadEpilog(p) : jpgEpilog(p), JPG_STATUS_OK) << name;
+        }
+    for (const auto &[name, stage] : writes)
+        for (int epilog = 0; epilog < 3; epilog++)
+            for (uint32_t options : {0u, JPG_WRITE_PARTIAL}) {
+                JpgParam *p = nullptr;
+                ASSERT_EQ(jpgWritePrologToMemory(options, &p), JPG_STATUS_OK);
+                stage(p);
+                EXPECT_EQ(jpgReadEpilog(p), JPG_STATUS_WRONG_MODE) << name;
+                uint8_t *out = nullptr;
+                uint32_t size = 0;
+                JpgStatus s = epilog == 0 ? jpgWriteEpilogToMemory(p, &out, &size)
+                              : epilog == 1 ? jpgWriteEpilogToFile(p)
+                                            : jpgEpilog(p);
+                EXPECT_TRUE(s == JPG_STATUS_OK || (epilog < 2 && s == JPG_STATUS_ERROR)) << name << " " << epilog;
+                if (out != nullptr)
+                    jpgWriteFreeBitstream(out);
+            }
+}
+
+// ---------------------------------------------------------------- programs
+
+// The api fuzz target's seeds and its regression inputs keep the contract
+// (the fuzz target aborts where this test fails).
+TEST(ApiPrograms, SeedsAndFindingsKeepTheContract) {
+    Bytes sequential = kivtest::readFile(kivtest::corpus("samples/testorig.jpg"));
+    Bytes progressive = kivtest::readFile(kivtest::corpus("samples/testprog.jpg"));
+    kivtest::ApiOptions options;
+    options.tempDir = std::filesystem::path(kivtest::tempPath("api")).parent_path().string();
+    std::vector<std::pair<std::string, Bytes>> programs;
+    for (const auto &seed : kivtest::ApiSeedPrograms(sequential, progressive))
+        programs.push_back({seed.name, seed.input.bytes()});
+    std::error_code ec;
+    for (const auto &e : std::filesystem::directory_iterator(
+             std::string(KIV_SOURCE_DIR) + "/tests/regressions/api", ec))
+        programs.push_back({e.path().filename().string(), kivtest::readFile(e.path().string())});
+    for (const auto &[name, bytes] : programs) {
+        kivtest::ApiOutcome out = kivtest::RunApiProgram(bytes.data(), bytes.size(), options);
+        EXPECT_EQ(out.violation, "") << name;
+        EXPECT_GT(out.calls, 0) << name;
+    }
+}
+
+}  // namespace
