@@ -13,6 +13,7 @@
 
 #include <string.h>
 
+#include "core/api_checks.h"
 #include "core/tables.h"
 #include "modes/progressive.h"
 #include "modes/store_scans.h"
@@ -191,6 +192,8 @@ constexpr uint8_t kCorner4[16] = {0, 1, 2, 3, 8, 9, 10, 11, 16, 17, 18, 19, 24, 
 // what a sequential scaled decode keeps of every block.
 template <int kLevel>
 JpgStatus reconstructMcu(JpgParam *param) {
+    if (!mayRead(param)) [[unlikely]]  // the routine getters hand these out to anyone
+        return refuseRead(param);
     const int16_t *source = param->dec.coefCursor;
     const size_t perMcu = coefficientsPerMcu(param);
     if (source == nullptr || param->dec.coefBase == nullptr || param->dec.rowsCleared == nullptr ||
