@@ -5,7 +5,6 @@
 // The DC predictors, the MCU counter and the RST number persist across calls.
 #include "core/tables.h"
 #include "write/bit_sink.h"
-#include "write/forward_dct.h"
 #include "write/quantizer.h"
 
 namespace {
@@ -45,41 +44,61 @@ JpgStatus emitAc(BitSink &sink, const JpgAcSymbol *table, const int16_t *natural
     return sink.put<Checked>(table[0x00].code, table[0x00].length);
 }
 
-// Transforms, quantizes and codes one block; the predictor takes the new
+// Codes one transformed and quantized block; the predictor takes the new
 // DC value even when the output fails.
 template <bool Checked>
-JpgStatus encodeBlock(BitSink &sink, JpgComponent *comp, const kiv::QuantSteps &steps, int16_t *block) {
-    alignas(16) int16_t quantized[64];
-    kiv::forwardDct(block);
-    int32_t dc = kiv::quantizeBlock(block, steps, quantized);
-    const JpgDcDiff &entry = comp->dcDiff[clampTo(dc - comp->dcPred, kMaxMagnitude)];
-    comp->dcPred = dc;
+JpgStatus codeBlock(BitSink &sink, JpgComponent *comp, const kiv::QuantizedBlock &q) {
+    const JpgDcDiff &entry = comp->dcDiff[clampTo(q.dc - comp->dcPred, kMaxMagnitude)];
+    comp->dcPred = q.dc;
     JpgStatus status = sink.put<Checked>(entry.bits, static_cast<int32_t>(entry.length));
     if (status != JPG_STATUS_OK)
         return status;
-    return emitAc<Checked>(sink, comp->acSymbols, quantized, kiv::acNonZeroMask(quantized));
+    return emitAc<Checked>(sink, comp->acSymbols, q.natural, q.acMask);
 }
 
+// Blocks are transformed and quantized in batches (the processor-specific
+// kernels take two at once), then coded in order.
+constexpr uint32_t kBatch = 8;
+
+template <kiv::BlockKernel Kernel>
 JpgStatus encodeBlocks(JpgParam *param, const kiv::QuantSteps *steps) {
     int16_t *block = param->enc.mcuBlocks;
     BitSink sink(&param->bs);
+    kiv::QuantizedBlock quantized[kBatch];
+    const kiv::QuantSteps *batchSteps[kBatch];
+    JpgComponent *owner[kBatch];
+    uint32_t pending = 0;
     JpgStatus status = JPG_STATUS_OK;
+    auto flush = [&]() {
+        Kernel(block, batchSteps, pending, quantized);
+        for (uint32_t b = 0; b < pending && status == JPG_STATUS_OK; b++)
+            status = sink.roomForBlock() ? codeBlock<false>(sink, owner[b], quantized[b])
+                                         : codeBlock<true>(sink, owner[b], quantized[b]);
+        block += 64 * pending;
+        pending = 0;
+    };
     for (uint32_t c = 0; c < param->numComponents && c < 4 && status == JPG_STATUS_OK; c++) {
         JpgComponent *comp = &param->components[c];
-        for (uint32_t b = 0; b < comp->blocks && status == JPG_STATUS_OK; b++, block += 64)
-            status = sink.roomForBlock() ? encodeBlock<false>(sink, comp, steps[c], block)
-                                         : encodeBlock<true>(sink, comp, steps[c], block);
+        for (uint32_t b = 0; b < comp->blocks && status == JPG_STATUS_OK; b++) {
+            batchSteps[pending] = &steps[c];
+            owner[pending++] = comp;
+            if (pending == kBatch)
+                flush();
+        }
     }
+    if (pending != 0 && status == JPG_STATUS_OK)
+        flush();
     sink.finish();
     return status;
 }
 
-JpgStatus jpgWriteEncodeBaselineMcu(JpgParam *param) {
+template <kiv::BlockKernel Kernel>
+JpgStatus encodeMcu(JpgParam *param) {
     if (param->enc.mcuBlocks == nullptr)
         return JPG_STATUS_INVALID_PARAMETER;
     JpgStatus status;
     if (param->enc.quantSteps != nullptr) {
-        status = encodeBlocks(param, param->enc.quantSteps);
+        status = encodeBlocks<Kernel>(param, param->enc.quantSteps);
     } else {
         // Called outside the encode driver: the divisors are prepared here.
         kiv::QuantSteps steps[4];
@@ -88,7 +107,7 @@ JpgStatus jpgWriteEncodeBaselineMcu(JpgParam *param) {
                 return JPG_STATUS_INVALID_PARAMETER;
             kiv::makeQuantSteps(param->components[c].quant, &steps[c]);
         }
-        status = encodeBlocks(param, steps);
+        status = encodeBlocks<Kernel>(param, steps);
     }
     if (status != JPG_STATUS_OK)
         return status;
@@ -96,6 +115,9 @@ JpgStatus jpgWriteEncodeBaselineMcu(JpgParam *param) {
         return jpgWriteEpilogEntropyCodedSegment(param);
     return JPG_STATUS_OK;
 }
+
+// The portable MCU encoder, the reference for the processor-specific ones.
+JpgStatus jpgWriteEncodeBaselineMcu(JpgParam *param) { return encodeMcu<kiv::transformQuantizePortable>(param); }
 
 }  // namespace
 
@@ -135,3 +157,19 @@ JpgStatus jpgWriteEpilogEntropyCodedSegment(JpgParam *param) {
 }
 
 }  // extern "C"
+
+namespace kiv {
+
+JpgMcuFunc writeMcuFor(uint32_t id, SimdLevel level) {
+    if (id != 0x301)
+        return nullptr;
+#if KIV_SIMD_X86
+    if (level == SimdLevel::Avx2)
+        return encodeMcu<transformQuantizeAvx2>;
+    if (level == SimdLevel::Sse2)
+        return encodeMcu<transformQuantizeSse2>;
+#endif
+    return jpgWriteEncodeBaselineMcu;
+}
+
+}  // namespace kiv
