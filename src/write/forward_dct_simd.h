@@ -20,91 +20,98 @@
 #include "write/forward_dct.h"
 #include "write/quantizer.h"
 
+// Everything here is inlined into the two entry points of each file, so
+// that the eight rows of a block stay in registers.
+#define KIV_SIMD_INLINE __attribute__((always_inline)) inline
+
 namespace kiv {
 namespace {
 
 struct Sse2 {
     using V = __m128i;
     static constexpr uint32_t kBlocks = 1;
-    static V load(const int16_t *const *blocks, int at) {
+    KIV_SIMD_INLINE static V load(const int16_t *const *blocks, int at) {
         return _mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks[0] + at));
     }
-    static void store(int16_t *const *blocks, int at, V v) {
+    KIV_SIMD_INLINE static void store(int16_t *const *blocks, int at, V v) {
         _mm_storeu_si128(reinterpret_cast<__m128i *>(blocks[0] + at), v);
     }
-    static V set32(int32_t v) { return _mm_set1_epi32(v); }
-    static V add16(V a, V b) { return _mm_add_epi16(a, b); }
-    static V sub16(V a, V b) { return _mm_sub_epi16(a, b); }
-    static V add32(V a, V b) { return _mm_add_epi32(a, b); }
-    static V madd(V a, V b) { return _mm_madd_epi16(a, b); }
-    template <int N> static V shl16(V a) { return _mm_slli_epi16(a, N); }
-    template <int N> static V shr16(V a) { return _mm_srli_epi16(a, N); }
-    template <int N> static V sar16(V a) { return _mm_srai_epi16(a, N); }
-    template <int N> static V sar32(V a) { return _mm_srai_epi32(a, N); }
-    static V pack32(V a, V b) { return _mm_packs_epi32(a, b); }
-    static V lo16(V a, V b) { return _mm_unpacklo_epi16(a, b); }
-    static V hi16(V a, V b) { return _mm_unpackhi_epi16(a, b); }
-    static V lo32(V a, V b) { return _mm_unpacklo_epi32(a, b); }
-    static V hi32(V a, V b) { return _mm_unpackhi_epi32(a, b); }
-    static V lo64(V a, V b) { return _mm_unpacklo_epi64(a, b); }
-    static V hi64(V a, V b) { return _mm_unpackhi_epi64(a, b); }
-    static V bitXor(V a, V b) { return _mm_xor_si128(a, b); }
-    static V mulhiU16(V a, V b) { return _mm_mulhi_epu16(a, b); }
-    static V min16(V a, V b) { return _mm_min_epi16(a, b); }
-    static V max16(V a, V b) { return _mm_max_epi16(a, b); }
-    static V set16(int16_t v) { return _mm_set1_epi16(v); }
-    // Bit j of the result for block `lane`: coefficient j of rows r, r + 1
-    // (j < 16) is zero.
-    static uint32_t zeroPairMask(V a, V b, uint32_t) {
+    KIV_SIMD_INLINE static V set32(int32_t v) { return _mm_set1_epi32(v); }
+    KIV_SIMD_INLINE static V add16(V a, V b) { return _mm_add_epi16(a, b); }
+    KIV_SIMD_INLINE static V sub16(V a, V b) { return _mm_sub_epi16(a, b); }
+    KIV_SIMD_INLINE static V add32(V a, V b) { return _mm_add_epi32(a, b); }
+    KIV_SIMD_INLINE static V madd(V a, V b) { return _mm_madd_epi16(a, b); }
+    template <int N> KIV_SIMD_INLINE static V shl16(V a) { return _mm_slli_epi16(a, N); }
+    template <int N> KIV_SIMD_INLINE static V shr16(V a) { return _mm_srli_epi16(a, N); }
+    template <int N> KIV_SIMD_INLINE static V sar16(V a) { return _mm_srai_epi16(a, N); }
+    template <int N> KIV_SIMD_INLINE static V sar32(V a) { return _mm_srai_epi32(a, N); }
+    KIV_SIMD_INLINE static V pack32(V a, V b) { return _mm_packs_epi32(a, b); }
+    KIV_SIMD_INLINE static V lo16(V a, V b) { return _mm_unpacklo_epi16(a, b); }
+    KIV_SIMD_INLINE static V hi16(V a, V b) { return _mm_unpackhi_epi16(a, b); }
+    KIV_SIMD_INLINE static V lo32(V a, V b) { return _mm_unpacklo_epi32(a, b); }
+    KIV_SIMD_INLINE static V hi32(V a, V b) { return _mm_unpackhi_epi32(a, b); }
+    KIV_SIMD_INLINE static V lo64(V a, V b) { return _mm_unpacklo_epi64(a, b); }
+    KIV_SIMD_INLINE static V hi64(V a, V b) { return _mm_unpackhi_epi64(a, b); }
+    KIV_SIMD_INLINE static V bitXor(V a, V b) { return _mm_xor_si128(a, b); }
+    KIV_SIMD_INLINE static V mulhiU16(V a, V b) { return _mm_mulhi_epu16(a, b); }
+    KIV_SIMD_INLINE static V min16(V a, V b) { return _mm_min_epi16(a, b); }
+    KIV_SIMD_INLINE static V max16(V a, V b) { return _mm_max_epi16(a, b); }
+    KIV_SIMD_INLINE static V set16(int16_t v) { return _mm_set1_epi16(v); }
+    // Bit j set where value j of rows a, b (j < 16, a's first) is zero.
+    KIV_SIMD_INLINE static uint32_t zeroPairMask(V a, V b) {
         const V zero = _mm_setzero_si128();
         return static_cast<uint32_t>(
             _mm_movemask_epi8(_mm_packs_epi16(_mm_cmpeq_epi16(a, zero), _mm_cmpeq_epi16(b, zero))));
     }
-    static int32_t first(V v, uint32_t) { return static_cast<int16_t>(_mm_cvtsi128_si32(v)); }
+    KIV_SIMD_INLINE static uint32_t laneBits(uint32_t mask, uint32_t) { return mask; }
+    KIV_SIMD_INLINE static int32_t first(V v, uint32_t) { return static_cast<int16_t>(_mm_cvtsi128_si32(v)); }
 };
 
 #ifdef __AVX2__
 struct Avx2 {
     using V = __m256i;
     static constexpr uint32_t kBlocks = 2;
-    static V load(const int16_t *const *blocks, int at) {
+    KIV_SIMD_INLINE static V load(const int16_t *const *blocks, int at) {
         __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks[0] + at));
         __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks[1] + at));
         return _mm256_inserti128_si256(_mm256_castsi128_si256(a), b, 1);
     }
-    static void store(int16_t *const *blocks, int at, V v) {
+    KIV_SIMD_INLINE static void store(int16_t *const *blocks, int at, V v) {
         _mm_storeu_si128(reinterpret_cast<__m128i *>(blocks[0] + at), _mm256_castsi256_si128(v));
         _mm_storeu_si128(reinterpret_cast<__m128i *>(blocks[1] + at), _mm256_extracti128_si256(v, 1));
     }
-    static V set32(int32_t v) { return _mm256_set1_epi32(v); }
-    static V add16(V a, V b) { return _mm256_add_epi16(a, b); }
-    static V sub16(V a, V b) { return _mm256_sub_epi16(a, b); }
-    static V add32(V a, V b) { return _mm256_add_epi32(a, b); }
-    static V madd(V a, V b) { return _mm256_madd_epi16(a, b); }
-    template <int N> static V shl16(V a) { return _mm256_slli_epi16(a, N); }
-    template <int N> static V shr16(V a) { return _mm256_srli_epi16(a, N); }
-    template <int N> static V sar16(V a) { return _mm256_srai_epi16(a, N); }
-    template <int N> static V sar32(V a) { return _mm256_srai_epi32(a, N); }
-    static V pack32(V a, V b) { return _mm256_packs_epi32(a, b); }
-    static V lo16(V a, V b) { return _mm256_unpacklo_epi16(a, b); }
-    static V hi16(V a, V b) { return _mm256_unpackhi_epi16(a, b); }
-    static V lo32(V a, V b) { return _mm256_unpacklo_epi32(a, b); }
-    static V hi32(V a, V b) { return _mm256_unpackhi_epi32(a, b); }
-    static V lo64(V a, V b) { return _mm256_unpacklo_epi64(a, b); }
-    static V hi64(V a, V b) { return _mm256_unpackhi_epi64(a, b); }
-    static V bitXor(V a, V b) { return _mm256_xor_si256(a, b); }
-    static V mulhiU16(V a, V b) { return _mm256_mulhi_epu16(a, b); }
-    static V min16(V a, V b) { return _mm256_min_epi16(a, b); }
-    static V max16(V a, V b) { return _mm256_max_epi16(a, b); }
-    static V set16(int16_t v) { return _mm256_set1_epi16(v); }
-    static uint32_t zeroPairMask(V a, V b, uint32_t lane) {
+    KIV_SIMD_INLINE static V set32(int32_t v) { return _mm256_set1_epi32(v); }
+    KIV_SIMD_INLINE static V add16(V a, V b) { return _mm256_add_epi16(a, b); }
+    KIV_SIMD_INLINE static V sub16(V a, V b) { return _mm256_sub_epi16(a, b); }
+    KIV_SIMD_INLINE static V add32(V a, V b) { return _mm256_add_epi32(a, b); }
+    KIV_SIMD_INLINE static V madd(V a, V b) { return _mm256_madd_epi16(a, b); }
+    template <int N> KIV_SIMD_INLINE static V shl16(V a) { return _mm256_slli_epi16(a, N); }
+    template <int N> KIV_SIMD_INLINE static V shr16(V a) { return _mm256_srli_epi16(a, N); }
+    template <int N> KIV_SIMD_INLINE static V sar16(V a) { return _mm256_srai_epi16(a, N); }
+    template <int N> KIV_SIMD_INLINE static V sar32(V a) { return _mm256_srai_epi32(a, N); }
+    KIV_SIMD_INLINE static V pack32(V a, V b) { return _mm256_packs_epi32(a, b); }
+    KIV_SIMD_INLINE static V lo16(V a, V b) { return _mm256_unpacklo_epi16(a, b); }
+    KIV_SIMD_INLINE static V hi16(V a, V b) { return _mm256_unpackhi_epi16(a, b); }
+    KIV_SIMD_INLINE static V lo32(V a, V b) { return _mm256_unpacklo_epi32(a, b); }
+    KIV_SIMD_INLINE static V hi32(V a, V b) { return _mm256_unpackhi_epi32(a, b); }
+    KIV_SIMD_INLINE static V lo64(V a, V b) { return _mm256_unpacklo_epi64(a, b); }
+    KIV_SIMD_INLINE static V hi64(V a, V b) { return _mm256_unpackhi_epi64(a, b); }
+    KIV_SIMD_INLINE static V bitXor(V a, V b) { return _mm256_xor_si256(a, b); }
+    KIV_SIMD_INLINE static V mulhiU16(V a, V b) { return _mm256_mulhi_epu16(a, b); }
+    KIV_SIMD_INLINE static V min16(V a, V b) { return _mm256_min_epi16(a, b); }
+    KIV_SIMD_INLINE static V max16(V a, V b) { return _mm256_max_epi16(a, b); }
+    KIV_SIMD_INLINE static V set16(int16_t v) { return _mm256_set1_epi16(v); }
+    // Both blocks at once: packs works per lane, so lane k of the result
+    // holds block k's bits.
+    KIV_SIMD_INLINE static uint32_t zeroPairMask(V a, V b) {
         const V zero = _mm256_setzero_si256();
-        // packs works per lane: lane k of the result holds block k's rows.
-        uint32_t both = static_cast<uint32_t>(
+        return static_cast<uint32_t>(
             _mm256_movemask_epi8(_mm256_packs_epi16(_mm256_cmpeq_epi16(a, zero), _mm256_cmpeq_epi16(b, zero))));
-        return lane == 0 ? both & 0xFFFF : both >> 16;
     }
-    static int32_t first(V v, uint32_t lane) {
+    KIV_SIMD_INLINE static uint32_t laneBits(uint32_t mask, uint32_t lane) {
+        return lane == 0 ? mask & 0xFFFF : mask >> 16;
+    }
+    KIV_SIMD_INLINE static int32_t first(V v, uint32_t lane) {
         __m128i half = lane == 0 ? _mm256_castsi256_si128(v) : _mm256_extracti128_si256(v, 1);
         return static_cast<int16_t>(_mm_cvtsi128_si32(half));
     }
@@ -115,19 +122,19 @@ struct Avx2 {
 template <class S>
 struct Wide {
     typename S::V lo, hi;
-    Wide operator+(Wide b) const { return {S::add32(lo, b.lo), S::add32(hi, b.hi)}; }
+    KIV_SIMD_INLINE Wide operator+(Wide b) const { return {S::add32(lo, b.lo), S::add32(hi, b.hi)}; }
 };
 
 // ca * a + cb * b in 32 bits per value, from a and b interleaved.
 template <class S, int16_t Ca, int16_t Cb>
-Wide<S> madd(typename S::V a, typename S::V b) {
+KIV_SIMD_INLINE Wide<S> madd(typename S::V a, typename S::V b) {
     const typename S::V c = S::set32(static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint16_t>(Cb)) << 16 |
                                                           static_cast<uint16_t>(Ca)));
     return {S::madd(S::lo16(a, b), c), S::madd(S::hi16(a, b), c)};
 }
 
 template <class S, int Bias, int Shift>
-typename S::V roundNarrow(Wide<S> v) {
+KIV_SIMD_INLINE typename S::V roundNarrow(Wide<S> v) {
     const typename S::V bias = S::set32(Bias);
     return S::pack32(S::template sar32<Shift>(S::add32(v.lo, bias)),
                      S::template sar32<Shift>(S::add32(v.hi, bias)));
@@ -136,7 +143,7 @@ typename S::V roundNarrow(Wide<S> v) {
 // 8x8 transpose of 16-bit values (per block): x[i] holds row i on entry and
 // column i on return.
 template <class S>
-void transpose(typename S::V *x) {
+KIV_SIMD_INLINE void transpose(typename S::V *x) {
     typename S::V a[8], b[8];
     for (int j = 0; j < 4; j++) {
         a[2 * j] = S::lo16(x[2 * j], x[2 * j + 1]);
@@ -158,7 +165,7 @@ void transpose(typename S::V *x) {
 // including a + b, d + e and u, w, g, h, fits 16 bits, so each output is one
 // product pair; the pass keeps three extra bits.
 template <class S>
-void columnPass(typename S::V *x) {
+KIV_SIMD_INLINE void columnPass(typename S::V *x) {
     using V = typename S::V;
     V s07 = S::add16(x[0], x[7]), s16 = S::add16(x[1], x[6]);
     V s25 = S::add16(x[2], x[5]), s34 = S::add16(x[3], x[4]);
@@ -184,7 +191,7 @@ void columnPass(typename S::V *x) {
 // Row pass: sums of four inputs may exceed 16 bits, so every product is
 // regrouped into pairs of 16-bit terms; the pass removes the extra bits.
 template <class S>
-void rowPass(typename S::V *x) {
+KIV_SIMD_INLINE void rowPass(typename S::V *x) {
     using V = typename S::V;
     V s07 = S::add16(x[0], x[7]), s16 = S::add16(x[1], x[6]);
     V s25 = S::add16(x[2], x[5]), s34 = S::add16(x[3], x[4]);
@@ -209,7 +216,7 @@ void rowPass(typename S::V *x) {
 
 // The transform of S::kBlocks blocks; x[i] receives row i of the output.
 template <class S>
-void transform(const int16_t *const *blocks, typename S::V *x) {
+KIV_SIMD_INLINE void transform(const int16_t *const *blocks, typename S::V *x) {
     for (int i = 0; i < 8; i++)
         x[i] = S::load(blocks, 8 * i);
     columnPass<S>(x);  // vector i is row i: lanes are columns
@@ -220,7 +227,7 @@ void transform(const int16_t *const *blocks, typename S::V *x) {
 
 // The step values of row i of each block's table, side by side like the rows.
 template <class S>
-typename S::V stepRow(const uint16_t *const *rows, int i) {
+KIV_SIMD_INLINE typename S::V stepRow(const uint16_t *const *rows, int i) {
     return S::load(reinterpret_cast<const int16_t *const *>(rows), 8 * i);
 }
 
@@ -231,7 +238,7 @@ constexpr int16_t kMaxAc = 1023;
 // put back (the quotient of a 16-bit dividend by a divisor >= 3 fits 16
 // bits signed).
 template <class S>
-typename S::V quantize(typename S::V c, typename S::V mult, typename S::V post, typename S::V half) {
+KIV_SIMD_INLINE typename S::V quantize(typename S::V c, typename S::V mult, typename S::V post, typename S::V half) {
     using V = typename S::V;
     V sign = S::template sar16<15>(c);
     V n = S::sub16(S::bitXor(c, sign), sign);  // |c| as unsigned, 32768 included
@@ -242,19 +249,18 @@ typename S::V quantize(typename S::V c, typename S::V mult, typename S::V post, 
     return S::sub16(S::bitXor(q, sign), sign);
 }
 
-// Zig-zag positions of the non-zero AC values, from the natural-order
-// mask of non-zero values (its bits, few at usual qualities, move one by one).
-inline uint64_t zigzagMask(uint64_t found) {
-    found &= ~uint64_t{1};
+// Zig-zag positions of the non-zero AC values, from the natural-order mask
+// of non-zero values: one table look-up per byte (row).
+KIV_SIMD_INLINE uint64_t zigzagMask(uint64_t found) {
     uint64_t mask = 0;
-    for (; found != 0; found &= found - 1)
-        mask |= uint64_t{1} << kNaturalToZigzag.v[__builtin_ctzll(found)];
-    return mask;
+    for (int row = 0; row < 8; row++)
+        mask |= kZigzagRowBits.bits[row][(found >> (8 * row)) & 0xFF];
+    return mask & ~uint64_t{1};
 }
 
 // Transforms and quantizes S::kBlocks blocks whose steps are all exact.
 template <class S>
-void transformQuantize(const int16_t *const *blocks, const QuantSteps *const *steps, QuantizedBlock *const *out) {
+KIV_SIMD_INLINE void transformQuantize(const int16_t *const *blocks, const QuantSteps *const *steps, QuantizedBlock *const *out) {
     using V = typename S::V;
     V x[8];
     transform<S>(blocks, x);
@@ -272,10 +278,13 @@ void transformQuantize(const int16_t *const *blocks, const QuantSteps *const *st
         q[i] = quantize<S>(x[i], stepRow<S>(mult, i), stepRow<S>(post, i), stepRow<S>(half, i));
         S::store(natural, 8 * i, S::max16(S::min16(q[i], limit), negLimit));
     }
+    uint32_t pairs[4];
+    for (int i = 0; i < 8; i += 2)
+        pairs[i / 2] = S::zeroPairMask(q[i], q[i + 1]);
     for (uint32_t b = 0; b < S::kBlocks; b++) {
         uint64_t zeros = 0;
-        for (int i = 0; i < 8; i += 2)
-            zeros |= static_cast<uint64_t>(S::zeroPairMask(q[i], q[i + 1], b)) << (8 * i);
+        for (int i = 0; i < 4; i++)
+            zeros |= static_cast<uint64_t>(S::laneBits(pairs[i], b)) << (16 * i);
         out[b]->dc = S::first(q[0], b);
         out[b]->acMask = zigzagMask(~zeros);
     }

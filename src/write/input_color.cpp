@@ -389,13 +389,20 @@ JpgWriteColorConvertFunc jpgGetWriteColorConvertGenericFunc(uint32_t id) {
 namespace kiv {
 
 bool fullMcuGrid(const JpgWriteConvertContext *ctx, int32_t x, int32_t y, uint32_t channels, McuGrid *out) {
-    if (!validContext(ctx) || ctx->bytesPerPixel != channels || x < 0 || y < 0 ||
+    // The checks of validContext, in one pass that keeps the steps.
+    if (ctx == nullptr || ctx->bytesPerPixel != channels || channels < 1 || channels > 4 || x < 0 || y < 0 ||
+        ctx->mcuWidth == 0 || ctx->mcuHeight == 0 || ctx->mcuWidth % 8 != 0 || ctx->mcuHeight % 8 != 0 ||
         static_cast<int64_t>(x) + ctx->mcuWidth > ctx->width || static_cast<int64_t>(y) + ctx->mcuHeight > ctx->rows)
         return false;
+    const uint32_t wide = ctx->mcuWidth / 8, high = ctx->mcuHeight / 8;
     for (uint32_t c = 0; c < channels; c++) {
-        ComponentGrid g = grid(ctx, c);
-        out->sx[c] = g.sx;
-        out->sy[c] = g.sy;
+        int32_t h = ctx->factors[c][0], v = ctx->factors[c][1];
+        if (h < 1 || v < 1)
+            return false;
+        out->sx[c] = quotient(wide, h);
+        out->sy[c] = quotient(high, v);
+        if (static_cast<uint32_t>(out->sx[c] * h) != wide || static_cast<uint32_t>(out->sy[c] * v) != high)
+            return false;
     }
     return true;
 }

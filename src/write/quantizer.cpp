@@ -28,9 +28,22 @@ int32_t quantizeByDivision(const int16_t *block, const kiv::QuantSteps &steps, i
     return dc;
 }
 
+constexpr kiv::ZigzagRowBits makeZigzagRowBits() {
+    kiv::ZigzagRowBits t{};
+    for (int row = 0; row < 8; row++)
+        for (int m = 0; m < 256; m++)
+            for (int j = 0; j < 8; j++)
+                if (m >> j & 1)
+                    t.bits[row][m] |= uint64_t{1} << kiv::kNaturalToZigzag[8 * row + j];
+    return t;
+}
+
 }  // namespace
 
 namespace kiv {
+
+constexpr ZigzagRowBits kZigzagRowBits = makeZigzagRowBits();
+static_assert(kZigzagRowBits.bits[0][2] == 2 && kZigzagRowBits.bits[1][1] == 4 && kZigzagRowBits.bits[7][128] == uint64_t{1} << 63);
 
 void makeQuantSteps(const uint32_t *zigzagDivisors, QuantSteps *steps) {
     steps->exact = true;

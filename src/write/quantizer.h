@@ -68,6 +68,13 @@ int32_t quantizeBlock(const int16_t *block, const QuantSteps &steps, int16_t *ou
 // position k in 1..63 whose value is non-zero.
 uint64_t acNonZeroMask(const int16_t *natural);
 
+// The natural-to-zig-zag permutation of a 64-bit mask, one row (byte) at a
+// time: bits[r][m] has bit kNaturalToZigzag[8 r + j] set for every bit j of m.
+struct ZigzagRowBits {
+    uint64_t bits[8][256];
+};
+extern const ZigzagRowBits kZigzagRowBits;
+
 // One block after the forward DCT and quantization, as the entropy coder
 // takes it: the values of quantizeBlock, its DC value and the mask of
 // acNonZeroMask.
