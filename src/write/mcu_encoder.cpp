@@ -14,7 +14,14 @@ using kiv::kMaxMagnitude;
 
 int32_t clampTo(int32_t v, int32_t limit) { return v < -limit ? -limit : v > limit ? limit : v; }
 
-int lowestBit(uint64_t mask) { return __builtin_ctzll(mask); }
+// Lowest set bit of a non-zero mask; on 32-bit x86 from its halves (a
+// 64-bit count there is a library call).
+int lowestBit(uint64_t mask) {
+    if constexpr (sizeof(void *) == 8)
+        return __builtin_ctzll(mask);
+    uint32_t low = static_cast<uint32_t>(mask);
+    return low != 0 ? __builtin_ctz(low) : 32 + __builtin_ctz(static_cast<uint32_t>(mask >> 32));
+}
 
 // Codes the AC values of a quantized block (natural order) whose zig-zag
 // positions are the bits of `mask`: ZRL for every 16 zeros before a value,
