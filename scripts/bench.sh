@@ -17,16 +17,18 @@ need=()
 [ -f /usr/include/turbojpeg.h ] || need+=(libturbojpeg0-dev)
 if [[ " $targets " == *" x86 "* ]]; then
   [ -e /usr/lib/i386-linux-gnu/libturbojpeg.so.0 ] || need+=(libturbojpeg0:i386)
-  [ -d /usr/lib/gcc/x86_64-linux-gnu/12/32 ] || need+=(g++-multilib)
+  echo 'int main(){}' | g++ -m32 -x c++ - -o /dev/null 2>/dev/null || need+=(g++-multilib)
   dpkg --print-foreign-architectures | grep -qx i386 || dpkg --add-architecture i386
 fi
 [ -f /usr/include/stb/stb_image.h ] || need+=(libstb-dev)
 command -v cjpeg >/dev/null || need+=(libjpeg-turbo-progs)
 [ -d /usr/share/backgrounds/mate ] || need+=(mate-backgrounds)
-[ -d /usr/share/backgrounds/ukui ] || need+=(ukui-wallpapers)
+[ -f /usr/share/backgrounds/string.jpg ] || need+=(ukui-wallpapers)
 if [ ${#need[@]} -gt 0 ]; then
   export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq && apt-get install -y -qq "${need[@]}" >/dev/null
+  # A list that fails to refresh (a mirror in sync) leaves the old one.
+  apt-get update -qq || true
+  apt-get install -y -qq "${need[@]}" >/dev/null
 fi
 
 declare -A dir=([x64]=build/bench [x86]=build/bench86)
