@@ -10,6 +10,8 @@
 
 #include "core/codec.h"
 #include "core/simd.h"
+#include "read/output_color.h"
+#include "read/upsampling_sse2.h"
 #include "write/encoder.h"
 
 namespace kiv {
@@ -143,12 +145,14 @@ JpgStatus jpgSetDCTMethodFlag(JpgParam *param, uint32_t method) {
 
 // The single place where processor-specific lookups are inserted: each
 // getter falls back from the flag's widest level to the portable routine.
-JpgReadColorConvertFunc jpgGetReadColorConvertFunc(uint32_t id, uint32_t) {
-    return jpgGetReadColorConvertGenericFunc(id);
+JpgReadColorConvertFunc jpgGetReadColorConvertFunc(uint32_t id, uint32_t flag) {
+    JpgReadColorConvertFunc routine = kiv::readColorConvertFor(id, kiv::simdLevelOf(flag));
+    return routine != nullptr ? routine : jpgGetReadColorConvertGenericFunc(id);
 }
 JpgMcuFunc jpgGetReadMCUFunc(uint32_t id, uint32_t) { return jpgGetReadMCUGenericFunc(id); }
-JpgUpSamplingFunc jpgGetUpSamplingFunc(uint32_t id, uint32_t) {
-    return jpgGetUpSamplingGenericFunc(id);
+JpgUpSamplingFunc jpgGetUpSamplingFunc(uint32_t id, uint32_t flag) {
+    JpgUpSamplingFunc routine = kiv::upSamplingFor(id, kiv::simdLevelOf(flag));
+    return routine != nullptr ? routine : jpgGetUpSamplingGenericFunc(id);
 }
 JpgWriteColorConvertFunc jpgGetWriteColorConvertFunc(uint32_t id, uint32_t flag) {
     JpgWriteColorConvertFunc routine = kiv::writeColorConvertFor(id, kiv::simdLevelOf(flag));

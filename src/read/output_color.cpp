@@ -8,6 +8,7 @@
 #include "core/tables.h"
 #include "read/output_color.h"
 #include "read/output_color_sse2.h"
+#include "read/upsampling_sse2.h"
 
 namespace kiv {
 namespace {
@@ -123,13 +124,15 @@ template <int kChannels, Layout kLayout>
     }
 }
 
-template <int kChannels, Layout kLayout, bool kPaired>
+// kSimd: whole blocks go through the SSE2 writers (the SSE2 and AVX2 levels).
+template <int kChannels, Layout kLayout, bool kPaired, bool kSimd>
 inline void storeBlock(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int step,
                        int rows, int cols) {
 #if KIV_HAVE_SSE2_COLOR
-    if (cols == 8 && step == kChannels &&
-        storeWholeBlockSse2<kChannels, kLayout, kPaired>(src, dst, stride, rows))
-        return;
+    if constexpr (kSimd)
+        if (cols == 8 && step == kChannels &&
+            storeWholeBlockSse2<kChannels, kLayout, kPaired>(src, dst, stride, rows))
+            return;
 #endif
     storePixels<kChannels, kLayout>(src, dst, stride, step, rows, cols);
 }
@@ -137,7 +140,8 @@ inline void storeBlock(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride
 // Walks the MCU's block rows and columns (blocks of 8 samples a side, or
 // 1 << scale level for scaled output), clipping against the rectangle's
 // height and the given width. kPaired: chroma rows come in equal pairs.
-template <int kChannels, Layout kLayout, bool kScaled, bool kPaired = false>
+// kSimd: the SSE2 writers serve whole blocks.
+template <int kChannels, Layout kLayout, bool kScaled, bool kPaired = false, bool kSimd = false>
 void convertMcu(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
     int32_t level = param->scaleLevel < 0 ? 0 : param->scaleLevel > 3 ? 3 : param->scaleLevel;
     const int n = kScaled ? 1 << level : 8;
@@ -149,7 +153,7 @@ void convertMcu(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
     uint8_t *rowBase = rect->pixels + static_cast<ptrdiff_t>(x) * step;
 #if KIV_HAVE_SSE2_COLOR
     // A whole MCU inside the rectangle: every block through the SSE2 writer.
-    constexpr bool kWriter = kLayout != Layout::Copy || kChannels != 2;
+    constexpr bool kWriter = kSimd && (kLayout != Layout::Copy || kChannels != 2);
     if (kWriter && !kScaled && step == kChannels && width >= 8 * static_cast<int64_t>(hmax) &&
         rect->height >= 8 * static_cast<int64_t>(vmax)) {
         const uint32_t *map = blockMap;
@@ -175,7 +179,8 @@ void convertMcu(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
             const int16_t *src[kChannels];
             for (int c = 0; c < kChannels; c++)
                 src[c] = pointers[map[c]];
-            storeBlock<kChannels, kLayout, kPaired>(src, dst, stride, step, rows, colsLeft < n ? colsLeft : n);
+            storeBlock<kChannels, kLayout, kPaired, kSimd>(src, dst, stride, step, rows,
+                                                           colsLeft < n ? colsLeft : n);
             dst += n * step;
             colsLeft -= n;
         }
@@ -184,27 +189,43 @@ void convertMcu(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
     }
 }
 
-// YCbCr whose chroma was doubled vertically by the upsampler.
-void convertPairedChroma(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
-    convertMcu<3, Layout::YCbCr, false, true>(param, rect, x, width);
-}
-
 }  // namespace
 
-// jpgReadUpSamplingTo22 and To12 double a component of vertical factor 1
-// by repeating rows (or fill it with one value), so with Vmax = 2 the
-// chroma rows of every converted block come in equal pairs.
+// jpgReadUpSamplingTo22 and To12 (of every level) double a component of
+// vertical factor 1 by repeating rows (or fill it with one value), so with
+// Vmax = 2 the chroma rows of every converted block come in equal pairs; the
+// SSE2 writers then read them once per pair.
 JpgReadColorConvertFunc mcuRowConverter(const JpgParam *param) {
     JpgReadColorConvertFunc stored = param->routines.convert;
-    if (!KIV_HAVE_SSE2_COLOR || stored != jpgReadYUV2Rect || param->vmax != 2 ||
-        param->numComponents != 3 ||
-        (param->routines.upsample != jpgReadUpSamplingTo22 &&
-         param->routines.upsample != jpgReadUpSamplingTo12))
+#if KIV_HAVE_SSE2_COLOR
+    constexpr JpgReadColorConvertFunc kSimdYcc = convertMcu<3, Layout::YCbCr, false, false, true>;
+    if (stored != kSimdYcc || param->vmax != 2 || param->numComponents != 3 ||
+        !doublesChromaRows(param->routines.upsample))
         return stored;
     for (uint32_t c = 1; c < 3; c++)
         if ((param->components[c].sampling & 15) != 1)
             return stored;
-    return convertPairedChroma;
+    return convertMcu<3, Layout::YCbCr, false, true, true>;
+#else
+    return stored;
+#endif
+}
+
+JpgReadColorConvertFunc readColorConvertFor(uint32_t id, SimdLevel level) {
+#if KIV_HAVE_SSE2_COLOR
+    if (level == SimdLevel::Portable)
+        return nullptr;
+    switch (id) {
+    case 0x20201: return convertMcu<1, Layout::Copy, false, false, true>;
+    case 0x20203: return convertMcu<3, Layout::Copy, false, false, true>;
+    case 0x20204: return convertMcu<4, Layout::Copy, false, false, true>;
+    case 0x1020203: return convertMcu<3, Layout::Reversed, false, false, true>;
+    case 0x2020203: return convertMcu<3, Layout::YCbCr, false, false, true>;
+    default: return nullptr;
+    }
+#else
+    return nullptr;
+#endif
 }
 
 }  // namespace kiv

@@ -1,17 +1,15 @@
-// The SSE2 block writers of x86-64 (output_color_sse2.cpp): whole 8-column
-// blocks of an upsampled MCU written as BGR, grey, three- or four-channel
-// pixels, two rows of sixteen pixels at a time, bit-identical to the table
-// and copy converters of output_color.cpp.
+// The SSE2 block writers (output_color_sse2.cpp, both x86 targets, chosen
+// at run time): whole 8-column blocks of an upsampled MCU written as BGR,
+// grey, three- or four-channel pixels, two rows of sixteen pixels at a
+// time, bit-identical to the table and copy converters of output_color.cpp.
 #pragma once
 
 #include <stddef.h>
 #include <stdint.h>
 
-#if defined(__x86_64__) && defined(__SSE2__)
-#define KIV_HAVE_SSE2_COLOR 1
-#else
-#define KIV_HAVE_SSE2_COLOR 0
-#endif
+#include "core/simd.h"
+
+#define KIV_HAVE_SSE2_COLOR KIV_SIMD_X86
 
 namespace kiv {
 

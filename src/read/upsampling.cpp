@@ -88,14 +88,23 @@ const int16_t *nextBlock(const McuWalk &walk, uint32_t b) {
     return walk.next != nullptr ? walk.next + kBlockSize * b : nullptr;
 }
 
+// The block expanders of a processor level: the full-size routines below
+// are templates over them.
+struct PortableExpanders {
+    static void both(const int16_t *in, const int16_t *next, int16_t *out) { doubleBothPortable(in, next, out); }
+    static void across(const int16_t *in, const int16_t *next, int16_t *left, int16_t *right) {
+        doubleAcrossPortable(in, next, left, right);
+    }
+    static void down(const int16_t *in, int16_t *upper, int16_t *lower) { doubleDownPortable(in, upper, lower); }
+};
 #if KIV_HAVE_SSE2_UPSAMPLING
-constexpr auto doubleBoth = doubleBothSse2;
-constexpr auto doubleAcross = doubleAcrossSse2;
-constexpr auto doubleDown = doubleDownSse2;
-#else
-constexpr auto doubleBoth = doubleBothPortable;
-constexpr auto doubleAcross = doubleAcrossPortable;
-constexpr auto doubleDown = doubleDownPortable;
+struct Sse2Expanders {
+    static void both(const int16_t *in, const int16_t *next, int16_t *out) { doubleBothSse2(in, next, out); }
+    static void across(const int16_t *in, const int16_t *next, int16_t *left, int16_t *right) {
+        doubleAcrossSse2(in, next, left, right);
+    }
+    static void down(const int16_t *in, int16_t *upper, int16_t *lower) { doubleDownSse2(in, upper, lower); }
+};
 #endif
 
 // General case: any Hmax x Vmax; linear interpolation over rh = Hmax / h
@@ -228,6 +237,54 @@ void upsampleScaledFixed(JpgParam *param) {
     });
 }
 
+template <class E>
+void upsampleTo12(JpgParam *param) {
+    forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
+        if (h * v != 1)
+            return pointAtSource(walk, 2);
+        E::down(walk.in, walk.out, walk.out + kBlockSize);
+        finishExpanded(walk, 2);
+    });
+}
+
+template <class E>
+void upsampleTo21(JpgParam *param) {
+    auto across = [](const int16_t *in, const int16_t *next, int16_t *out) {
+        E::across(in, next, out, out + kBlockSize);
+    };
+    if (upsampleLumaChroma<0x21, 2>(param, across))
+        return;
+    forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
+        if (h * v != 1)
+            return pointAtSource(walk, 2);
+        E::across(walk.in, nextBlock(walk, 0), walk.out, walk.out + kBlockSize);
+        finishExpanded(walk, 2);
+    });
+}
+
+template <class E>
+void upsampleTo22(JpgParam *param) {
+    if (upsampleLumaChroma<0x22, 4>(param, E::both))
+        return;
+    forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
+        constexpr int kB = kBlockSize;
+        const int16_t *in = walk.in;
+        int16_t *out = walk.out;
+        if (h == 2 && v == 2)
+            return pointAtSource(walk, 4);
+        if (h == 1 && v == 1) {
+            E::both(in, nextBlock(walk, 0), out);
+        } else if (h == 1) {  // 0x12: two blocks one above the other
+            E::across(in, nextBlock(walk, 0), out, out + kB);
+            E::across(in + kB, nextBlock(walk, 1), out + 2 * kB, out + 3 * kB);
+        } else {  // 0x21: two blocks side by side
+            E::down(in, out, out + 2 * kB);
+            E::down(in + kB, out + kB, out + 3 * kB);
+        }
+        finishExpanded(walk, 4);
+    });
+}
+
 }  // namespace
 
 void doubleBothPortable(const int16_t *in, const int16_t *next, int16_t *out) {
@@ -267,50 +324,9 @@ void jpgReadUpSamplingTo11(JpgParam *param) {
         param->blockPointers[c * param->hv] = param->mcuBuffer + kiv::kBlockSize * c;
 }
 
-void jpgReadUpSamplingTo12(JpgParam *param) {
-    kiv::forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
-        if (h * v != 1)
-            return kiv::pointAtSource(walk, 2);
-        kiv::doubleDown(walk.in, walk.out, walk.out + kiv::kBlockSize);
-        kiv::finishExpanded(walk, 2);
-    });
-}
-
-void jpgReadUpSamplingTo21(JpgParam *param) {
-    auto across = [](const int16_t *in, const int16_t *next, int16_t *out) {
-        kiv::doubleAcross(in, next, out, out + kiv::kBlockSize);
-    };
-    if (kiv::upsampleLumaChroma<0x21, 2>(param, across))
-        return;
-    kiv::forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
-        if (h * v != 1)
-            return kiv::pointAtSource(walk, 2);
-        kiv::doubleAcross(walk.in, kiv::nextBlock(walk, 0), walk.out, walk.out + kiv::kBlockSize);
-        kiv::finishExpanded(walk, 2);
-    });
-}
-
-void jpgReadUpSamplingTo22(JpgParam *param) {
-    if (kiv::upsampleLumaChroma<0x22, 4>(param, kiv::doubleBoth))
-        return;
-    kiv::forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
-        constexpr int kB = kiv::kBlockSize;
-        const int16_t *in = walk.in;
-        int16_t *out = walk.out;
-        if (h == 2 && v == 2)
-            return kiv::pointAtSource(walk, 4);
-        if (h == 1 && v == 1) {
-            kiv::doubleBoth(in, kiv::nextBlock(walk, 0), out);
-        } else if (h == 1) {  // 0x12: two blocks one above the other
-            kiv::doubleAcross(in, kiv::nextBlock(walk, 0), out, out + kB);
-            kiv::doubleAcross(in + kB, kiv::nextBlock(walk, 1), out + 2 * kB, out + 3 * kB);
-        } else {  // 0x21: two blocks side by side
-            kiv::doubleDown(in, out, out + 2 * kB);
-            kiv::doubleDown(in + kB, out + kB, out + 3 * kB);
-        }
-        kiv::finishExpanded(walk, 4);
-    });
-}
+void jpgReadUpSamplingTo12(JpgParam *param) { kiv::upsampleTo12<kiv::PortableExpanders>(param); }
+void jpgReadUpSamplingTo21(JpgParam *param) { kiv::upsampleTo21<kiv::PortableExpanders>(param); }
+void jpgReadUpSamplingTo22(JpgParam *param) { kiv::upsampleTo22<kiv::PortableExpanders>(param); }
 
 void jpgReadUpSamplingToNN(JpgParam *param) {
     uint32_t hmax = param->hmax, vmax = param->vmax;
@@ -350,3 +366,31 @@ JpgUpSamplingFunc jpgGetUpSamplingGenericFunc(uint32_t id) {
 }
 
 }  // extern "C"
+
+namespace kiv {
+
+JpgUpSamplingFunc upSamplingFor(uint32_t id, SimdLevel level) {
+#if KIV_HAVE_SSE2_UPSAMPLING
+    if (level != SimdLevel::Portable) {
+        switch (id) {
+        case 0x10200: return upsampleTo12<Sse2Expanders>;
+        case 0x20100: return upsampleTo21<Sse2Expanders>;
+        case 0x20200: return upsampleTo22<Sse2Expanders>;
+        default: break;
+        }
+    }
+#endif
+    return nullptr;
+}
+
+bool doublesChromaRows(JpgUpSamplingFunc routine) {
+    if (routine == jpgReadUpSamplingTo22 || routine == jpgReadUpSamplingTo12)
+        return true;
+#if KIV_HAVE_SSE2_UPSAMPLING
+    return routine == upsampleTo22<Sse2Expanders> || routine == upsampleTo12<Sse2Expanders>;
+#else
+    return false;
+#endif
+}
+
+}  // namespace kiv

@@ -158,6 +158,24 @@ TEST(Dispatch, WriteGettersHandOutTheLevelsRoutines) {
     }
 }
 
+// The decoder's getters: upsampling and colour conversion of the level for
+// the full-size identifiers, the portable routines for scaled output (and
+// for flag 0), nothing for unknown converter IDs.
+TEST(Dispatch, ReadGettersHandOutTheLevelsRoutines) {
+    for (uint32_t flag : kivtest::processorFlags()) {
+        bool simd = flag != 0;
+        for (uint32_t id : {0x10200u, 0x20100u, 0x20200u})
+            EXPECT_EQ(jpgGetUpSamplingFunc(id, flag) != jpgGetUpSamplingGenericFunc(id), simd) << std::hex << id;
+        for (uint32_t id : {0x10100u, 0x80020200u, 0x40400u})
+            EXPECT_EQ(jpgGetUpSamplingFunc(id, flag), jpgGetUpSamplingGenericFunc(id)) << std::hex << id;
+        for (uint32_t id : {0x20201u, 0x20203u, 0x20204u, 0x1020203u, 0x2020203u})
+            EXPECT_EQ(jpgGetReadColorConvertFunc(id, flag) != jpgGetReadColorConvertGenericFunc(id), simd)
+                << std::hex << id;
+        for (uint32_t id : {0x20202u, 0x42020203u, 0x22020203u, 0x12345678u})
+            EXPECT_EQ(jpgGetReadColorConvertFunc(id, flag), jpgGetReadColorConvertGenericFunc(id)) << std::hex << id;
+    }
+}
+
 TEST(Flags, DctMethodRange) {
     Handle h;
     h.p->mode |= kModeRead;
