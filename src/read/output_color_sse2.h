@@ -25,6 +25,10 @@ void storeBlockBgrSse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride
 // As storeBlockBgrSse2 for chroma doubled vertically: rows 2k and 2k + 1 of
 // Cb and Cr are equal, and only the even ones are read.
 void storeBlockBgrPairedSse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
+// The same two for AVX2 processors (output_color_avx2.cpp), four rows at a
+// time; the copies have no AVX2 version.
+void storeBlockBgrAvx2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
+void storeBlockBgrPairedAvx2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
 void storeBlockCopy1Sse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
 void storeBlockCopy3Sse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
 void storeBlockCopy4Sse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
