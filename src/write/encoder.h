@@ -19,6 +19,14 @@ struct JpgWriteConvertContext {
     uint32_t mcuWidth;
     uint32_t mcuHeight;
     int32_t factors[4][2];     // per component H and V
+    // Kept by the processor-specific conversions: the checked geometry
+    // (bytesPerPixel to factors, as above) and the grid steps derived from
+    // it, so that the MCUs after the first skip the checks. All zero (no
+    // geometry) in a fresh context.
+    struct {
+        uint32_t geometry[3 + 8];
+        int32_t sx[4], sy[4];
+    } checked;
 };
 
 namespace kiv {

@@ -5,6 +5,9 @@
 // 10918-1 A.1.1) and lays out the 8x8 blocks in MCU order (A.2.3), filling
 // the parts of blocks beyond the image's right and bottom edges.
 // Pixels are stored B, G, R: the first byte of a pixel is blue.
+#include <stddef.h>
+#include <string.h>
+
 #include "write/encoder.h"
 #include "write/input_color_simd.h"
 
@@ -388,22 +391,38 @@ JpgWriteColorConvertFunc jpgGetWriteColorConvertGenericFunc(uint32_t id) {
 
 namespace kiv {
 
-bool fullMcuGrid(const JpgWriteConvertContext *ctx, int32_t x, int32_t y, uint32_t channels, McuGrid *out) {
+bool fullMcuGrid(JpgWriteConvertContext *ctx, int32_t x, int32_t y, uint32_t channels, McuGrid *out) {
+    if (ctx == nullptr || x < 0 || y < 0 || static_cast<int64_t>(x) + ctx->mcuWidth > ctx->width ||
+        static_cast<int64_t>(y) + ctx->mcuHeight > ctx->rows)
+        return false;
+    // bytesPerPixel, mcuWidth, mcuHeight and the factors, as one run of words.
+    static_assert(offsetof(JpgWriteConvertContext, factors) ==
+                  offsetof(JpgWriteConvertContext, bytesPerPixel) + 3 * sizeof(uint32_t));
+    const void *geometry = &ctx->bytesPerPixel;
+    if (ctx->checked.geometry[0] == channels && memcmp(ctx->checked.geometry, geometry, sizeof ctx->checked.geometry) == 0) {
+        memcpy(out->sx, ctx->checked.sx, sizeof out->sx);
+        memcpy(out->sy, ctx->checked.sy, sizeof out->sy);
+        return true;
+    }
     // The checks of validContext, in one pass that keeps the steps.
-    if (ctx == nullptr || ctx->bytesPerPixel != channels || channels < 1 || channels > 4 || x < 0 || y < 0 ||
-        ctx->mcuWidth == 0 || ctx->mcuHeight == 0 || ctx->mcuWidth % 8 != 0 || ctx->mcuHeight % 8 != 0 ||
-        static_cast<int64_t>(x) + ctx->mcuWidth > ctx->width || static_cast<int64_t>(y) + ctx->mcuHeight > ctx->rows)
+    if (ctx->bytesPerPixel != channels || channels < 1 || channels > 4 || ctx->mcuWidth == 0 ||
+        ctx->mcuHeight == 0 || ctx->mcuWidth % 8 != 0 || ctx->mcuHeight % 8 != 0)
         return false;
     const uint32_t wide = ctx->mcuWidth / 8, high = ctx->mcuHeight / 8;
+    McuGrid g{};
     for (uint32_t c = 0; c < channels; c++) {
         int32_t h = ctx->factors[c][0], v = ctx->factors[c][1];
         if (h < 1 || v < 1)
             return false;
-        out->sx[c] = quotient(wide, h);
-        out->sy[c] = quotient(high, v);
-        if (static_cast<uint32_t>(out->sx[c] * h) != wide || static_cast<uint32_t>(out->sy[c] * v) != high)
+        g.sx[c] = quotient(wide, h);
+        g.sy[c] = quotient(high, v);
+        if (static_cast<uint32_t>(g.sx[c] * h) != wide || static_cast<uint32_t>(g.sy[c] * v) != high)
             return false;
     }
+    memcpy(ctx->checked.geometry, geometry, sizeof ctx->checked.geometry);
+    memcpy(ctx->checked.sx, g.sx, sizeof g.sx);
+    memcpy(ctx->checked.sy, g.sy, sizeof g.sy);
+    *out = g;
     return true;
 }
 

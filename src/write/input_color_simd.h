@@ -14,8 +14,10 @@ struct McuGrid {
 };
 
 // True when the context is valid, holds `channels` channels and the MCU at
-// (x, y) lies wholly inside the image; `grid` then holds the components' steps.
-bool fullMcuGrid(const JpgWriteConvertContext *ctx, int32_t x, int32_t y, uint32_t channels, McuGrid *grid);
+// (x, y) lies wholly inside the image; `grid` then holds the components'
+// steps. The context remembers the geometry it found valid (its `checked`
+// member), so that the next MCUs of the image compare instead of checking.
+bool fullMcuGrid(JpgWriteConvertContext *ctx, int32_t x, int32_t y, uint32_t channels, McuGrid *grid);
 
 // The variant's routine for a ColorConvertID, or null.
 JpgWriteColorConvertFunc writeColorConvertSse2(uint32_t id);

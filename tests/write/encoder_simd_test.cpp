@@ -361,6 +361,18 @@ TEST(EncoderSimd, DirectYCbCrBlocksMatchPlanesAndDownSampling) {
             }
         }
     }
+    // The geometry a conversion remembers follows the context: a factor
+    // changed to one that does not divide the MCU's is refused.
+    FullMcus m(rng, 3, 2, 2, {{2, 2}, {1, 1}, {1, 1}});
+    m.ctx.blocks = m.blocksDirect.data();
+    for (uint32_t flag : kivtest::processorFlags()) {
+        JpgWriteColorConvertFunc convert = jpgGetWriteColorConvertFunc(0x02020203u, flag);
+        EXPECT_EQ(convert(&m.ctx, 0, 0), JPG_STATUS_OK);
+        m.ctx.factors[1][0] = 3;
+        EXPECT_EQ(convert(&m.ctx, 16, 0), JPG_STATUS_INVALID_PARAMETER) << kivtest::processorName(flag);
+        m.ctx.factors[1][0] = 1;
+        EXPECT_EQ(convert(&m.ctx, 16, 0), JPG_STATUS_OK);
+    }
 }
 
 // Whole encodes of real images at every level give the portable encoder's
