@@ -36,6 +36,10 @@ struct Sse2 {
     KIV_SIMD_INLINE static void store(int16_t *const *blocks, int at, V v) {
         _mm_storeu_si128(reinterpret_cast<__m128i *>(blocks[0] + at), v);
     }
+    // Eight values for every block alike.
+    KIV_SIMD_INLINE static V loadShared(const int16_t *p) {
+        return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+    }
     KIV_SIMD_INLINE static V set32(int32_t v) { return _mm_set1_epi32(v); }
     KIV_SIMD_INLINE static V add16(V a, V b) { return _mm_add_epi16(a, b); }
     KIV_SIMD_INLINE static V sub16(V a, V b) { return _mm_sub_epi16(a, b); }
@@ -75,6 +79,9 @@ struct Avx2 {
         __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks[0] + at));
         __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks[1] + at));
         return _mm256_inserti128_si256(_mm256_castsi128_si256(a), b, 1);
+    }
+    KIV_SIMD_INLINE static V loadShared(const int16_t *p) {
+        return _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(p)));
     }
     KIV_SIMD_INLINE static void store(int16_t *const *blocks, int at, V v) {
         _mm_storeu_si128(reinterpret_cast<__m128i *>(blocks[0] + at), _mm256_castsi256_si128(v));
@@ -225,9 +232,12 @@ KIV_SIMD_INLINE void transform(const int16_t *const *blocks, typename S::V *x) {
     transpose<S>(x);
 }
 
-// The step values of row i of each block's table, side by side like the rows.
-template <class S>
+// The step values of row i of each block's table, side by side like the
+// rows; kShared: every block has the same table (one load).
+template <class S, bool kShared>
 KIV_SIMD_INLINE typename S::V stepRow(const uint16_t *const *rows, int i) {
+    if constexpr (kShared)
+        return S::loadShared(reinterpret_cast<const int16_t *>(rows[0]) + 8 * i);
     return S::load(reinterpret_cast<const int16_t *const *>(rows), 8 * i);
 }
 
@@ -258,8 +268,9 @@ KIV_SIMD_INLINE uint64_t zigzagMask(uint64_t found) {
     return mask & ~uint64_t{1};
 }
 
-// Transforms and quantizes S::kBlocks blocks whose steps are all exact.
-template <class S>
+// Transforms and quantizes S::kBlocks blocks whose steps are all exact
+// (and, with kShared, the same).
+template <class S, bool kShared>
 KIV_SIMD_INLINE void transformQuantize(const int16_t *const *blocks, const QuantSteps *const *steps, QuantizedBlock *const *out) {
     using V = typename S::V;
     V x[8];
@@ -275,7 +286,8 @@ KIV_SIMD_INLINE void transformQuantize(const int16_t *const *blocks, const Quant
     const V limit = S::set16(kMaxAc), negLimit = S::set16(-kMaxAc);
     V q[8];
     for (int i = 0; i < 8; i++) {
-        q[i] = quantize<S>(x[i], stepRow<S>(mult, i), stepRow<S>(post, i), stepRow<S>(half, i));
+        q[i] = quantize<S>(x[i], stepRow<S, kShared>(mult, i), stepRow<S, kShared>(post, i),
+                           stepRow<S, kShared>(half, i));
         S::store(natural, 8 * i, S::max16(S::min16(q[i], limit), negLimit));
     }
     uint32_t pairs[4];
@@ -331,7 +343,10 @@ void transformQuantizeBlocks(int16_t *blocks, const QuantSteps *const *steps, ui
                         for (uint32_t k = 0; k < S::kBlocks; k++)
                             exact = exact && st[k]->exact;
                         if (exact) {
-                            transformQuantize<S>(in, st, to);
+                            if (S::kBlocks == 1 || st[0] == st[S::kBlocks - 1])
+                                transformQuantize<S, true>(in, st, to);
+                            else
+                                transformQuantize<S, false>(in, st, to);
                             return;
                         }
                         typename S::V x[8];
