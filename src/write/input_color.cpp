@@ -398,8 +398,12 @@ bool fullMcuGrid(JpgWriteConvertContext *ctx, int32_t x, int32_t y, uint32_t cha
     // bytesPerPixel, mcuWidth, mcuHeight and the factors, as one run of words.
     static_assert(offsetof(JpgWriteConvertContext, factors) ==
                   offsetof(JpgWriteConvertContext, bytesPerPixel) + 3 * sizeof(uint32_t));
-    const void *geometry = &ctx->bytesPerPixel;
-    if (ctx->checked.geometry[0] == channels && memcmp(ctx->checked.geometry, geometry, sizeof ctx->checked.geometry) == 0) {
+    uint32_t geometry[sizeof ctx->checked.geometry / sizeof(uint32_t)];
+    memcpy(geometry, &ctx->bytesPerPixel, sizeof geometry);
+    uint32_t differ = ctx->checked.geometry[0] ^ channels;  // also refuses the empty record
+    for (uint32_t i = 0; i < sizeof geometry / sizeof geometry[0]; i++)
+        differ |= geometry[i] ^ ctx->checked.geometry[i];
+    if (differ == 0) {
         memcpy(out->sx, ctx->checked.sx, sizeof out->sx);
         memcpy(out->sy, ctx->checked.sy, sizeof out->sy);
         return true;
