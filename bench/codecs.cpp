@@ -79,7 +79,7 @@ std::string kivDecode(const Bytes &jpeg, int scale, Pixels *out) {
     JpgParam *param = nullptr;
     JpgStatus status = jpgReadPrologFromMemory(jpeg.data(), int32_t(jpeg.size()), 0, &param);
     if (status != 0) return statusText("prolog", status);
-    jpgSetProcessorArchitectureFlag(param, processorFlag);
+    if (processorFlag != 0xFFFFFFFFu) jpgSetProcessorArchitectureFlag(param, processorFlag);
     status = kivReadPixels(param, scale, out);
     jpgReadEpilog(param);
     return status == 0 ? std::string() : statusText("decode", status);
@@ -129,7 +129,7 @@ std::string stbDecode(const Bytes &jpeg, int scale, Pixels *out) {
 std::string kivEncode(const Pixels &in, const EncodeSettings &settings, Bytes *out) {
     JpgParam *param = nullptr;
     JpgStatus status = jpgWritePrologToMemory(0, &param);
-    if (status == 0) jpgSetProcessorArchitectureFlag(param, processorFlag);
+    if (status == 0 && processorFlag != 0xFFFFFFFFu) jpgSetProcessorArchitectureFlag(param, processorFlag);
     if (status != 0) return statusText("prolog", status);
     Pixels &source = const_cast<Pixels &>(in);
     ComplibRect rect = rectOf(&source);
@@ -217,7 +217,7 @@ std::string encode(Codec codec, const Pixels &in, const EncodeSettings &settings
 std::string encodeLossless(const Pixels &in, Bytes *out) {
     JpgParam *param = nullptr;
     JpgStatus status = jpgWritePrologToMemory(0, &param);
-    if (status == 0) jpgSetProcessorArchitectureFlag(param, processorFlag);
+    if (status == 0 && processorFlag != 0xFFFFFFFFu) jpgSetProcessorArchitectureFlag(param, processorFlag);
     if (status != 0) return statusText("prolog", status);
     Pixels &source = const_cast<Pixels &>(in);
     ComplibRect rect = rectOf(&source);

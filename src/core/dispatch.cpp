@@ -61,15 +61,19 @@ uint64_t enabledRegisterStates() {
     return (static_cast<uint64_t>(hi) << 32) | lo;
 }
 
+// Three CPUID instructions (leaves 0, 1 and 7): under a hypervisor each one
+// may trap and cost microseconds, so no more are asked than needed.
 uint32_t processorCapabilities() {
-    unsigned a, b, c, d;
-    if (!__get_cpuid(1, &a, &b, &c, &d))
+    unsigned maxLeaf = __get_cpuid_max(0, nullptr);
+    if (maxLeaf < 1)
         return 0;  // no CPUID (before the late 486): portable routines only
+    unsigned a, b, c, d;
+    __cpuid(1, a, b, c, d);
     uint32_t caps = (d & bit_SSE2) ? JPG_PROCESSOR_SSE2 : 0;
     // AVX2 needs the instructions (leaf 7), AVX, and an operating system
     // that saves the 256-bit registers (OSXSAVE, then XCR0).
     bool avxUsable = (c & bit_OSXSAVE) && (c & bit_AVX) && (enabledRegisterStates() & 6) == 6;
-    if (avxUsable && (caps & JPG_PROCESSOR_SSE2) && __get_cpuid_max(0, nullptr) >= 7) {
+    if (avxUsable && (caps & JPG_PROCESSOR_SSE2) && maxLeaf >= 7) {
         __cpuid_count(7, 0, a, b, c, d);
         if (b & bit_AVX2)
             caps |= JPG_PROCESSOR_AVX2;
