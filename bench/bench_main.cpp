@@ -4,7 +4,9 @@
 // image) per image and codec, the ratio to libjpeg-turbo and geometric means
 // as Markdown. `--heap` measures the library's peak heap instead.
 //
-//   kiv_bench [--min-time S] [--reps N] [--case TEXT] [--kiv-only] [--tmp DIR] SOURCE...
+//   kiv_bench [--min-time S] [--reps N] [--case TEXT] [--kiv-only] [--tmp DIR]
+//             [--level portable|sse2|avx2] SOURCE...
+//   kiv_bench --level-info [--level ...]   prints the routines' level in use
 //   kiv_bench --heap [--tmp DIR] LARGE_PHOTO
 #include <chrono>
 #include <cmath>
@@ -251,7 +253,7 @@ int main(int argc, char **argv) {
     std::vector<std::string> sources;
     std::string tmp = "/tmp";
     bench::Options options;
-    bool heap = false;
+    bool heap = false, levelInfo = false;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         if (arg == "--min-time" && i + 1 < argc) options.minTime = std::atof(argv[++i]);
@@ -260,11 +262,25 @@ int main(int argc, char **argv) {
         else if (arg == "--kiv-only") options.kivOnly = true;
         else if (arg == "--tmp" && i + 1 < argc) tmp = argv[++i];
         else if (arg == "--heap") heap = true;
+        else if (arg == "--level" && i + 1 < argc) {
+            std::string level = argv[++i];
+            bench::setKivProcessorFlag(level == "portable" ? 0u
+                                       : level == "sse2"   ? JPG_PROCESSOR_SSE2
+                                                           : JPG_PROCESSOR_SSE2 | JPG_PROCESSOR_AVX2);
+        } else if (arg == "--level-info") levelInfo = true;
         else sources.push_back(arg);
+    }
+    if (levelInfo) {
+        // The level a handle ends up with: the request masked by CPUID.
+        uint32_t used = bench::kivProcessorFlag() & jpgGetProcessorArchitecture();
+        std::printf("%s\n", (used & JPG_PROCESSOR_AVX2)   ? "AVX2"
+                            : (used & JPG_PROCESSOR_SSE2) ? "SSE2"
+                                                          : "portable");
+        return 0;
     }
     if (sources.empty()) {
         std::fprintf(stderr, "usage: kiv_bench [--min-time S] [--reps N] [--case TEXT] [--kiv-only]"
-                             " [--tmp DIR] [--heap] SOURCE...\n");
+                             " [--tmp DIR] [--heap] [--level portable|sse2|avx2] SOURCE...\n");
         return 2;
     }
     return heap ? bench::heapReport(sources[0], tmp)

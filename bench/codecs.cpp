@@ -20,6 +20,8 @@
 namespace bench {
 namespace {
 
+uint32_t processorFlag = 0xFFFFFFFFu;
+
 std::string statusText(const char *what, JpgStatus status) {
     char text[64];
     std::snprintf(text, sizeof text, "%s: 0x%08X", what, unsigned(status));
@@ -77,6 +79,7 @@ std::string kivDecode(const Bytes &jpeg, int scale, Pixels *out) {
     JpgParam *param = nullptr;
     JpgStatus status = jpgReadPrologFromMemory(jpeg.data(), int32_t(jpeg.size()), 0, &param);
     if (status != 0) return statusText("prolog", status);
+    if (processorFlag != 0xFFFFFFFFu) jpgSetProcessorArchitectureFlag(param, processorFlag);
     status = kivReadPixels(param, scale, out);
     jpgReadEpilog(param);
     return status == 0 ? std::string() : statusText("decode", status);
@@ -126,6 +129,7 @@ std::string stbDecode(const Bytes &jpeg, int scale, Pixels *out) {
 std::string kivEncode(const Pixels &in, const EncodeSettings &settings, Bytes *out) {
     JpgParam *param = nullptr;
     JpgStatus status = jpgWritePrologToMemory(0, &param);
+    if (status == 0 && processorFlag != 0xFFFFFFFFu) jpgSetProcessorArchitectureFlag(param, processorFlag);
     if (status != 0) return statusText("prolog", status);
     Pixels &source = const_cast<Pixels &>(in);
     ComplibRect rect = rectOf(&source);
@@ -182,6 +186,9 @@ std::string stbEncode(const Pixels &in, const EncodeSettings &settings, Bytes *o
 
 }  // namespace
 
+void setKivProcessorFlag(uint32_t flag) { processorFlag = flag; }
+uint32_t kivProcessorFlag() { return processorFlag; }
+
 const char *codecName(Codec codec) {
     switch (codec) {
     case Codec::Kiv: return "KivJPEG";
@@ -210,6 +217,7 @@ std::string encode(Codec codec, const Pixels &in, const EncodeSettings &settings
 std::string encodeLossless(const Pixels &in, Bytes *out) {
     JpgParam *param = nullptr;
     JpgStatus status = jpgWritePrologToMemory(0, &param);
+    if (status == 0 && processorFlag != 0xFFFFFFFFu) jpgSetProcessorArchitectureFlag(param, processorFlag);
     if (status != 0) return statusText("prolog", status);
     Pixels &source = const_cast<Pixels &>(in);
     ComplibRect rect = rectOf(&source);

@@ -25,6 +25,11 @@ struct Pixels {
 };
 
 enum class Codec { Kiv, Turbo, Stb };
+
+// The processor flag every KivJPEG handle of the benchmark gets (all ones:
+// the widest routines the processor has, as by default).
+void setKivProcessorFlag(uint32_t flag);
+uint32_t kivProcessorFlag();
 constexpr int kCodecCount = 3;
 const char *codecName(Codec codec);
 

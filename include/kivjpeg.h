@@ -205,6 +205,14 @@ KIV_API void *jpgMemAlloc(JpgParam *param, uint32_t size);
 KIV_API JpgStatus jpgMemFree(JpgParam *param, void *ptr);
 KIV_API uint32_t jpgGetJPEGBlockMemorySize(JpgParam *param, uint32_t lines);
 
+/* Processor capabilities, the bits of jpgGetProcessorArchitecture (found with
+ * CPUID; AVX2 only when the operating system also saves the AVX registers).
+ * A handle's processor flag is the caller's request masked by them and
+ * selects the widest routines it allows; flag 0 selects the portable ones.
+ * Every level produces the same bits. */
+#define JPG_PROCESSOR_SSE2 0x00000001u
+#define JPG_PROCESSOR_AVX2 0x00000002u
+
 KIV_API uint32_t jpgGetProcessorArchitecture(void);
 KIV_API JpgStatus jpgGetProcessorArchitectureFlagCaps(JpgParam *param, uint32_t *caps);
 KIV_API JpgStatus jpgGetProcessorArchitectureFlag(JpgParam *param, uint32_t *flag);

@@ -1,27 +1,45 @@
 #!/usr/bin/env bash
-# Builds kiv_bench (x86-64, Release) and runs it on the Debian photographs
-# and the corpus images, then writes the results with the machine they ran on
+# Builds kiv_bench (Release) for both targets, x86-64 and 32-bit x86, runs
+# each on the Debian photographs and the corpus images against that target's
+# libjpeg-turbo (the 32-bit one is Debian's multiarch libturbojpeg0:i386)
+# and stb_image, then writes both tables, the routines' level and the machine
 # into docs/performance.md between the "bench:begin" and "bench:end" marks.
 #   BENCH_ALL=1      every photograph under /usr/share/backgrounds
 #   BENCH_MIN_TIME=S minimum measuring time per case and codec (default 0.3)
+#   BENCH_TARGETS    "x64 x86" (default), or one of them
+#   BENCH_LEVEL      portable, sse2 or avx2 (default: the widest available)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 
+targets=${BENCH_TARGETS:-x64 x86}
 need=()
 [ -f /usr/include/turbojpeg.h ] || need+=(libturbojpeg0-dev)
+if [[ " $targets " == *" x86 "* ]]; then
+  [ -e /usr/lib/i386-linux-gnu/libturbojpeg.so.0 ] || need+=(libturbojpeg0:i386)
+  echo 'int main(){}' | g++ -m32 -x c++ - -o /dev/null 2>/dev/null || need+=(g++-multilib)
+  dpkg --print-foreign-architectures | grep -qx i386 || dpkg --add-architecture i386
+fi
 [ -f /usr/include/stb/stb_image.h ] || need+=(libstb-dev)
 command -v cjpeg >/dev/null || need+=(libjpeg-turbo-progs)
 [ -d /usr/share/backgrounds/mate ] || need+=(mate-backgrounds)
-[ -d /usr/share/backgrounds/ukui ] || need+=(ukui-wallpapers)
+[ -f /usr/share/backgrounds/string.jpg ] || need+=(ukui-wallpapers)
 if [ ${#need[@]} -gt 0 ]; then
   export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq && apt-get install -y -qq "${need[@]}" >/dev/null
+  # A list that fails to refresh (a mirror in sync) leaves the old one.
+  apt-get update -qq || true
+  apt-get install -y -qq "${need[@]}" >/dev/null
 fi
 
-cmake -S . -B build/bench -DCMAKE_BUILD_TYPE=Release -DKIV_TESTS=OFF >/dev/null
-cmake --build build/bench -j "$(nproc)" --target kiv_bench >/dev/null
-bench=build/bench/bench/kiv_bench
+declare -A dir=([x64]=build/bench [x86]=build/bench86)
+declare -A toolchain=([x64]="" [x86]="-DCMAKE_TOOLCHAIN_FILE=$root/cmake/i686-linux.cmake")
+declare -A title=([x64]="x86-64" [x86]="32-bit x86")
+for t in $targets; do
+  cmake -S . -B "${dir[$t]}" ${toolchain[$t]} -DCMAKE_BUILD_TYPE=Release -DKIV_TESTS=OFF >/dev/null
+  cmake --build "${dir[$t]}" -j "$(nproc)" --target kiv_bench >/dev/null
+done
+level=()
+[ -n "${BENCH_LEVEL:-}" ] && level=(--level "$BENCH_LEVEL")
 
 corpus=$root/../shared/corpus/samples
 bg=/usr/share/backgrounds
@@ -36,7 +54,12 @@ images=("$corpus/testorig.ppm" "$corpus/shira_bird8.bmp" "${photos[@]}")
 
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
-"$bench" --tmp "$tmp" --min-time "${BENCH_MIN_TIME:-0.3}" "${images[@]}" >"$tmp/table.md"
+for t in $targets; do
+  bench=${dir[$t]}/bench/kiv_bench
+  echo "running the ${title[$t]} benchmark" >&2
+  "$bench" "${level[@]}" --tmp "$tmp" --min-time "${BENCH_MIN_TIME:-0.3}" "${images[@]}" >"$tmp/table-$t.md"
+done
+bench=${dir[${targets%% *}]}/bench/kiv_bench
 "$bench" --heap --tmp "$tmp" "$large" >"$tmp/heap.md"
 
 {
@@ -51,8 +74,13 @@ trap 'rm -rf "$tmp"' EXIT
   echo "### Peak heap of the library while decoding"
   echo
   cat "$tmp/heap.md"
-  echo
-  cat "$tmp/table.md"
+  for t in $targets; do
+    echo
+    echo "### ${title[$t]}, KivJPEG routines: $("${dir[$t]}/bench/kiv_bench" "${level[@]}" --level-info)"
+    echo
+    # One heading level down inside the target's section.
+    sed 's/^#### /##### /; s/^### /#### /' "$tmp/table-$t.md"
+  done
 } >"$tmp/section.md"
 
 doc=docs/performance.md

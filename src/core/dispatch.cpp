@@ -1,10 +1,19 @@
 // Processor flags, the DCT-method flag and routine dispatch: the routines of
 // the inner loops are chosen once per handle from numeric identifiers and
 // stored in the handle's slots, so per-MCU loops make no format decisions.
-// This build reports no processor-specific capability: every identifier
-// resolves to the generic routine.
+// The capabilities come from CPUID each time they are asked for (nothing is
+// cached: the library keeps no writable global state); the routine getters
+// hand out the widest variant the flag allows, the portable one for flag 0.
+#if defined(__i386__) || defined(__x86_64__)
+#include <cpuid.h>
+#endif
+
 #include "core/api_checks.h"
 #include "core/codec.h"
+#include "core/simd.h"
+#include "read/output_color.h"
+#include "read/upsampling_sse2.h"
+#include "write/encoder.h"
 
 namespace kiv {
 
@@ -49,9 +58,45 @@ void selectReadRoutines(JpgParam *param) {
 
 }  // namespace kiv
 
+namespace {
+
+#if KIV_SIMD_X86
+// XCR0 (XGETBV with ECX = 0): which register states the operating system
+// saves on a context switch; bits 1 and 2 are the SSE and AVX halves.
+uint64_t enabledRegisterStates() {
+    uint32_t lo, hi;
+    __asm__ volatile("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
+    return (static_cast<uint64_t>(hi) << 32) | lo;
+}
+
+// Three CPUID instructions (leaves 0, 1 and 7): under a hypervisor each one
+// may trap and cost microseconds, so no more are asked than needed.
+uint32_t processorCapabilities() {
+    unsigned maxLeaf = __get_cpuid_max(0, nullptr);
+    if (maxLeaf < 1)
+        return 0;  // no CPUID (before the late 486): portable routines only
+    unsigned a, b, c, d;
+    __cpuid(1, a, b, c, d);
+    uint32_t caps = (d & bit_SSE2) ? JPG_PROCESSOR_SSE2 : 0;
+    // AVX2 needs the instructions (leaf 7), AVX, and an operating system
+    // that saves the 256-bit registers (OSXSAVE, then XCR0).
+    bool avxUsable = (c & bit_OSXSAVE) && (c & bit_AVX) && (enabledRegisterStates() & 6) == 6;
+    if (avxUsable && (caps & JPG_PROCESSOR_SSE2) && maxLeaf >= 7) {
+        __cpuid_count(7, 0, a, b, c, d);
+        if (b & bit_AVX2)
+            caps |= JPG_PROCESSOR_AVX2;
+    }
+    return caps;
+}
+#else
+uint32_t processorCapabilities() { return 0; }
+#endif
+
+}  // namespace
+
 extern "C" {
 
-uint32_t jpgGetProcessorArchitecture(void) { return 0; }
+uint32_t jpgGetProcessorArchitecture(void) { return processorCapabilities(); }
 
 JpgStatus jpgGetProcessorArchitectureFlagCaps(JpgParam *, uint32_t *caps) {
     if (caps == nullptr)
@@ -110,18 +155,24 @@ JpgStatus jpgSetDCTMethodFlag(JpgParam *param, uint32_t method) {
     return jpgSetProcessorArchitectureFlag(param, param->processorFlag);
 }
 
-// The single place where processor-specific lookups would be inserted.
-JpgReadColorConvertFunc jpgGetReadColorConvertFunc(uint32_t id, uint32_t) {
-    return jpgGetReadColorConvertGenericFunc(id);
+// The single place where processor-specific lookups are inserted: each
+// getter falls back from the flag's widest level to the portable routine.
+JpgReadColorConvertFunc jpgGetReadColorConvertFunc(uint32_t id, uint32_t flag) {
+    JpgReadColorConvertFunc routine = kiv::readColorConvertFor(id, kiv::simdLevelOf(flag));
+    return routine != nullptr ? routine : jpgGetReadColorConvertGenericFunc(id);
 }
 JpgMcuFunc jpgGetReadMCUFunc(uint32_t id, uint32_t) { return jpgGetReadMCUGenericFunc(id); }
-JpgUpSamplingFunc jpgGetUpSamplingFunc(uint32_t id, uint32_t) {
-    return jpgGetUpSamplingGenericFunc(id);
+JpgUpSamplingFunc jpgGetUpSamplingFunc(uint32_t id, uint32_t flag) {
+    JpgUpSamplingFunc routine = kiv::upSamplingFor(id, kiv::simdLevelOf(flag));
+    return routine != nullptr ? routine : jpgGetUpSamplingGenericFunc(id);
 }
-JpgWriteColorConvertFunc jpgGetWriteColorConvertFunc(uint32_t id, uint32_t) {
-    return jpgGetWriteColorConvertGenericFunc(id);
+JpgWriteColorConvertFunc jpgGetWriteColorConvertFunc(uint32_t id, uint32_t flag) {
+    JpgWriteColorConvertFunc routine = kiv::writeColorConvertFor(id, kiv::simdLevelOf(flag));
+    return routine != nullptr ? routine : jpgGetWriteColorConvertGenericFunc(id);
 }
-JpgMcuFunc jpgGetWriteMCUFunc(uint32_t id, uint32_t) { return jpgGetWriteMCUGenericFunc(id); }
+JpgMcuFunc jpgGetWriteMCUFunc(uint32_t id, uint32_t flag) {
+    return kiv::writeMcuFor(id, kiv::simdLevelOf(flag));
+}
 
 // The conversion tables are constant data: nothing to prepare or release.
 int32_t jpgReadColorConvertTableInit(void) { return 0; }

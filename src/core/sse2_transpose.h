@@ -1,13 +1,16 @@
-// SSE2 transpose of an 8x8 matrix of 16-bit values (x86-64 only), shared
-// by the inverse and forward DCTs: vector i holds row i on entry; t[i]
-// receives column i. p and t may be the same array.
+// SSE2 transpose of an 8x8 matrix of 16-bit values for the inverse DCT:
+// vector i holds row i on entry; t[i] receives column i. p and t may be the
+// same array. Wherever SSE2 is compiled in (x86-64, and the -msse2 files of
+// 32-bit x86); in an anonymous namespace, so each file keeps its own copy
+// (see core/simd.h).
 #pragma once
 
-#if defined(__x86_64__) && defined(__SSE2__)
+#if defined(__SSE2__)
 
 #include <emmintrin.h>
 
 namespace kiv {
+namespace {
 
 // With kCols == 4 only the first four rows are read and t[0..3] produced.
 template <int kCols>
@@ -43,6 +46,7 @@ inline void transposeWords(const __m128i *p, __m128i *t) {
     }
 }
 
+}  // namespace
 }  // namespace kiv
 
 #endif

@@ -10,6 +10,7 @@
 #include <string.h>
 
 #include "core/codec.h"
+#include "core/simd.h"
 #include "read/inverse_dct_sse2.h"
 
 namespace kiv {
@@ -123,6 +124,14 @@ void inverseDctPortable(int16_t *block) {
         bottomZero ? inverseShape<4, 4>(block) : inverseShape<8, 4>(block);
     else
         bottomZero ? inverseShape<4, 8>(block) : inverseShape<8, 8>(block);
+}
+
+InverseDct inverseDctFor(uint32_t flag) {
+#if KIV_SIMD_X86
+    if (simdLevelOf(flag) != SimdLevel::Portable)
+        return inverseDctSse2;
+#endif
+    return inverseDctPortable;
 }
 
 }  // namespace kiv

@@ -13,6 +13,13 @@ namespace kiv {
 // In place: 64 dequantized coefficients in, 64 samples 0..255 out.
 void inverseDctPortable(int16_t *block);
 
+// The inverse DCT of a handle's processor flag (already masked by the
+// processor's capabilities): the SSE2 transform when the flag allows SSE2
+// (or AVX2), the portable one otherwise; the same bits either way. Cheap
+// enough to ask once per MCU.
+using InverseDct = void (*)(int16_t *block);
+InverseDct inverseDctFor(uint32_t flag);
+
 // Every sample of a block whose AC coefficients are all zero. Neither
 // product wraps: |2896 dc| < 2^27 and |2896 t| < 2^30.
 inline int dcOnlySample(int32_t dc) {

@@ -1,13 +1,14 @@
-// SSE2 inverse DCT for x86-64: the same two-pass integer transform as
+// SSE2 inverse DCT (both x86 targets, compiled with -msse2): the same
+// two-pass integer transform as
 // inverse_dct.cpp (ISO/IEC 10918-1 A.3.3, 12-bit constants, 32-bit wrapping
 // arithmetic, columns then rows). Products are _mm_madd_epi16 on 16-bit
 // inputs, exact modulo 2^32; row-pass inputs that do not fit 16 bits take an
 // exact 32-bit path. Blocks whose coefficients all lie in the top rows or left
 // columns skip the zero inputs. Bit-identical to the portable code for every
-// input; the 32-bit target uses the portable code only.
+// input.
 #include "read/inverse_dct_sse2.h"
 
-#if KIV_HAVE_SSE2_IDCT
+#if defined(__SSE2__)
 
 #include <emmintrin.h>
 
@@ -255,4 +256,4 @@ void inverseDctSse2(int16_t *block) {
 
 }  // namespace kiv
 
-#endif  // KIV_HAVE_SSE2_IDCT
+#endif  // __SSE2__

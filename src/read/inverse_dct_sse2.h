@@ -1,5 +1,8 @@
-// The SSE2 inverse DCT of x86-64 (inverse_dct_sse2.cpp): bit-identical to the
-// portable transform of inverse_dct.cpp, used by jpgReadInverseDCT when built.
+// The SSE2 inverse DCT (inverse_dct_sse2.cpp, built for both x86 targets):
+// bit-identical to the portable transform of inverse_dct.cpp. On x86-64,
+// where SSE2 is the baseline, jpgReadInverseDCT and the scaled transforms
+// use it unconditionally (KIV_HAVE_SSE2_IDCT); kiv::inverseDctFor hands it
+// out per processor flag on both targets.
 #pragma once
 
 #include <stdint.h>

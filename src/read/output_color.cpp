@@ -11,6 +11,7 @@
 #include "core/tables.h"
 #include "read/output_color.h"
 #include "read/output_color_sse2.h"
+#include "read/upsampling_sse2.h"
 
 namespace kiv {
 namespace {
@@ -94,6 +95,11 @@ inline void storePixel(const int16_t *const *src, int i, uint8_t *dst) {
     }
 }
 
+// Which block writers a converter uses for whole blocks of 8 columns: none
+// (pixel by pixel), the SSE2 ones, or the AVX2 ones for YCbCr (the copies
+// stay SSE2).
+enum class Writers { None, Sse2, Avx2 };
+
 #if KIV_HAVE_SSE2_COLOR
 // Layouts with an SSE2 block writer: all but two-channel copies and YCCK,
 // which go pixel by pixel.
@@ -102,17 +108,23 @@ constexpr bool kHasSse2Writer =
     kLayout == Layout::YCbCr || kLayout == Layout::Reversed ||
     (kLayout == Layout::Copy && (kChannels == 1 || kChannels == 3 || kChannels == 4));
 
-// Whole blocks of 8 columns go through the SSE2 writers; false when the
+// Whole blocks of 8 columns go through the vector writers; false when the
 // layout has none and the caller writes pixel by pixel.
-template <int kChannels, Layout kLayout, bool kPaired>
+template <int kChannels, Layout kLayout, bool kPaired, Writers kWriters>
 inline bool storeWholeBlockSse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride,
                                 int rows) {
     if constexpr (!kHasSse2Writer<kChannels, kLayout>) {
         return false;
     } else if constexpr (kLayout == Layout::YCbCr && kPaired) {
-        storeBlockBgrPairedSse2(src, dst, stride, rows);
+        if constexpr (kWriters == Writers::Avx2)
+            storeBlockBgrPairedAvx2(src, dst, stride, rows);
+        else
+            storeBlockBgrPairedSse2(src, dst, stride, rows);
     } else if constexpr (kLayout == Layout::YCbCr) {
-        storeBlockBgrSse2(src, dst, stride, rows);
+        if constexpr (kWriters == Writers::Avx2)
+            storeBlockBgrAvx2(src, dst, stride, rows);
+        else
+            storeBlockBgrSse2(src, dst, stride, rows);
     } else if constexpr (kLayout == Layout::Reversed) {
         const int16_t *reversed[3] = {src[2], src[1], src[0]};
         storeBlockCopy3Sse2(reversed, dst, stride, rows);
@@ -139,13 +151,14 @@ template <int kChannels, Layout kLayout>
     }
 }
 
-template <int kChannels, Layout kLayout, bool kPaired>
+template <int kChannels, Layout kLayout, bool kPaired, Writers kWriters>
 inline void storeBlock(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int step,
                        int rows, int cols) {
 #if KIV_HAVE_SSE2_COLOR
-    if (cols == 8 && step == kChannels &&
-        storeWholeBlockSse2<kChannels, kLayout, kPaired>(src, dst, stride, rows))
-        return;
+    if constexpr (kWriters != Writers::None)
+        if (cols == 8 && step == kChannels &&
+            storeWholeBlockSse2<kChannels, kLayout, kPaired, kWriters>(src, dst, stride, rows))
+            return;
 #endif
     storePixels<kChannels, kLayout>(src, dst, stride, step, rows, cols);
 }
@@ -153,7 +166,8 @@ inline void storeBlock(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride
 // Walks the MCU's block rows and columns (blocks of 8 samples a side, or
 // 1 << scale level for scaled output), clipping against the rectangle's
 // height and the given width. kPaired: chroma rows come in equal pairs.
-template <int kChannels, Layout kLayout, bool kScaled, bool kPaired = false>
+// kWriters: the vector writers that serve whole blocks.
+template <int kChannels, Layout kLayout, bool kScaled, bool kPaired = false, Writers kWriters = Writers::None>
 void convertMcu(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
     int32_t level = param->scaleLevel < 0 ? 0 : param->scaleLevel > 3 ? 3 : param->scaleLevel;
     const int n = kScaled ? 1 << level : 8;
@@ -165,8 +179,9 @@ void convertMcu(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
     uint8_t *rowBase = rect->pixels + static_cast<ptrdiff_t>(x) * step;
 #if KIV_HAVE_SSE2_COLOR
     // A whole MCU inside the rectangle: every block through the SSE2 writer.
-    if (kHasSse2Writer<kChannels, kLayout> && !kScaled && step == kChannels &&
-        width >= 8 * static_cast<int64_t>(hmax) && rect->height >= 8 * static_cast<int64_t>(vmax)) {
+    constexpr bool kWriter = kWriters != Writers::None && kHasSse2Writer<kChannels, kLayout>;
+    if (kWriter && !kScaled && step == kChannels && width >= 8 * static_cast<int64_t>(hmax) &&
+        rect->height >= 8 * static_cast<int64_t>(vmax)) {
         const uint32_t *map = blockMap;
         for (uint32_t by = 0; by < vmax; by++, rowBase += 8 * stride) {
             uint8_t *dst = rowBase;
@@ -174,7 +189,7 @@ void convertMcu(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
                 const int16_t *src[kChannels];
                 for (int c = 0; c < kChannels; c++)
                     src[c] = pointers[map[c]];
-                storeWholeBlockSse2<kChannels, kLayout, kPaired>(src, dst, stride, 8);
+                storeWholeBlockSse2<kChannels, kLayout, kPaired, kWriters>(src, dst, stride, 8);
             }
         }
         return;
@@ -190,7 +205,8 @@ void convertMcu(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
             const int16_t *src[kChannels];
             for (int c = 0; c < kChannels; c++)
                 src[c] = pointers[map[c]];
-            storeBlock<kChannels, kLayout, kPaired>(src, dst, stride, step, rows, colsLeft < n ? colsLeft : n);
+            storeBlock<kChannels, kLayout, kPaired, kWriters>(src, dst, stride, step, rows,
+                                                           colsLeft < n ? colsLeft : n);
             dst += n * step;
             colsLeft -= n;
         }
@@ -199,29 +215,54 @@ void convertMcu(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
     }
 }
 
-// YCbCr whose chroma was doubled vertically by the upsampler.
-void convertPairedChroma(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
-    convertMcu<3, Layout::YCbCr, false, true>(param, rect, x, width);
-}
-
 }  // namespace
 
-// jpgReadUpSamplingTo22 and To12 double a component of vertical factor 1
-// by repeating rows (or fill it with one value), so with Vmax = 2 the
-// chroma rows of every converted block come in equal pairs.
+// jpgReadUpSamplingTo22 and To12 (of every level) double a component of
+// vertical factor 1 by repeating rows (or fill it with one value), so with
+// Vmax = 2 the chroma rows of every converted block come in equal pairs; the
+// SSE2 writers then read them once per pair.
 JpgReadColorConvertFunc mcuRowConverter(const JpgParam *param) {
-    JpgReadColorConvertFunc stored = slotConverter(param->routines.convert);
-    auto isUpsampler = [param](JpgUpSamplingFunc exported) {
-        return param->routines.upsample == exported || param->routines.upsample == slotUpsampler(exported);
-    };
-    if (!KIV_HAVE_SSE2_COLOR || stored != convertMcu<3, Layout::YCbCr, false> || param->vmax != 2 ||
-        param->numComponents != 3 ||
-        (!isUpsampler(jpgReadUpSamplingTo22) && !isUpsampler(jpgReadUpSamplingTo12)))
+    JpgReadColorConvertFunc stored = param->routines.convert;
+#if KIV_HAVE_SSE2_COLOR
+    constexpr JpgReadColorConvertFunc kSse2 = convertMcu<3, Layout::YCbCr, false, false, Writers::Sse2>;
+    constexpr JpgReadColorConvertFunc kAvx2 = convertMcu<3, Layout::YCbCr, false, false, Writers::Avx2>;
+    if ((stored != kSse2 && stored != kAvx2) || param->vmax != 2 || param->numComponents != 3 ||
+        !doublesChromaRows(param->routines.upsample))
         return stored;
     for (uint32_t c = 1; c < 3; c++)
         if ((param->components[c].sampling & 15) != 1)
             return stored;
-    return convertPairedChroma;
+    return stored == kAvx2 ? convertMcu<3, Layout::YCbCr, false, true, Writers::Avx2>
+                           : convertMcu<3, Layout::YCbCr, false, true, Writers::Sse2>;
+#else
+    return stored;
+#endif
+}
+
+namespace {
+
+template <Writers kWriters>
+JpgReadColorConvertFunc vectorConverter(uint32_t id) {
+    switch (id) {
+    case 0x20201: return convertMcu<1, Layout::Copy, false, false, kWriters>;
+    case 0x20203: return convertMcu<3, Layout::Copy, false, false, kWriters>;
+    case 0x20204: return convertMcu<4, Layout::Copy, false, false, kWriters>;
+    case 0x1020203: return convertMcu<3, Layout::Reversed, false, false, kWriters>;
+    case 0x2020203: return convertMcu<3, Layout::YCbCr, false, false, kWriters>;
+    default: return nullptr;
+    }
+}
+
+}  // namespace
+
+JpgReadColorConvertFunc readColorConvertFor(uint32_t id, SimdLevel level) {
+#if KIV_HAVE_SSE2_COLOR
+    if (level == SimdLevel::Avx2)
+        return vectorConverter<Writers::Avx2>(id);
+    if (level == SimdLevel::Sse2)
+        return vectorConverter<Writers::Sse2>(id);
+#endif
+    return nullptr;
 }
 
 }  // namespace kiv

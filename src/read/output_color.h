@@ -3,12 +3,17 @@
 #pragma once
 
 #include "core/codec.h"
+#include "core/simd.h"
 
 namespace kiv {
 
-// The stored full-size converter, or an equivalent one that relies on what
-// the stored upsampling routine guarantees (chroma rows doubled vertically
-// are read once per pair).
+// The converter of a processor level for a read ColorConvertID, or null
+// when the portable one serves (scaled output, two channels, 12-bit).
+JpgReadColorConvertFunc readColorConvertFor(uint32_t id, SimdLevel level);
+
+// The stored full-size converter, or an equivalent one of the same level
+// that relies on what the stored upsampling routine guarantees (chroma rows
+// doubled vertically are read once per pair).
 JpgReadColorConvertFunc mcuRowConverter(const JpgParam *param);
 
 }  // namespace kiv

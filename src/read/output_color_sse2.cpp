@@ -1,4 +1,4 @@
-// SSE2 block writers (x86-64 only): sixteen pixels, two block rows, per
+// SSE2 block writers (both x86 targets, compiled with -msse2): sixteen pixels, two block rows, per
 // step. The chroma terms (f x (c - 128) + 32768) >> 16 of the table
 // converter are computed exactly: f is split into a multiple of 65536, which
 // passes the shift unchanged, and a remainder r that fits 16 bits, whose term

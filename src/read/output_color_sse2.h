@@ -1,17 +1,15 @@
-// The SSE2 block writers of x86-64 (output_color_sse2.cpp): whole 8-column
-// blocks of an upsampled MCU written as BGR, grey, three- or four-channel
-// pixels, two rows of sixteen pixels at a time, bit-identical to the table
-// and copy converters of output_color.cpp.
+// The SSE2 block writers (output_color_sse2.cpp, both x86 targets, chosen
+// at run time): whole 8-column blocks of an upsampled MCU written as BGR,
+// grey, three- or four-channel pixels, two rows of sixteen pixels at a
+// time, bit-identical to the table and copy converters of output_color.cpp.
 #pragma once
 
 #include <stddef.h>
 #include <stdint.h>
 
-#if defined(__x86_64__) && defined(__SSE2__)
-#define KIV_HAVE_SSE2_COLOR 1
-#else
-#define KIV_HAVE_SSE2_COLOR 0
-#endif
+#include "core/simd.h"
+
+#define KIV_HAVE_SSE2_COLOR KIV_SIMD_X86
 
 namespace kiv {
 
@@ -27,6 +25,10 @@ void storeBlockBgrSse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride
 // As storeBlockBgrSse2 for chroma doubled vertically: rows 2k and 2k + 1 of
 // Cb and Cr are equal, and only the even ones are read.
 void storeBlockBgrPairedSse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
+// The same two for AVX2 processors (output_color_avx2.cpp), four rows at a
+// time; the copies have no AVX2 version.
+void storeBlockBgrAvx2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
+void storeBlockBgrPairedAvx2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
 void storeBlockCopy1Sse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
 void storeBlockCopy3Sse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);
 void storeBlockCopy4Sse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows);

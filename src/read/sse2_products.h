@@ -1,16 +1,19 @@
-// Exact 32-bit products for the SSE2 inverse transforms (x86-64 only): the
-// results equal the portable code's uint32_t products modulo 2^32 for every
-// input, which is what keeps the SSE2 and portable paths bit-identical.
+// Exact 32-bit products for the SSE2 inverse transforms (wherever SSE2 is
+// compiled in): the results equal the portable code's uint32_t products
+// modulo 2^32 for every input, which is what keeps the SSE2 and portable
+// paths bit-identical. In an anonymous namespace, so each file keeps its own
+// copy (see core/simd.h).
 #pragma once
 
 #include "read/inverse_dct_sse2.h"
 
-#if KIV_HAVE_SSE2_IDCT
+#if defined(__SSE2__)
 
 #include <emmintrin.h>
 #include <stdint.h>
 
 namespace kiv {
+namespace {
 
 // u * a + v * b in each 32-bit lane of uv = (u, v) interleaved 16-bit pairs;
 // exact modulo 2^32 for every 16-bit u, v (a and b fit 16 bits signed).
@@ -27,6 +30,7 @@ inline __m128i mulConst(__m128i v, int c) {
     return _mm_add_epi32(low, _mm_slli_epi32(_mm_mulhi_epu16(v, k), 16));
 }
 
+}  // namespace
 }  // namespace kiv
 
-#endif  // KIV_HAVE_SSE2_IDCT
+#endif  // __SSE2__

@@ -89,14 +89,23 @@ const int16_t *nextBlock(const McuWalk &walk, uint32_t b) {
     return walk.next != nullptr ? walk.next + kBlockSize * b : nullptr;
 }
 
+// The block expanders of a processor level: the full-size routines below
+// are templates over them.
+struct PortableExpanders {
+    static void both(const int16_t *in, const int16_t *next, int16_t *out) { doubleBothPortable(in, next, out); }
+    static void across(const int16_t *in, const int16_t *next, int16_t *left, int16_t *right) {
+        doubleAcrossPortable(in, next, left, right);
+    }
+    static void down(const int16_t *in, int16_t *upper, int16_t *lower) { doubleDownPortable(in, upper, lower); }
+};
 #if KIV_HAVE_SSE2_UPSAMPLING
-constexpr auto doubleBoth = doubleBothSse2;
-constexpr auto doubleAcross = doubleAcrossSse2;
-constexpr auto doubleDown = doubleDownSse2;
-#else
-constexpr auto doubleBoth = doubleBothPortable;
-constexpr auto doubleAcross = doubleAcrossPortable;
-constexpr auto doubleDown = doubleDownPortable;
+struct Sse2Expanders {
+    static void both(const int16_t *in, const int16_t *next, int16_t *out) { doubleBothSse2(in, next, out); }
+    static void across(const int16_t *in, const int16_t *next, int16_t *left, int16_t *right) {
+        doubleAcrossSse2(in, next, left, right);
+    }
+    static void down(const int16_t *in, int16_t *upper, int16_t *lower) { doubleDownSse2(in, upper, lower); }
+};
 #endif
 
 // General case: any Hmax x Vmax; linear interpolation over rh = Hmax / h
@@ -229,6 +238,54 @@ void upsampleScaledFixed(JpgParam *param) {
     });
 }
 
+template <class E>
+void upsampleTo12(JpgParam *param) {
+    forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
+        if (h * v != 1)
+            return pointAtSource(walk, 2);
+        E::down(walk.in, walk.out, walk.out + kBlockSize);
+        finishExpanded(walk, 2);
+    });
+}
+
+template <class E>
+void upsampleTo21(JpgParam *param) {
+    auto across = [](const int16_t *in, const int16_t *next, int16_t *out) {
+        E::across(in, next, out, out + kBlockSize);
+    };
+    if (upsampleLumaChroma<0x21, 2>(param, across))
+        return;
+    forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
+        if (h * v != 1)
+            return pointAtSource(walk, 2);
+        E::across(walk.in, nextBlock(walk, 0), walk.out, walk.out + kBlockSize);
+        finishExpanded(walk, 2);
+    });
+}
+
+template <class E>
+void upsampleTo22(JpgParam *param) {
+    if (upsampleLumaChroma<0x22, 4>(param, E::both))
+        return;
+    forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
+        constexpr int kB = kBlockSize;
+        const int16_t *in = walk.in;
+        int16_t *out = walk.out;
+        if (h == 2 && v == 2)
+            return pointAtSource(walk, 4);
+        if (h == 1 && v == 1) {
+            E::both(in, nextBlock(walk, 0), out);
+        } else if (h == 1) {  // 0x12: two blocks one above the other
+            E::across(in, nextBlock(walk, 0), out, out + kB);
+            E::across(in + kB, nextBlock(walk, 1), out + 2 * kB, out + 3 * kB);
+        } else {  // 0x21: two blocks side by side
+            E::down(in, out, out + 2 * kB);
+            E::down(in + kB, out + kB, out + 3 * kB);
+        }
+        finishExpanded(walk, 4);
+    });
+}
+
 }  // namespace
 
 void doubleBothPortable(const int16_t *in, const int16_t *next, int16_t *out) {
@@ -268,50 +325,9 @@ namespace {
         param->blockPointers[c * param->hv] = param->mcuBuffer + kBlockSize * c;
 }
 
-[[gnu::noinline]] void upsampleTo12(JpgParam *param) {
-    forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
-        if (h * v != 1)
-            return pointAtSource(walk, 2);
-        doubleDown(walk.in, walk.out, walk.out + kBlockSize);
-        finishExpanded(walk, 2);
-    });
-}
-
-[[gnu::noinline]] void upsampleTo21(JpgParam *param) {
-    auto across = [](const int16_t *in, const int16_t *next, int16_t *out) {
-        doubleAcross(in, next, out, out + kBlockSize);
-    };
-    if (upsampleLumaChroma<0x21, 2>(param, across))
-        return;
-    forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
-        if (h * v != 1)
-            return pointAtSource(walk, 2);
-        doubleAcross(walk.in, nextBlock(walk, 0), walk.out, walk.out + kBlockSize);
-        finishExpanded(walk, 2);
-    });
-}
-
-[[gnu::noinline]] void upsampleTo22(JpgParam *param) {
-    if (upsampleLumaChroma<0x22, 4>(param, doubleBoth))
-        return;
-    forEachComponent(param, [](McuWalk &walk, uint32_t h, uint32_t v) {
-        constexpr int kB = kBlockSize;
-        const int16_t *in = walk.in;
-        int16_t *out = walk.out;
-        if (h == 2 && v == 2)
-            return pointAtSource(walk, 4);
-        if (h == 1 && v == 1) {
-            doubleBoth(in, nextBlock(walk, 0), out);
-        } else if (h == 1) {  // 0x12: two blocks one above the other
-            doubleAcross(in, nextBlock(walk, 0), out, out + kB);
-            doubleAcross(in + kB, nextBlock(walk, 1), out + 2 * kB, out + 3 * kB);
-        } else {  // 0x21: two blocks side by side
-            doubleDown(in, out, out + 2 * kB);
-            doubleDown(in + kB, out + kB, out + 3 * kB);
-        }
-        finishExpanded(walk, 4);
-    });
-}
+[[gnu::noinline]] void portableTo12(JpgParam *param) { upsampleTo12<PortableExpanders>(param); }
+[[gnu::noinline]] void portableTo21(JpgParam *param) { upsampleTo21<PortableExpanders>(param); }
+[[gnu::noinline]] void portableTo22(JpgParam *param) { upsampleTo22<PortableExpanders>(param); }
 
 [[gnu::noinline]] void upsampleToNN(JpgParam *param) {
     uint32_t hmax = param->hmax, vmax = param->vmax;
@@ -356,9 +372,9 @@ extern "C" {
     }
 
 KIV_UPSAMPLER(jpgReadUpSamplingTo11, upsampleTo11)
-KIV_UPSAMPLER(jpgReadUpSamplingTo12, upsampleTo12)
-KIV_UPSAMPLER(jpgReadUpSamplingTo21, upsampleTo21)
-KIV_UPSAMPLER(jpgReadUpSamplingTo22, upsampleTo22)
+KIV_UPSAMPLER(jpgReadUpSamplingTo12, portableTo12)
+KIV_UPSAMPLER(jpgReadUpSamplingTo21, portableTo21)
+KIV_UPSAMPLER(jpgReadUpSamplingTo22, portableTo22)
 KIV_UPSAMPLER(jpgReadUpSamplingToNN, upsampleToNN)
 KIV_UPSAMPLER(jpgReadScaleOutputUpSamplingTo22, upsampleScaledTo22)
 KIV_UPSAMPLER(jpgReadScaleOutputUpSamplingTo21, upsampleScaledTo21)
@@ -388,9 +404,9 @@ namespace kiv {
 JpgUpSamplingFunc slotUpsampler(JpgUpSamplingFunc exported) {
     static constexpr UpsamplerPair kPairs[] = {
         {jpgReadUpSamplingTo11, upsampleTo11},
-        {jpgReadUpSamplingTo12, upsampleTo12},
-        {jpgReadUpSamplingTo21, upsampleTo21},
-        {jpgReadUpSamplingTo22, upsampleTo22},
+        {jpgReadUpSamplingTo12, portableTo12},
+        {jpgReadUpSamplingTo21, portableTo21},
+        {jpgReadUpSamplingTo22, portableTo22},
         {jpgReadUpSamplingToNN, upsampleToNN},
         {jpgReadScaleOutputUpSamplingTo22, upsampleScaledTo22},
         {jpgReadScaleOutputUpSamplingTo21, upsampleScaledTo21},
@@ -403,5 +419,30 @@ JpgUpSamplingFunc slotUpsampler(JpgUpSamplingFunc exported) {
     return exported;
 }
 
-}  // namespace kiv
 
+JpgUpSamplingFunc upSamplingFor(uint32_t id, SimdLevel level) {
+#if KIV_HAVE_SSE2_UPSAMPLING
+    if (level != SimdLevel::Portable) {
+        switch (id) {
+        case 0x10200: return upsampleTo12<Sse2Expanders>;
+        case 0x20100: return upsampleTo21<Sse2Expanders>;
+        case 0x20200: return upsampleTo22<Sse2Expanders>;
+        default: break;
+        }
+    }
+#endif
+    return nullptr;
+}
+
+bool doublesChromaRows(JpgUpSamplingFunc routine) {
+    if (routine == jpgReadUpSamplingTo22 || routine == jpgReadUpSamplingTo12 || routine == portableTo22 ||
+        routine == portableTo12)
+        return true;
+#if KIV_HAVE_SSE2_UPSAMPLING
+    return routine == upsampleTo22<Sse2Expanders> || routine == upsampleTo12<Sse2Expanders>;
+#else
+    return false;
+#endif
+}
+
+}  // namespace kiv

@@ -1,4 +1,4 @@
-// SSE2 block expanders (x86-64 only): one input row of 8 samples becomes 16
+// SSE2 block expanders (both x86 targets, compiled with -msse2): one input row of 8 samples becomes 16
 // in two registers. The rounded midpoint (a + b + 1) >> 1 of signed samples
 // is the unsigned rounding average of the samples offset by 0x8000, which
 // holds for every 16-bit input, so the result matches the portable code.

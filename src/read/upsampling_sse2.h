@@ -1,17 +1,25 @@
 // Block expanders of the full-size upsampling routines (upsampling.cpp):
-// portable versions, and SSE2 versions of x86-64 (upsampling_sse2.cpp) that
-// give the same samples for every 16-bit input.
+// portable versions, and SSE2 versions (upsampling_sse2.cpp, both x86
+// targets, chosen at run time) that give the same samples for every 16-bit
+// input; and what the colour converters may rely on from an upsampler.
 #pragma once
 
 #include <stdint.h>
 
-#if defined(__x86_64__) && defined(__SSE2__)
-#define KIV_HAVE_SSE2_UPSAMPLING 1
-#else
-#define KIV_HAVE_SSE2_UPSAMPLING 0
-#endif
+#include "core/simd.h"
+
+#define KIV_HAVE_SSE2_UPSAMPLING KIV_SIMD_X86
 
 namespace kiv {
+
+// The full-size upsampling routine of a processor level for an upsampling
+// ID, or null when the portable routine serves.
+JpgUpSamplingFunc upSamplingFor(uint32_t id, SimdLevel level);
+
+// True for the routines (of any level) that double components of vertical
+// factor 1 by repeating rows, so that with Vmax = 2 their chroma rows come
+// in equal pairs.
+bool doublesChromaRows(JpgUpSamplingFunc routine);
 
 // Each takes one 64-sample block (rows of 8). Horizontal doubling is
 // co-sited: out[2i] = a[i], out[2i + 1] = (a[i] + a[i + 1] + 1) >> 1, the

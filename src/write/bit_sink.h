@@ -1,11 +1,13 @@
 // The entropy coder's fast view of the bit writer (ISO/IEC 10918-1 F.1.2.3,
-// B.1.1.5): codes go, most significant first, into a 64-bit accumulator
-// taken over from the bitstream; every complete 32-bit word goes to the
-// staging buffer at once, byte by byte with stuffing only when one of its
-// bytes is 0xFF. The bytes, and the state handed back, are exactly those of
-// jpgWritePutBits. Unchecked stores need kBlockRoom bytes of staging room.
+// B.1.1.5): codes go, most significant first, into an accumulator (64 bits,
+// or 32 on 32-bit targets) taken over from the bitstream; every complete
+// 32-bit word goes to the staging buffer at once, byte by byte with stuffing
+// only when one of its bytes is 0xFF. The bytes, and the state handed back,
+// are exactly those of jpgWritePutBits. Unchecked stores need kBlockRoom
+// bytes of staging room.
 #pragma once
 
+#include <stdint.h>
 #include <string.h>
 
 #include "write/encoder.h"
@@ -34,12 +36,27 @@ public:
     // Appends `length` (1 to 32) bits; Checked stores test for a full buffer.
     template <bool Checked>
     JpgStatus put(uint32_t bits, int32_t length) {
+#if UINTPTR_MAX > 0xFFFFFFFFu
         acc_ = (acc_ << length) | bits;
         pending_ += length;
         if (pending_ < 32)
             return JPG_STATUS_OK;
         pending_ -= 32;
         uint32_t word = static_cast<uint32_t>(acc_ >> pending_);
+#else
+        // 32-bit registers: the accumulator keeps fewer than 32 bits, and a
+        // code that completes a word is split (a 64-bit shift only then).
+        int32_t total = pending_ + length;
+        if (total < 32) {
+            acc_ = (acc_ << length) | bits;
+            pending_ = total;
+            return JPG_STATUS_OK;
+        }
+        pending_ = total - 32;
+        uint32_t word = static_cast<uint32_t>((static_cast<uint64_t>(acc_) << (length - pending_)) |
+                                              (bits >> pending_));
+        acc_ = bits;  // its low pending_ bits are the rest; higher ones are shifted out later
+#endif
         if (Checked)
             return putWordChecked(word);
         putWord(word);
@@ -76,7 +93,11 @@ private:
     }
 
     ComplibBitstream *bs_;
+#if UINTPTR_MAX > 0xFFFFFFFFu
     uint64_t acc_;
+#else
+    uint32_t acc_;
+#endif
     int32_t pending_;  // valid low bits of acc_, 0 to 31 between calls
     uint32_t fill_;
 };

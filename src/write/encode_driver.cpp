@@ -101,6 +101,7 @@ JpgStatus prepareStrip(JpgParam *param, const ComplibRect *rect, uint32_t rows, 
     if (b.planes == nullptr || b.blocks == nullptr || b.ctx == nullptr)
         return JPG_STATUS_NO_MEMORY;
     memset(b.planes, 0, planeBytes);
+    memset(b.ctx, 0, sizeof *b.ctx);
     JpgWriteConvertContext *ctx = b.ctx;
     uint32_t factors[8];
     JpgStatus status = jpgWriteSSSetting(param, factors);

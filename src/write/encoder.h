@@ -4,6 +4,7 @@
 #pragma once
 
 #include "core/codec.h"
+#include "core/simd.h"
 
 // What the input conversion of one image needs per MCU; prepared by the
 // encode driver, read by the conversion routines.
@@ -18,6 +19,14 @@ struct JpgWriteConvertContext {
     uint32_t mcuWidth;
     uint32_t mcuHeight;
     int32_t factors[4][2];     // per component H and V
+    // Kept by the processor-specific conversions: the checked geometry
+    // (bytesPerPixel to factors, as above) and the grid steps derived from
+    // it, so that the MCUs after the first skip the checks. All zero (no
+    // geometry) in a fresh context.
+    struct {
+        uint32_t geometry[3 + 8];
+        int32_t sx[4], sy[4];
+    } checked;
 };
 
 namespace kiv {
@@ -71,6 +80,12 @@ static_assert(kMagnitude[0].category == 0 && kMagnitude[-1].category == 1 &&
 // its encoderTable) of a DC table whose code list is sorted by symbol and
 // holds the categories 0 to 11 in order; the lossless encoder shares it.
 JpgStatus buildDcDiffTable(JpgParam *param, JpgHuffmanTable *table);
+
+// The routines of a processor level: the MCU encoder for an MCU ID (null for
+// IDs without one), and the input conversion for a ColorConvertID (null when
+// the level has none of its own and the portable routine serves).
+JpgMcuFunc writeMcuFor(uint32_t id, SimdLevel level);
+JpgWriteColorConvertFunc writeColorConvertFor(uint32_t id, SimdLevel level);
 
 // Loads the base quantization tables of Annex K (K.1 luminance into table 0,
 // K.2 chrominance into table 1), in zig-zag order.

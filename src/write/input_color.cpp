@@ -5,8 +5,11 @@
 // 10918-1 A.1.1) and lays out the 8x8 blocks in MCU order (A.2.3), filling
 // the parts of blocks beyond the image's right and bottom edges.
 // Pixels are stored B, G, R: the first byte of a pixel is blue.
+#include <stddef.h>
+#include <string.h>
+
 #include "write/encoder.h"
-#include "write/input_color_sse2.h"
+#include "write/input_color_simd.h"
 
 namespace {
 
@@ -221,71 +224,8 @@ void directComponent(const JpgWriteConvertContext *ctx, int32_t x, int32_t y, in
             }
 }
 
-#if KIV_HAVE_SSE2_COLOR
-
-// The blocks of the components whose outputs are wanted, all on the grid of
-// component c, eight samples at a time; out[k] is the first block of each.
-template <bool Y, bool Cb, bool Cr, ptrdiff_t Step>
-void yccGrid(const JpgWriteConvertContext *ctx, int32_t x, int32_t y, const ComponentGrid &g, int16_t *const *out) {
-    const ptrdiff_t step = 3 * static_cast<ptrdiff_t>(g.sx);
-    const ptrdiff_t rowStep = static_cast<ptrdiff_t>(g.sy) * ctx->stride;
-    int32_t at = 0;
-    for (int32_t by = 0; by < static_cast<int32_t>(ctx->mcuHeight); by += 8 * g.sy)
-        for (int32_t bx = 0; bx < static_cast<int32_t>(ctx->mcuWidth); bx += 8 * g.sx, at += 64) {
-            const uint8_t *p = pixelRow(ctx, x + bx, y + by);
-            for (int32_t i = 0; i < 8; i++, p += rowStep) {
-                int32_t to = at + 8 * i;
-                kiv::color_sse2::ycc8<Y, Cb, Cr, Step>(p, step, Y ? out[0] + to : nullptr,
-                                                       Cb ? out[1] + to : nullptr, Cr ? out[2] + to : nullptr);
-            }
-        }
-}
-
-template <bool Y, bool Cb, bool Cr>
-void yccComponents(const JpgWriteConvertContext *ctx, int32_t x, int32_t y, uint32_t c, int16_t *const *out) {
-    ComponentGrid g = grid(ctx, c);
-    if (g.sx == 1)
-        yccGrid<Y, Cb, Cr, 3>(ctx, x, y, g, out);
-    else
-        yccGrid<Y, Cb, Cr, 0>(ctx, x, y, g, out);
-}
-
-bool sameGrid(const JpgWriteConvertContext *ctx, uint32_t a, uint32_t b) {
-    return ctx->factors[a][0] == ctx->factors[b][0] && ctx->factors[a][1] == ctx->factors[b][1];
-}
-
-// Components that share a grid are converted from one read of their pixels.
-void directYccBlocks(const JpgWriteConvertContext *ctx, int32_t x, int32_t y) {
-    int16_t *out[3] = {ctx->blocks};
-    for (uint32_t c = 1; c < 3; c++)
-        out[c] = out[c - 1] + 64 * ctx->factors[c - 1][0] * ctx->factors[c - 1][1];
-    bool chromaShared = sameGrid(ctx, 1, 2);
-    if (chromaShared && sameGrid(ctx, 0, 1)) {
-        yccComponents<true, true, true>(ctx, x, y, 0, out);
-        return;
-    }
-    yccComponents<true, false, false>(ctx, x, y, 0, out);
-    if (chromaShared) {
-        int16_t *chroma[3] = {nullptr, out[1], out[2]};
-        yccComponents<false, true, true>(ctx, x, y, 1, chroma);
-        return;
-    }
-    int16_t *cb[3] = {nullptr, out[1], nullptr};
-    int16_t *cr[3] = {nullptr, nullptr, out[2]};
-    yccComponents<false, true, false>(ctx, x, y, 1, cb);
-    yccComponents<false, false, true>(ctx, x, y, 2, cr);
-}
-
-#endif
-
 template <Layout L>
 void directBlocks(const JpgWriteConvertContext *ctx, int32_t x, int32_t y) {
-#if KIV_HAVE_SSE2_COLOR
-    if constexpr (L == Layout::YCbCr) {
-        directYccBlocks(ctx, x, y);
-        return;
-    }
-#endif
     int16_t *block = ctx->blocks;
     directComponent<L, 0>(ctx, x, y, block);
     if (ctx->bytesPerPixel > 1)
@@ -448,3 +388,56 @@ JpgWriteColorConvertFunc jpgGetWriteColorConvertGenericFunc(uint32_t id) {
 }
 
 }  // extern "C"
+
+namespace kiv {
+
+bool fullMcuGrid(JpgWriteConvertContext *ctx, int32_t x, int32_t y, uint32_t channels, McuGrid *out) {
+    if (ctx == nullptr || x < 0 || y < 0 || static_cast<int64_t>(x) + ctx->mcuWidth > ctx->width ||
+        static_cast<int64_t>(y) + ctx->mcuHeight > ctx->rows)
+        return false;
+    // bytesPerPixel, mcuWidth, mcuHeight and the factors, as one run of words.
+    static_assert(offsetof(JpgWriteConvertContext, factors) ==
+                  offsetof(JpgWriteConvertContext, bytesPerPixel) + 3 * sizeof(uint32_t));
+    uint32_t geometry[sizeof ctx->checked.geometry / sizeof(uint32_t)];
+    memcpy(geometry, &ctx->bytesPerPixel, sizeof geometry);
+    uint32_t differ = ctx->checked.geometry[0] ^ channels;  // also refuses the empty record
+    for (uint32_t i = 0; i < sizeof geometry / sizeof geometry[0]; i++)
+        differ |= geometry[i] ^ ctx->checked.geometry[i];
+    if (differ == 0) {
+        memcpy(out->sx, ctx->checked.sx, sizeof out->sx);
+        memcpy(out->sy, ctx->checked.sy, sizeof out->sy);
+        return true;
+    }
+    // The checks of validContext, in one pass that keeps the steps.
+    if (ctx->bytesPerPixel != channels || channels < 1 || channels > 4 || ctx->mcuWidth == 0 ||
+        ctx->mcuHeight == 0 || ctx->mcuWidth % 8 != 0 || ctx->mcuHeight % 8 != 0)
+        return false;
+    const uint32_t wide = ctx->mcuWidth / 8, high = ctx->mcuHeight / 8;
+    McuGrid g{};
+    for (uint32_t c = 0; c < channels; c++) {
+        int32_t h = ctx->factors[c][0], v = ctx->factors[c][1];
+        if (h < 1 || v < 1)
+            return false;
+        g.sx[c] = quotient(wide, h);
+        g.sy[c] = quotient(high, v);
+        if (static_cast<uint32_t>(g.sx[c] * h) != wide || static_cast<uint32_t>(g.sy[c] * v) != high)
+            return false;
+    }
+    memcpy(ctx->checked.geometry, geometry, sizeof ctx->checked.geometry);
+    memcpy(ctx->checked.sx, g.sx, sizeof g.sx);
+    memcpy(ctx->checked.sy, g.sy, sizeof g.sy);
+    *out = g;
+    return true;
+}
+
+JpgWriteColorConvertFunc writeColorConvertFor(uint32_t id, SimdLevel level) {
+#if KIV_SIMD_X86
+    if (level == SimdLevel::Avx2)
+        return writeColorConvertAvx2(id);
+    if (level == SimdLevel::Sse2)
+        return writeColorConvertSse2(id);
+#endif
+    return nullptr;
+}
+
+}  // namespace kiv

@@ -6,7 +6,6 @@
 #include "core/api_checks.h"
 #include "core/tables.h"
 #include "write/bit_sink.h"
-#include "write/forward_dct.h"
 #include "write/quantizer.h"
 
 namespace {
@@ -16,7 +15,14 @@ using kiv::kMaxMagnitude;
 
 int32_t clampTo(int32_t v, int32_t limit) { return v < -limit ? -limit : v > limit ? limit : v; }
 
-int lowestBit(uint64_t mask) { return __builtin_ctzll(mask); }
+// Lowest set bit of a non-zero mask; on 32-bit x86 from its halves (a
+// 64-bit count there is a library call).
+int lowestBit(uint64_t mask) {
+    if constexpr (sizeof(void *) == 8)
+        return __builtin_ctzll(mask);
+    uint32_t low = static_cast<uint32_t>(mask);
+    return low != 0 ? __builtin_ctz(low) : 32 + __builtin_ctz(static_cast<uint32_t>(mask >> 32));
+}
 
 // Codes the AC values of a quantized block (natural order) whose zig-zag
 // positions are the bits of `mask`: ZRL for every 16 zeros before a value,
@@ -46,43 +52,63 @@ JpgStatus emitAc(BitSink &sink, const JpgAcSymbol *table, const int16_t *natural
     return sink.put<Checked>(table[0x00].code, table[0x00].length);
 }
 
-// Transforms, quantizes and codes one block; the predictor takes the new
+// Codes one transformed and quantized block; the predictor takes the new
 // DC value even when the output fails.
 template <bool Checked>
-JpgStatus encodeBlock(BitSink &sink, JpgComponent *comp, const kiv::QuantSteps &steps, int16_t *block) {
-    alignas(16) int16_t quantized[64];
-    kiv::forwardDct(block);
-    int32_t dc = kiv::quantizeBlock(block, steps, quantized);
-    const JpgDcDiff &entry = comp->dcDiff[clampTo(dc - comp->dcPred, kMaxMagnitude)];
-    comp->dcPred = dc;
+JpgStatus codeBlock(BitSink &sink, JpgComponent *comp, const kiv::QuantizedBlock &q) {
+    const JpgDcDiff &entry = comp->dcDiff[clampTo(q.dc - comp->dcPred, kMaxMagnitude)];
+    comp->dcPred = q.dc;
     JpgStatus status = sink.put<Checked>(entry.bits, static_cast<int32_t>(entry.length));
     if (status != JPG_STATUS_OK)
         return status;
-    return emitAc<Checked>(sink, comp->acSymbols, quantized, kiv::acNonZeroMask(quantized));
+    return emitAc<Checked>(sink, comp->acSymbols, q.natural, q.acMask);
 }
 
+// Blocks are transformed and quantized in batches (the processor-specific
+// kernels take two at once), then coded in order.
+constexpr uint32_t kBatch = 8;
+
+template <kiv::BlockKernel Kernel>
 JpgStatus encodeBlocks(JpgParam *param, const kiv::QuantSteps *steps) {
     int16_t *block = param->enc.mcuBlocks;
     BitSink sink(&param->bs);
+    kiv::QuantizedBlock quantized[kBatch];
+    const kiv::QuantSteps *batchSteps[kBatch];
+    JpgComponent *owner[kBatch];
+    uint32_t pending = 0;
     JpgStatus status = JPG_STATUS_OK;
+    auto flush = [&]() {
+        Kernel(block, batchSteps, pending, quantized);
+        for (uint32_t b = 0; b < pending && status == JPG_STATUS_OK; b++)
+            status = sink.roomForBlock() ? codeBlock<false>(sink, owner[b], quantized[b])
+                                         : codeBlock<true>(sink, owner[b], quantized[b]);
+        block += 64 * pending;
+        pending = 0;
+    };
     for (uint32_t c = 0; c < param->numComponents && c < 4 && status == JPG_STATUS_OK; c++) {
         JpgComponent *comp = &param->components[c];
-        for (uint32_t b = 0; b < comp->blocks && status == JPG_STATUS_OK; b++, block += 64)
-            status = sink.roomForBlock() ? encodeBlock<false>(sink, comp, steps[c], block)
-                                         : encodeBlock<true>(sink, comp, steps[c], block);
+        for (uint32_t b = 0; b < comp->blocks && status == JPG_STATUS_OK; b++) {
+            batchSteps[pending] = &steps[c];
+            owner[pending++] = comp;
+            if (pending == kBatch)
+                flush();
+        }
     }
+    if (pending != 0 && status == JPG_STATUS_OK)
+        flush();
     sink.finish();
     return status;
 }
 
-JpgStatus jpgWriteEncodeBaselineMcu(JpgParam *param) {
-    if (JpgStatus s = kiv::guardWrite(param))
+template <kiv::BlockKernel Kernel>
+JpgStatus encodeMcu(JpgParam *param) {
+    if (JpgStatus s = kiv::guardWrite(param))  // the getters hand these out to anyone
         return s;
     if (param->enc.mcuBlocks == nullptr)
         return JPG_STATUS_INVALID_PARAMETER;
     JpgStatus status;
     if (param->enc.quantSteps != nullptr) {
-        status = encodeBlocks(param, param->enc.quantSteps);
+        status = encodeBlocks<Kernel>(param, param->enc.quantSteps);
     } else {
         // Called outside the encode driver: the divisors are prepared here.
         kiv::QuantSteps steps[4];
@@ -91,7 +117,7 @@ JpgStatus jpgWriteEncodeBaselineMcu(JpgParam *param) {
                 return JPG_STATUS_INVALID_PARAMETER;
             kiv::makeQuantSteps(param->components[c].quant, &steps[c]);
         }
-        status = encodeBlocks(param, steps);
+        status = encodeBlocks<Kernel>(param, steps);
     }
     if (status != JPG_STATUS_OK)
         return status;
@@ -99,6 +125,9 @@ JpgStatus jpgWriteEncodeBaselineMcu(JpgParam *param) {
         return jpgWriteEpilogEntropyCodedSegment(param);
     return JPG_STATUS_OK;
 }
+
+// The portable MCU encoder, the reference for the processor-specific ones.
+JpgStatus jpgWriteEncodeBaselineMcu(JpgParam *param) { return encodeMcu<kiv::transformQuantizePortable>(param); }
 
 }  // namespace
 
@@ -138,3 +167,19 @@ JpgStatus jpgWriteEpilogEntropyCodedSegment(JpgParam *param) {
 }
 
 }  // extern "C"
+
+namespace kiv {
+
+JpgMcuFunc writeMcuFor(uint32_t id, SimdLevel level) {
+    if (id != 0x301)
+        return nullptr;
+#if KIV_SIMD_X86
+    if (level == SimdLevel::Avx2)
+        return encodeMcu<transformQuantizeAvx2>;
+    if (level == SimdLevel::Sse2)
+        return encodeMcu<transformQuantizeSse2>;
+#endif
+    return jpgWriteEncodeBaselineMcu;
+}
+
+}  // namespace kiv

@@ -1,14 +1,10 @@
 // Quantizer of the baseline encoder: reciprocal division of the DCT outputs
 // (natural order in and out) and the zig-zag mask of non-zero AC values that
-// the entropy coder walks. The SSE2 routines work on eight coefficients at
-// once with the same 16-bit arithmetic as the portable ones.
+// the entropy coder walks; with the forward DCT, the portable block kernel.
 #include "write/quantizer.h"
 
+#include "core/codec.h"
 #include "core/tables.h"
-
-#if KIV_HAVE_SSE2_QUANTIZER
-#include <emmintrin.h>
-#endif
 
 namespace {
 
@@ -32,39 +28,22 @@ int32_t quantizeByDivision(const int16_t *block, const kiv::QuantSteps &steps, i
     return dc;
 }
 
-#if KIV_HAVE_SSE2_QUANTIZER
-
-// Eight coefficients: |c| + d/2, divided by reciprocal, the sign put back.
-inline __m128i quantize8(__m128i c, const uint16_t *mult, const uint16_t *post, const uint16_t *half) {
-    __m128i sign = _mm_srai_epi16(c, 15);
-    __m128i n = _mm_sub_epi16(_mm_xor_si128(c, sign), sign);  // |c| as unsigned, 32768 included
-    n = _mm_add_epi16(n, _mm_loadu_si128(reinterpret_cast<const __m128i *>(half)));
-    __m128i t = _mm_mulhi_epu16(n, _mm_loadu_si128(reinterpret_cast<const __m128i *>(mult)));
-    __m128i x = _mm_add_epi16(t, _mm_srli_epi16(_mm_sub_epi16(n, t), 1));
-    __m128i q = _mm_mulhi_epu16(x, _mm_loadu_si128(reinterpret_cast<const __m128i *>(post)));
-    return _mm_sub_epi16(_mm_xor_si128(q, sign), sign);
+constexpr kiv::ZigzagRowBits makeZigzagRowBits() {
+    kiv::ZigzagRowBits t{};
+    for (int row = 0; row < 8; row++)
+        for (int m = 0; m < 256; m++)
+            for (int j = 0; j < 8; j++)
+                if (m >> j & 1)
+                    t.bits[row][m] |= uint64_t{1} << kiv::kNaturalToZigzag[8 * row + j];
+    return t;
 }
-
-int32_t quantizeBlockSse2(const int16_t *block, const kiv::QuantSteps &steps, int16_t *out) {
-    const __m128i limit = _mm_set1_epi16(kMaxAc);
-    const __m128i negLimit = _mm_set1_epi16(-kMaxAc);
-    int32_t dc = 0;
-    for (int i = 0; i < 64; i += 8) {
-        __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(block + i));
-        __m128i q = quantize8(c, steps.mult + i, steps.post + i, steps.half + i);
-        // The quotient of a 16-bit dividend by a divisor >= 3 fits 16 bits signed.
-        if (i == 0)
-            dc = static_cast<int16_t>(_mm_cvtsi128_si32(q));
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(out + i), _mm_max_epi16(_mm_min_epi16(q, limit), negLimit));
-    }
-    return dc;
-}
-
-#endif
 
 }  // namespace
 
 namespace kiv {
+
+constexpr ZigzagRowBits kZigzagRowBits = makeZigzagRowBits();
+static_assert(kZigzagRowBits.bits[0][2] == 2 && kZigzagRowBits.bits[1][1] == 4 && kZigzagRowBits.bits[7][128] == uint64_t{1} << 63);
 
 void makeQuantSteps(const uint32_t *zigzagDivisors, QuantSteps *steps) {
     steps->exact = true;
@@ -83,7 +62,7 @@ void makeQuantSteps(const uint32_t *zigzagDivisors, QuantSteps *steps) {
     }
 }
 
-int32_t quantizeBlockPortable(const int16_t *block, const QuantSteps &steps, int16_t *out) {
+int32_t quantizeBlock(const int16_t *block, const QuantSteps &steps, int16_t *out) {
     if (!steps.exact)
         return quantizeByDivision(block, steps, out);
     int32_t dc = 0;
@@ -99,42 +78,20 @@ int32_t quantizeBlockPortable(const int16_t *block, const QuantSteps &steps, int
     return dc;
 }
 
-int32_t quantizeBlock(const int16_t *block, const QuantSteps &steps, int16_t *out) {
-#if KIV_HAVE_SSE2_QUANTIZER
-    if (steps.exact)
-        return quantizeBlockSse2(block, steps, out);
-#endif
-    return quantizeBlockPortable(block, steps, out);
-}
-
-uint64_t acNonZeroMaskPortable(const int16_t *natural) {
+uint64_t acNonZeroMask(const int16_t *natural) {
     uint64_t mask = 0;
     for (int k = 1; k < 64; k++)
         mask |= static_cast<uint64_t>(natural[kZigzag[k]] != 0) << k;
     return mask;
 }
 
-// The natural-order mask comes from vector compares; its bits (as many as
-// there are non-zero values, few at usual qualities) then move to their
-// zig-zag positions one by one.
-uint64_t acNonZeroMask(const int16_t *natural) {
-#if KIV_HAVE_SSE2_QUANTIZER
-    uint64_t found = 0;
-    const __m128i zero = _mm_setzero_si128();
-    for (int i = 0; i < 64; i += 16) {
-        __m128i a = _mm_cmpeq_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(natural + i)), zero);
-        __m128i b = _mm_cmpeq_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(natural + i + 8)), zero);
-        uint32_t zeros = static_cast<uint32_t>(_mm_movemask_epi8(_mm_packs_epi16(a, b)));
-        found |= static_cast<uint64_t>(~zeros & 0xFFFF) << i;
+void transformQuantizePortable(int16_t *blocks, const QuantSteps *const *steps, uint32_t count,
+                               QuantizedBlock *out) {
+    for (uint32_t b = 0; b < count; b++, blocks += 64) {
+        complibIntFDCT8x8(blocks);
+        out[b].dc = quantizeBlock(blocks, *steps[b], out[b].natural);
+        out[b].acMask = acNonZeroMask(out[b].natural);
     }
-    found &= ~uint64_t{1};
-    uint64_t mask = 0;
-    for (; found != 0; found &= found - 1)
-        mask |= uint64_t{1} << kNaturalToZigzag[__builtin_ctzll(found)];
-    return mask;
-#else
-    return acNonZeroMaskPortable(natural);
-#endif
 }
 
 }  // namespace kiv

@@ -3,18 +3,13 @@
 // and finds the non-zero AC values in zig-zag order. The division is a multiply by a
 // precomputed reciprocal (Granlund and Montgomery, "Division by invariant
 // integers using multiplication", 1994, Figure 4.1), exact for every
-// dividend 0..65535 and divisor 3..65535; the SSE2 and portable routines
-// give the same bits. Divisors outside that range fall back to division.
-// The entropy coder then walks the non-zero values in zig-zag order.
+// dividend 0..65535 and divisor 3..65535; the vector routines of
+// forward_dct_sse2.cpp and forward_dct_avx2.cpp give the same bits.
+// Divisors outside that range fall back to division. The entropy coder then
+// walks the non-zero values in zig-zag order.
 #pragma once
 
 #include <stdint.h>
-
-#if defined(__x86_64__) && defined(__SSE2__)
-#define KIV_HAVE_SSE2_QUANTIZER 1
-#else
-#define KIV_HAVE_SSE2_QUANTIZER 0
-#endif
 
 namespace kiv {
 
@@ -69,12 +64,37 @@ void makeQuantSteps(const uint32_t *zigzagDivisors, QuantSteps *steps);
 // codes). Returns the DC value, not limited.
 int32_t quantizeBlock(const int16_t *block, const QuantSteps &steps, int16_t *out);
 
-// The portable routine, which quantizeBlock uses when SSE2 is not built in.
-int32_t quantizeBlockPortable(const int16_t *block, const QuantSteps &steps, int16_t *out);
-
 // Of a quantized block in natural order: bit k set for every zig-zag
 // position k in 1..63 whose value is non-zero.
 uint64_t acNonZeroMask(const int16_t *natural);
-uint64_t acNonZeroMaskPortable(const int16_t *natural);
+
+// The natural-to-zig-zag permutation of a 64-bit mask, one row (byte) at a
+// time: bits[r][m] has bit kNaturalToZigzag[8 r + j] set for every bit j of m.
+struct ZigzagRowBits {
+    uint64_t bits[8][256];
+};
+extern const ZigzagRowBits kZigzagRowBits;
+
+// One block after the forward DCT and quantization, as the entropy coder
+// takes it: the values of quantizeBlock, its DC value and the mask of
+// acNonZeroMask.
+struct QuantizedBlock {
+    alignas(16) int16_t natural[64];
+    uint64_t acMask;
+    int32_t dc;
+};
+
+// Transforms `count` consecutive blocks of level-shifted samples (within
+// +-kFdctSampleLimit; the blocks hold unspecified values afterwards) and
+// quantizes block b with *steps[b] into out[b]. The portable kernel is the
+// reference; the others give the same bits.
+using BlockKernel = void (*)(int16_t *blocks, const QuantSteps *const *steps, uint32_t count,
+                             QuantizedBlock *out);
+void transformQuantizePortable(int16_t *blocks, const QuantSteps *const *steps, uint32_t count,
+                               QuantizedBlock *out);
+void transformQuantizeSse2(int16_t *blocks, const QuantSteps *const *steps, uint32_t count,
+                           QuantizedBlock *out);
+void transformQuantizeAvx2(int16_t *blocks, const QuantSteps *const *steps, uint32_t count,
+                           QuantizedBlock *out);
 
 }  // namespace kiv

@@ -2,10 +2,13 @@
 // coefficient store; the processor and DCT-method flags.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include "core/codec.h"
 #include "core/handle.h"
+#include "test_support.h"
 
 namespace {
 
@@ -104,11 +107,73 @@ TEST(Flags, ProcessorFlagNeedsAMode) {
     h.p->precision = 8;
     EXPECT_EQ(jpgSetProcessorArchitectureFlag(h.p, 0xFFFFFFFF), JPG_STATUS_OK);
     uint32_t flag = 7, caps = 7;
-    EXPECT_EQ(jpgGetProcessorArchitectureFlag(h.p, &flag), JPG_STATUS_OK);
-    EXPECT_EQ(flag, 0u);  // masked by the capabilities of this build
     EXPECT_EQ(jpgGetProcessorArchitectureFlagCaps(h.p, &caps), JPG_STATUS_OK);
-    EXPECT_EQ(caps, 0u);
+    EXPECT_EQ(caps, jpgGetProcessorArchitecture());
+    EXPECT_EQ(jpgGetProcessorArchitectureFlag(h.p, &flag), JPG_STATUS_OK);
+    EXPECT_EQ(flag, caps);  // the request masked by the capabilities
     EXPECT_EQ(jpgGetProcessorArchitectureFlag(h.p, nullptr), JPG_STATUS_INVALID_HANDLE);
+}
+
+// CPUID's answer: only the defined bits, AVX2 only with SSE2, and SSE2
+// always on x86-64 (part of its baseline).
+TEST(Flags, CapabilitiesAreTheDefinedBits) {
+    uint32_t caps = jpgGetProcessorArchitecture();
+    EXPECT_EQ(caps & ~(JPG_PROCESSOR_SSE2 | JPG_PROCESSOR_AVX2), 0u);
+    if (caps & JPG_PROCESSOR_AVX2)
+        EXPECT_TRUE(caps & JPG_PROCESSOR_SSE2);
+#if defined(__x86_64__)
+    EXPECT_TRUE(caps & JPG_PROCESSOR_SSE2);
+#endif
+    Handle h;
+    h.p->mode |= kModeWrite;
+    for (uint32_t request : {0u, JPG_PROCESSOR_SSE2, JPG_PROCESSOR_AVX2 | 0x100u, 0xFFFFFFFFu}) {
+        uint32_t flag = 7;
+        EXPECT_EQ(jpgSetProcessorArchitectureFlag(h.p, request), JPG_STATUS_OK);
+        EXPECT_EQ(jpgGetProcessorArchitectureFlag(h.p, &flag), JPG_STATUS_OK);
+        EXPECT_EQ(flag, request & caps);
+    }
+}
+
+// The encoder's getters: the portable routines for flag 0, a routine of
+// the level for every level the processor has (the same bits are checked
+// in tests/write/encoder_simd_test.cpp), and nothing for unknown IDs.
+TEST(Dispatch, WriteGettersHandOutTheLevelsRoutines) {
+    const uint32_t ycc420 = 0x02020203u;  // YCbCr 2x2, plain down-sampling
+    EXPECT_EQ(jpgGetWriteMCUFunc(0x301, 0), jpgGetWriteMCUGenericFunc(0x301));
+    EXPECT_EQ(jpgGetWriteColorConvertFunc(ycc420, 0), jpgGetWriteColorConvertGenericFunc(ycc420));
+    std::vector<JpgMcuFunc> seen{jpgGetWriteMCUFunc(0x301, 0)};
+    for (uint32_t flag : kivtest::processorFlags()) {
+        if (flag == 0)
+            continue;
+        JpgMcuFunc mcu = jpgGetWriteMCUFunc(0x301, flag);
+        EXPECT_EQ(std::count(seen.begin(), seen.end(), mcu), 0) << kivtest::processorName(flag);
+        seen.push_back(mcu);
+        EXPECT_NE(jpgGetWriteColorConvertFunc(ycc420, flag), jpgGetWriteColorConvertGenericFunc(ycc420));
+        // Averaging down-sampling and level shifts stay portable.
+        EXPECT_EQ(jpgGetWriteColorConvertFunc(ycc420 | 0x80000000u, flag),
+                  jpgGetWriteColorConvertGenericFunc(ycc420 | 0x80000000u));
+        EXPECT_EQ(jpgGetWriteColorConvertFunc(0x00010101u, flag), jpgGetWriteColorConvertGenericFunc(0x00010101u));
+        EXPECT_EQ(jpgGetWriteMCUFunc(0x303, flag), nullptr);
+        EXPECT_EQ(jpgGetWriteColorConvertFunc(0x22020203u, flag), nullptr);  // 12-bit samples
+    }
+}
+
+// The decoder's getters: upsampling and colour conversion of the level for
+// the full-size identifiers, the portable routines for scaled output (and
+// for flag 0), nothing for unknown converter IDs.
+TEST(Dispatch, ReadGettersHandOutTheLevelsRoutines) {
+    for (uint32_t flag : kivtest::processorFlags()) {
+        bool simd = flag != 0;
+        for (uint32_t id : {0x10200u, 0x20100u, 0x20200u})
+            EXPECT_EQ(jpgGetUpSamplingFunc(id, flag) != jpgGetUpSamplingGenericFunc(id), simd) << std::hex << id;
+        for (uint32_t id : {0x10100u, 0x80020200u, 0x40400u})
+            EXPECT_EQ(jpgGetUpSamplingFunc(id, flag), jpgGetUpSamplingGenericFunc(id)) << std::hex << id;
+        for (uint32_t id : {0x20201u, 0x20203u, 0x20204u, 0x1020203u, 0x2020203u})
+            EXPECT_EQ(jpgGetReadColorConvertFunc(id, flag) != jpgGetReadColorConvertGenericFunc(id), simd)
+                << std::hex << id;
+        for (uint32_t id : {0x20202u, 0x42020203u, 0x22020203u, 0x12345678u})
+            EXPECT_EQ(jpgGetReadColorConvertFunc(id, flag), jpgGetReadColorConvertGenericFunc(id)) << std::hex << id;
+    }
 }
 
 TEST(Flags, DctMethodRange) {

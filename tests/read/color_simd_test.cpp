@@ -1,7 +1,8 @@
-// The SSE2 block writers and block expanders of x86-64 against the portable
-// code, bit for bit: every Y, Cb, Cr combination, random and extreme 16-bit
-// samples (only the low byte may count), every row count, neighbouring bytes
-// left untouched; doubling with and without a right-hand neighbour.
+// The SSE2 and AVX2 block writers and the SSE2 block expanders against the
+// portable code, bit for bit: every Y, Cb, Cr combination, random and
+// extreme 16-bit samples (only the low byte may count), every row count,
+// neighbouring bytes left untouched; doubling with and without a right-hand
+// neighbour. Levels the processor lacks are skipped.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -11,8 +12,11 @@
 #include "kivjpeg.h"
 #include "read/output_color_sse2.h"
 #include "read/upsampling_sse2.h"
+#include "test_support.h"
 
 namespace {
+
+bool have(uint32_t level) { return (jpgGetProcessorArchitecture() & level) != 0; }
 
 #if KIV_HAVE_SSE2_COLOR
 
@@ -64,11 +68,16 @@ TEST(ColorSimd, BgrWriterMatchesTableConverterForEveryInput) {
             for (int y0 = 0; y0 < 256; y0 += 64) {
                 for (int i = 0; i < 64; i++)
                     y[i] = int16_t(y0 + i), cb[i] = int16_t(b), cr[i] = int16_t(r);
-                Canvas fast, plain;
+                Canvas fast, plain, wide;
                 kiv::storeBlockBgrSse2(src, fast.origin(), kStride, 8);
                 expectedBlock(src, 3, true, 8, plain);
                 ASSERT_EQ(0, memcmp(fast.bytes, plain.bytes, sizeof fast.bytes))
                     << "cb " << b << " cr " << r << " y " << y0;
+                if (have(JPG_PROCESSOR_AVX2)) {
+                    kiv::storeBlockBgrAvx2(src, wide.origin(), kStride, 8);
+                    ASSERT_EQ(0, memcmp(wide.bytes, plain.bytes, sizeof wide.bytes))
+                        << "avx2 cb " << b << " cr " << r << " y " << y0;
+                }
             }
 }
 
@@ -92,6 +101,8 @@ TEST(ColorSimd, WritersMatchPortableOnRandomAndExtremeSamples) {
         for (auto &block : blocks)
             fillSamples(random, n % 3, block);
         checkWriter(kiv::storeBlockBgrSse2, 3, true, src, "bgr");
+        if (have(JPG_PROCESSOR_AVX2))
+            checkWriter(kiv::storeBlockBgrAvx2, 3, true, src, "bgr avx2");
         checkWriter(kiv::storeBlockCopy1Sse2, 1, false, src, "grey");
         checkWriter(kiv::storeBlockCopy3Sse2, 3, false, src, "three");
         checkWriter(kiv::storeBlockCopy4Sse2, 4, false, src, "four");
@@ -111,6 +122,8 @@ TEST(ColorSimd, PairedChromaWriterMatchesPortable) {
             for (int r = 0; r < 8; r += 2)
                 memcpy(blocks[c] + 8 * (r + 1), blocks[c] + 8 * r, 16);
         checkWriter(kiv::storeBlockBgrPairedSse2, 3, true, src, "paired");
+        if (have(JPG_PROCESSOR_AVX2))
+            checkWriter(kiv::storeBlockBgrPairedAvx2, 3, true, src, "paired avx2");
     }
 }
 

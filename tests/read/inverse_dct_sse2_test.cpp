@@ -13,6 +13,7 @@
 #include "kivjpeg.h"
 #include "read/inverse_dct.h"
 #include "read/inverse_dct_sse2.h"
+#include "test_support.h"
 
 namespace {
 
@@ -161,22 +162,25 @@ TEST(InverseDctFast, SixteenBitLimitAndExtremes) {
             }
 }
 
-#if KIV_HAVE_SSE2_IDCT
-// The SSE2 transform against the portable one on random blocks of random
-// shape, bit for bit.
-TEST(InverseDctSse2, MatchesPortableBitForBit) {
+// The transform of every processor level this machine runs against the
+// portable one on random blocks of random shape, bit for bit.
+TEST(InverseDctSse2, EveryLevelMatchesPortableBitForBit) {
     std::mt19937 random(777);
     std::uniform_int_distribution<int> side(1, 8), density(1, 100), size(0, 15);
-    for (int n = 0; n < 400000; n++) {
-        int16_t block[64], portable[64];
-        sparseBlock(random, side(random), side(random), density(random), 1 << size(random), block);
-        if (n % 7 == 0) block[0] = int16_t(random());
-        std::copy(block, block + 64, portable);
-        kiv::inverseDctPortable(portable);
-        kiv::inverseDctSse2(block);
-        for (int i = 0; i < 64; i++) ASSERT_EQ(block[i], portable[i]) << "block " << n << " index " << i;
+    for (uint32_t flag : kivtest::processorFlags()) {
+        kiv::InverseDct transform = kiv::inverseDctFor(flag);
+        ASSERT_EQ(transform == kiv::inverseDctPortable, flag == 0);
+        for (int n = 0; n < 200000; n++) {
+            int16_t block[64], portable[64];
+            sparseBlock(random, side(random), side(random), density(random), 1 << size(random), block);
+            if (n % 7 == 0) block[0] = int16_t(random());
+            std::copy(block, block + 64, portable);
+            kiv::inverseDctPortable(portable);
+            transform(block);
+            for (int i = 0; i < 64; i++)
+                ASSERT_EQ(block[i], portable[i]) << kivtest::processorName(flag) << " block " << n << " index " << i;
+        }
     }
 }
-#endif
 
 }  // namespace

@@ -1,8 +1,10 @@
 // Whole decodes through the fast output paths (whole MCUs, paired chroma
 // rows, SSE2 writers) against the pixel-by-pixel path, which the decoder
 // takes when the rectangle has more channels than the frame: the same
-// stream decoded into both must give the same bytes, for every sampling
-// and for sizes that cut MCUs at the right and bottom edges.
+// stream decoded into both must give the same bytes, for every sampling,
+// for sizes that cut MCUs at the right and bottom edges, and at every
+// processor level this machine runs (portable upsampling and converters
+// included).
 #include <gtest/gtest.h>
 
 #include <random>
@@ -28,13 +30,16 @@ Image picture(int width, int height, int channels, uint32_t seed) {
     return img;
 }
 
-// Decodes the stream into a rectangle of `channels` channels.
-std::vector<uint8_t> decode(const std::vector<uint8_t> &jpeg, int channels, int *width, int *height) {
+// Decodes the stream into a rectangle of `channels` channels with the
+// routines of a processor flag.
+std::vector<uint8_t> decode(const std::vector<uint8_t> &jpeg, int channels, int *width, int *height,
+                            uint32_t flag = 0xFFFFFFFF) {
     JpgParam *p = nullptr;
     EXPECT_EQ(jpgReadPrologFromMemory(jpeg.data(), static_cast<int32_t>(jpeg.size()), 0, &p),
               JPG_STATUS_OK);
     if (p == nullptr)
         return {};
+    EXPECT_EQ(jpgSetProcessorArchitectureFlag(p, flag), JPG_STATUS_OK);
     uint32_t w = 0, h = 0;
     jpgReadGetImageSize(p, &w, &h);
     *width = static_cast<int>(w), *height = static_cast<int>(h);
@@ -71,16 +76,19 @@ TEST(OutputPaths, FastPathsMatchPixelByPixelPath) {
             if (jpeg.empty())
                 continue;  // a sampling the encoder refuses
             int fw = 0, fh = 0, pw = 0, ph = 0;
-            std::vector<uint8_t> fast = decode(jpeg, c.channels, &fw, &fh);
-            std::vector<uint8_t> plain = decode(jpeg, 4, &pw, &ph);
-            ASSERT_EQ(fw, w);
-            ASSERT_EQ(fh, h);
+            std::vector<uint8_t> plain = decode(jpeg, 4, &pw, &ph, 0);
             ASSERT_EQ(pw, w);
             decoded++;
-            for (int i = 0; i < w * h; i++)
-                for (int k = 0; k < c.channels; k++)
-                    ASSERT_EQ(fast[size_t(i) * c.channels + k], plain[size_t(i) * 4 + k])
-                        << std::hex << c.sampling << std::dec << " " << w << "x" << h << " pixel " << i;
+            for (uint32_t flag : processorFlags()) {
+                std::vector<uint8_t> fast = decode(jpeg, c.channels, &fw, &fh, flag);
+                ASSERT_EQ(fw, w);
+                ASSERT_EQ(fh, h);
+                for (int i = 0; i < w * h; i++)
+                    for (int k = 0; k < c.channels; k++)
+                        ASSERT_EQ(fast[size_t(i) * c.channels + k], plain[size_t(i) * 4 + k])
+                            << processorName(flag) << " " << std::hex << c.sampling << std::dec << " " << w << "x"
+                            << h << " pixel " << i;
+            }
         }
     EXPECT_GE(decoded, 30);
 }

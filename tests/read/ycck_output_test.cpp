@@ -43,8 +43,8 @@ TEST(YcckOutput, AdobeTransformChoosesTheConverter) {
         ASSERT_EQ(h.status, JPG_STATUS_OK);
         if (c.noConversion)
             ASSERT_EQ(jpgReadSetNoColorConversion(h.p), JPG_STATUS_OK);
-        // Choosing the routines again (as a DCT-method change does) keeps the rule.
-        ASSERT_EQ(jpgSetDCTMethodFlag(h.p, 1), JPG_STATUS_OK);
+        // Choosing the routines again, here the portable ones, keeps the rule.
+        ASSERT_EQ(jpgSetProcessorArchitectureFlag(h.p, 0), JPG_STATUS_OK);
         EXPECT_EQ(h.p->routines.convert, kiv::slotConverter(c.full));
         EXPECT_EQ(h.p->routines.convertScaled, kiv::slotConverter(c.scaled));
     }

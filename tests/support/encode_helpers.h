@@ -78,6 +78,7 @@ struct EncodeOptions {
     uint32_t strip = 0;           // rows per call; 0: all at once
     bool setSize = false;
     std::vector<std::vector<uint8_t>> segments;  // APPn bodies (marker 0xFFE0 + index)
+    uint32_t processorFlag = 0xFFFFFFFF;  // the routines' level (masked by the processor)
 };
 
 inline ComplibRect rectOf(Image &img) {
@@ -112,6 +113,8 @@ inline std::vector<uint8_t> encode(Image &img, const EncodeOptions &o, JpgStatus
     if (s != JPG_STATUS_OK)
         return fail(s);
     if ((s = jpgWriteSetQuantizationFactor(h, o.quality)) != JPG_STATUS_OK)
+        return fail(s);
+    if ((s = jpgSetProcessorArchitectureFlag(h, o.processorFlag)) != JPG_STATUS_OK)
         return fail(s);
     if (o.sampling && (s = jpgWriteSetSubsamplingFactor(h, o.sampling)) != JPG_STATUS_OK)
         return fail(s);

@@ -31,6 +31,7 @@ struct Entry {
     std::string file, options, size, hash;
     std::string mode;
     std::map<std::string, std::string> settings;
+    uint32_t processorFlag = 0xFFFFFFFF;  // the routines' level for every handle
 
     bool has(const std::string &key) const { return settings.count(key) != 0; }
     int value(const std::string &key, int otherwise) const {
@@ -232,7 +233,8 @@ inline JpgStatus decodeBytes(const Bytes &jpeg, const Entry &e, Image *out) {
     JpgParam *param = nullptr;
     JpgStatus status = jpgReadPrologFromMemory(jpeg.data(), int32_t(jpeg.size()), 0, &param);
     if (status != 0) return status;
-    status = readPixels(param, e, out);
+    status = jpgSetProcessorArchitectureFlag(param, e.processorFlag);
+    if (status == 0) status = readPixels(param, e, out);
     jpgReadEpilog(param);
     return status;
 }
@@ -244,9 +246,9 @@ inline JpgStatus decodeFile(const std::string &path, const Entry &e, Image *out)
     Image source;
     Bytes stream;
     if (!readSource(path, &source)) return JPG_STATUS_FAILED;
-    JpgStatus status = encodeImage(source, parseEntry(e.file, "lossless-encode" +
-                                                                  e.options.substr(15)),
-                                   &stream);
+    Entry encoding = parseEntry(e.file, "lossless-encode" + e.options.substr(15));
+    encoding.processorFlag = e.processorFlag;
+    JpgStatus status = encodeImage(source, encoding, &stream);
     return status != 0 ? status : decodeBytes(stream, e, out);
 }
 
@@ -265,6 +267,7 @@ inline JpgStatus encodeImage(const Image &source, const Entry &e, Bytes *out) {
     JpgParam *param = nullptr;
     JpgStatus status = jpgWritePrologToMemory(0, &param);
     if (status != 0) return status;
+    status = jpgSetProcessorArchitectureFlag(param, e.processorFlag);
     Image copy = source;
     ComplibRect rect = rectOf(&copy);
     if (e.has("ri")) status = jpgWriteSetRestartInterval(param, uint16_t(e.value("ri", 0)));

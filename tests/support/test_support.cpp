@@ -50,6 +50,20 @@ int run(const std::string &command, std::string *output) {
 
 bool haveTool(const std::string &name) { return run("command -v " + name + " >/dev/null 2>&1") == 0; }
 
+std::vector<uint32_t> processorFlags() {
+    uint32_t caps = jpgGetProcessorArchitecture();
+    std::vector<uint32_t> flags{0};
+    if (caps & JPG_PROCESSOR_SSE2)
+        flags.push_back(JPG_PROCESSOR_SSE2);
+    if ((caps & JPG_PROCESSOR_SSE2) && (caps & JPG_PROCESSOR_AVX2))
+        flags.push_back(JPG_PROCESSOR_SSE2 | JPG_PROCESSOR_AVX2);
+    return flags;
+}
+
+std::string processorName(uint32_t flag) {
+    return (flag & JPG_PROCESSOR_AVX2) ? "avx2" : (flag & JPG_PROCESSOR_SSE2) ? "sse2" : "portable";
+}
+
 std::vector<std::string> photographs() {
     std::vector<std::string> files;
     std::error_code ec;

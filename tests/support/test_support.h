@@ -24,6 +24,14 @@ int run(const std::string &command, std::string *output = nullptr);
 // True when a program is on the PATH.
 bool haveTool(const std::string &name);
 
+// The processor flags whose routines this machine can run: 0 (portable),
+// then SSE2, then SSE2 with AVX2, as far as jpgGetProcessorArchitecture
+// reports them.
+std::vector<uint32_t> processorFlags();
+
+// A name for a processor flag in test output ("portable", "sse2", "avx2").
+std::string processorName(uint32_t flag);
+
 // JPEG files of Debian's photograph packages, when installed.
 std::vector<std::string> photographs();
 

@@ -1,8 +1,10 @@
 // The encoder's fast routines against their plain twins, bit for bit: the
-// reciprocal division against real division over every dividend, the SSE2
-// quantizer, non-zero mask and forward DCT against the portable ones, the
-// 64-bit bit sink against jpgWritePutBits, and the direct block conversion
-// of full MCUs against conversion into planes plus plain down-sampling.
+// reciprocal division against real division over every dividend, the
+// forward DCT and the transform-and-quantize kernels of every processor
+// level this machine runs against the portable ones, the 64-bit bit sink
+// against jpgWritePutBits, the direct block conversion of full MCUs against
+// conversion into planes plus plain down-sampling, and whole encodes of real
+// images at every level against the portable encoder.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -71,16 +73,12 @@ void fillProbingBlock(std::mt19937 &rng, const std::vector<uint32_t> &zigzagDivi
 void expectQuantizersAgree(const std::vector<uint32_t> &divisors, const int16_t *block) {
     kiv::QuantSteps steps;
     kiv::makeQuantSteps(divisors.data(), &steps);
-    int16_t fast[64], portable[64];
-    int32_t dcFast = kiv::quantizeBlock(block, steps, fast);
-    int32_t dcPortable = kiv::quantizeBlockPortable(block, steps, portable);
-    int16_t dcRef = referenceQuantize(block[0], divisors[0], true);
-    ASSERT_EQ(dcFast, dcRef);
-    ASSERT_EQ(dcPortable, dcRef);
+    int16_t portable[64];
+    int32_t dcPortable = kiv::quantizeBlock(block, steps, portable);
+    ASSERT_EQ(dcPortable, referenceQuantize(block[0], divisors[0], true));
     for (int k = 0; k < 64; k++) {
         uint32_t i = kiv::kZigzag[k];
         int16_t want = referenceQuantize(block[i], divisors[k], false);
-        ASSERT_EQ(fast[i], want) << "position " << k << " divisor " << divisors[k];
         ASSERT_EQ(portable[i], want) << "position " << k << " divisor " << divisors[k];
     }
 }
@@ -124,38 +122,46 @@ TEST(EncoderSimd, QuantizerMatchesDivisionOnAnyDivisors) {
     }
 }
 
-TEST(EncoderSimd, NonZeroMaskMatchesPortable) {
-    std::mt19937 rng(3);
-    int16_t natural[64];
-    for (int round = 0; round < 5000; round++) {
-        int density = round % 65;
-        for (int i = 0; i < 64; i++)
-            natural[i] = static_cast<int16_t>(static_cast<int>(rng() % 64) < density ? (rng() % 2047) - 1023 : 0);
-        uint64_t mask = kiv::acNonZeroMask(natural);
-        ASSERT_EQ(mask, kiv::acNonZeroMaskPortable(natural));
-        for (int k = 1; k < 64; k++)
-            ASSERT_EQ((mask >> k) & 1, natural[kiv::kZigzag[k]] != 0 ? 1u : 0u);
-        ASSERT_EQ(mask & 1, 0u);
-    }
-}
-
-#if KIV_HAVE_SSE2_FDCT
-
 namespace {
 
+using ForwardDct = void (*)(int16_t *, uint32_t);
+
+// The vector transforms of the processor levels this machine runs.
+std::vector<std::pair<uint32_t, ForwardDct>> vectorDcts() {
+    std::vector<std::pair<uint32_t, ForwardDct>> list;
+    for (uint32_t flag : kivtest::processorFlags()) {
+        if (flag & JPG_PROCESSOR_AVX2)
+            list.push_back({flag, kiv::forwardDctAvx2});
+        else if (flag & JPG_PROCESSOR_SSE2)
+            list.push_back({flag, kiv::forwardDctSse2});
+    }
+    return list;
+}
+
+// Three blocks at once: the two-block transform also meets a lone one.
 void expectDctsAgree(const int16_t *input) {
-    alignas(16) int16_t portable[64], fast[64];
-    std::copy(input, input + 64, portable);
-    std::copy(input, input + 64, fast);
-    complibIntFDCT8x8(portable);
-    kiv::forwardDctSse2(fast);
-    for (int i = 0; i < 64; i++)
-        ASSERT_EQ(fast[i], portable[i]) << "coefficient " << i;
+    alignas(16) int16_t portable[3 * 64], fast[3 * 64];
+    for (int b = 0; b < 3; b++)
+        for (int i = 0; i < 64; i++)
+            portable[64 * b + i] = input[(i + 17 * b) % 64];
+    for (int b = 0; b < 3; b++)
+        complibIntFDCT8x8(portable + 64 * b);
+    for (auto [flag, dct] : vectorDcts()) {
+        for (int b = 0; b < 3; b++)
+            for (int i = 0; i < 64; i++)
+                fast[64 * b + i] = input[(i + 17 * b) % 64];
+        dct(fast, 3);
+        for (int i = 0; i < 3 * 64; i++)
+            ASSERT_EQ(fast[i], portable[i]) << kivtest::processorName(flag) << " block " << i / 64
+                                            << " coefficient " << i % 64;
+    }
 }
 
 }  // namespace
 
 TEST(EncoderSimd, ForwardDctMatchesPortableOnRandomBlocks) {
+    if (vectorDcts().empty())
+        GTEST_SKIP() << "no vector level on this processor";
     std::mt19937 rng(4);
     int16_t block[64];
     for (int32_t limit : {4, 128, kiv::kFdctSampleLimit}) {
@@ -169,6 +175,8 @@ TEST(EncoderSimd, ForwardDctMatchesPortableOnRandomBlocks) {
 }
 
 TEST(EncoderSimd, ForwardDctMatchesPortableOnExtremeBlocks) {
+    if (vectorDcts().empty())
+        GTEST_SKIP() << "no vector level on this processor";
     std::mt19937 rng(5);
     const int32_t limit = kiv::kFdctSampleLimit;
     int16_t block[64];
@@ -187,7 +195,56 @@ TEST(EncoderSimd, ForwardDctMatchesPortableOnExtremeBlocks) {
     }
 }
 
-#endif
+// The MCU encoders' kernels: batches of one to eight blocks, each with one of
+// three tables (encoder-like 8 x Q, any reciprocal divisor, or divisors 1
+// and 2 that take the division fallback), at sparse and dense contents.
+TEST(EncoderSimd, TransformQuantizeKernelsMatchPortable) {
+    std::mt19937 rng(8);
+    std::vector<std::pair<uint32_t, kiv::BlockKernel>> kernels;
+    for (uint32_t flag : kivtest::processorFlags())
+        if (flag != 0)
+            kernels.push_back({flag, (flag & JPG_PROCESSOR_AVX2) ? kiv::transformQuantizeAvx2
+                                                                 : kiv::transformQuantizeSse2});
+    if (kernels.empty())
+        GTEST_SKIP() << "no vector level on this processor";
+    alignas(16) int16_t input[8 * 64], portableIn[8 * 64], fastIn[8 * 64];
+    kiv::QuantizedBlock portable[8], fast[8];
+    kiv::QuantSteps tables[3];
+    for (int round = 0; round < 4000; round++) {
+        for (int t = 0; t < 3; t++) {
+            int kind = (round + t) % 4;
+            std::vector<uint32_t> divisors = kind == 0   ? randomDivisors(rng, 1, 255)
+                                             : kind == 1 ? randomDivisors(rng, 1, 12)
+                                             : kind == 2 ? randomDivisors(rng, 3, 0xFFFF)
+                                                         : randomDivisors(rng, 1, 64);
+            if (kind <= 1)
+                for (uint32_t &d : divisors)
+                    d *= 8;
+            kiv::makeQuantSteps(divisors.data(), &tables[t]);
+        }
+        uint32_t count = 1 + round % 8;
+        const kiv::QuantSteps *steps[8];
+        int32_t limit = round % 3 == 0 ? kiv::kFdctSampleLimit : round % 3 == 1 ? 128 : 6;
+        std::uniform_int_distribution<int32_t> sample(-limit, limit);
+        for (uint32_t b = 0; b < count; b++) {
+            steps[b] = &tables[rng() % 3];
+            for (int i = 0; i < 64; i++)
+                input[64 * b + i] = static_cast<int16_t>(sample(rng));
+        }
+        std::copy(input, input + 64 * count, portableIn);
+        kiv::transformQuantizePortable(portableIn, steps, count, portable);
+        for (auto [flag, kernel] : kernels) {
+            std::copy(input, input + 64 * count, fastIn);
+            kernel(fastIn, steps, count, fast);
+            for (uint32_t b = 0; b < count; b++) {
+                SCOPED_TRACE(kivtest::processorName(flag) + " block " + std::to_string(b));
+                ASSERT_EQ(fast[b].dc, portable[b].dc);
+                ASSERT_EQ(fast[b].acMask, portable[b].acMask);
+                ASSERT_TRUE(std::equal(fast[b].natural, fast[b].natural + 64, portable[b].natural));
+            }
+        }
+    }
+}
 
 namespace {
 
@@ -276,6 +333,8 @@ struct FullMcus {
 
 }  // namespace
 
+// Full MCUs straight into blocks, at every processor level (the write
+// ColorConvertID of a three-channel YCbCr frame with the plain down-sampler).
 TEST(EncoderSimd, DirectYCbCrBlocksMatchPlanesAndDownSampling) {
     std::mt19937 rng(7);
     struct Sampling {
@@ -284,17 +343,99 @@ TEST(EncoderSimd, DirectYCbCrBlocksMatchPlanesAndDownSampling) {
     };
     for (const Sampling &s : {Sampling{1, 1, {{1, 1}, {1, 1}, {1, 1}}}, Sampling{2, 2, {{2, 2}, {1, 1}, {1, 1}}},
                               Sampling{2, 1, {{2, 1}, {1, 1}, {1, 1}}}, Sampling{4, 1, {{4, 1}, {1, 1}, {1, 1}}},
-                              Sampling{2, 2, {{1, 2}, {2, 1}, {1, 1}}}}) {
+                              Sampling{2, 2, {{1, 2}, {2, 1}, {1, 1}}}, Sampling{4, 2, {{4, 2}, {2, 1}, {1, 2}}}}) {
         FullMcus m(rng, 3, s.hmax, s.vmax, s.factors);
-        for (int32_t x = 0; x < static_cast<int32_t>(m.ctx.width); x += static_cast<int32_t>(m.ctx.mcuWidth)) {
-            m.ctx.blocks = m.blocksDirect.data();
-            ASSERT_EQ(jpgWriteRGB2YUVRect(&m.ctx, x, 0), JPG_STATUS_OK);
-            m.ctx.blocks = m.blocksPlanes.data();
-            ASSERT_EQ(GenericYUVConvert8bit(&m.ctx, x, 0, static_cast<int32_t>(m.ctx.mcuWidth),
-                                            static_cast<int32_t>(m.ctx.mcuHeight)),
-                      JPG_STATUS_OK);
-            ASSERT_EQ(GenericSubSamplingAndBlockDivision(&m.ctx), JPG_STATUS_OK);
-            ASSERT_EQ(m.blocksDirect, m.blocksPlanes) << "MCU at " << x;
+        uint32_t id = 0x02000003u | s.hmax << 16 | s.vmax << 8;
+        for (uint32_t flag : kivtest::processorFlags()) {
+            JpgWriteColorConvertFunc convert = jpgGetWriteColorConvertFunc(id, flag);
+            ASSERT_NE(convert, nullptr);
+            for (int32_t x = 0; x < static_cast<int32_t>(m.ctx.width); x += static_cast<int32_t>(m.ctx.mcuWidth)) {
+                m.ctx.blocks = m.blocksDirect.data();
+                ASSERT_EQ(convert(&m.ctx, x, 0), JPG_STATUS_OK);
+                m.ctx.blocks = m.blocksPlanes.data();
+                ASSERT_EQ(GenericYUVConvert8bit(&m.ctx, x, 0, static_cast<int32_t>(m.ctx.mcuWidth),
+                                                static_cast<int32_t>(m.ctx.mcuHeight)),
+                          JPG_STATUS_OK);
+                ASSERT_EQ(GenericSubSamplingAndBlockDivision(&m.ctx), JPG_STATUS_OK);
+                ASSERT_EQ(m.blocksDirect, m.blocksPlanes) << kivtest::processorName(flag) << " MCU at " << x;
+            }
+        }
+    }
+    // The geometry a conversion remembers follows the context: a factor
+    // changed to one that does not divide the MCU's is refused.
+    FullMcus m(rng, 3, 2, 2, {{2, 2}, {1, 1}, {1, 1}});
+    m.ctx.blocks = m.blocksDirect.data();
+    for (uint32_t flag : kivtest::processorFlags()) {
+        JpgWriteColorConvertFunc convert = jpgGetWriteColorConvertFunc(0x02020203u, flag);
+        EXPECT_EQ(convert(&m.ctx, 0, 0), JPG_STATUS_OK);
+        m.ctx.factors[1][0] = 3;
+        EXPECT_EQ(convert(&m.ctx, 16, 0), JPG_STATUS_INVALID_PARAMETER) << kivtest::processorName(flag);
+        m.ctx.factors[1][0] = 1;
+        EXPECT_EQ(convert(&m.ctx, 16, 0), JPG_STATUS_OK);
+    }
+}
+
+// Whole encodes of real images at every level give the portable encoder's
+// bytes: every sampling (cut MCUs at the right and bottom edges included),
+// qualities from coarse to 100 (divisors of 8, where the division fallback
+// is near), both down-samplers, restart intervals and strips.
+TEST(EncoderSimd, EveryLevelEncodesRealImagesLikeThePortableEncoder) {
+    std::vector<kivtest::Image> images{kivtest::readPnm(kivtest::corpus("samples/testorig.ppm")),
+                                       kivtest::readBmp24(kivtest::corpus("samples/shira_bird8.bmp"))};
+    // A 333x251 piece of the first baseline photograph, decoded by this library.
+    for (const std::string &photo : kivtest::photographs()) {
+        std::vector<uint8_t> jpeg = kivtest::readFile(photo);
+        JpgParam *dec = nullptr;
+        if (jpgReadPrologFromMemory(jpeg.data(), static_cast<int32_t>(jpeg.size()), 0, &dec) != JPG_STATUS_OK)
+            continue;
+        uint32_t width = 0, height = 0, channels = 0;
+        jpgReadGetImageSize(dec, &width, &height);
+        jpgReadGetNumberOfChannels(dec, &channels);
+        kivtest::Image whole;
+        whole.width = static_cast<int>(width);
+        whole.height = static_cast<int>(height);
+        whole.channels = 3;
+        whole.pixels.resize(static_cast<size_t>(width) * height * 3);
+        ComplibRect rect = kivtest::rectOf(whole);
+        bool decoded = channels == 3 && jpgReadToRect(dec, &rect, height) == JPG_STATUS_OK;
+        jpgReadEpilog(dec);
+        if (!decoded)
+            continue;
+        kivtest::Image piece;
+        piece.width = std::min(333, whole.width);
+        piece.height = std::min(251, whole.height);
+        piece.channels = 3;
+        for (int y = 0; y < piece.height; y++)
+            piece.pixels.insert(piece.pixels.end(), whole.at(0, y), whole.at(0, y) + 3 * piece.width);
+        images.push_back(piece);
+        break;
+    }
+    struct Setting {
+        uint32_t sampling, quality, method;
+        uint16_t restart;
+        uint32_t strip;
+    };
+    const Setting settings[] = {{0x221111, 75, 0, 0, 0},  {0x221111, 95, 0, 3, 0}, {0x111111, 90, 0, 0, 16},
+                                {0x211111, 50, 0, 0, 0},  {0x411111, 100, 0, 0, 0}, {0x121111, 10, 0, 5, 0},
+                                {0x221111, 90, 1, 0, 32}, {0x111111, 100, 1, 0, 0}};
+    for (kivtest::Image &image : images) {
+        ASSERT_EQ(image.channels, 3);
+        for (const Setting &s : settings) {
+            kivtest::EncodeOptions o;
+            o.sampling = s.sampling;
+            o.quality = s.quality;
+            o.method = s.method;
+            o.restart = s.restart;
+            o.strip = s.strip;
+            o.processorFlag = 0;
+            std::vector<uint8_t> portable = kivtest::encode(image, o);
+            ASSERT_FALSE(portable.empty());
+            for (uint32_t flag : kivtest::processorFlags()) {
+                o.processorFlag = flag;
+                EXPECT_EQ(kivtest::encode(image, o), portable)
+                    << kivtest::processorName(flag) << " " << image.width << "x" << image.height << " sampling "
+                    << std::hex << s.sampling << std::dec << " q" << s.quality << " method " << s.method;
+            }
         }
     }
 }

@@ -1,0 +1,364 @@
+// The forward DCT and quantizer of forward_dct_sse2.cpp and
+// forward_dct_avx2.cpp, written once over a vector type: Sse2 holds one row
+// of one block in a 128-bit register, Avx2 the same row of two blocks (one
+// per 128-bit lane; every shuffle used here stays within its lane, so the
+// two blocks never mix). The arithmetic is that of complibIntFDCT8x8 and
+// quantizeBlock: each product of the portable pass is regrouped into sums
+// of 16-bit values times 16-bit constants, so that pmaddwd forms it exactly
+// in 32 bits (for example 3135 d + 2217 (d + e) = 5352 d + 2217 e, and in
+// the row pass = 5352 s07 + 2217 s16 - 5352 s34 - 2217 s25); every 16-bit
+// intermediate fits for samples within +-kFdctSampleLimit.
+//
+// Included only by those two files, each compiled for its instruction set:
+// everything here is in an anonymous namespace, so each file keeps its own
+// copy (see core/simd.h).
+#pragma once
+
+#include <immintrin.h>
+
+#include "core/tables.h"
+#include "write/forward_dct.h"
+#include "write/quantizer.h"
+
+// Everything here is inlined into the two entry points of each file, so
+// that the eight rows of a block stay in registers.
+#define KIV_SIMD_INLINE __attribute__((always_inline)) inline
+
+namespace kiv {
+namespace {
+
+struct Sse2 {
+    using V = __m128i;
+    static constexpr uint32_t kBlocks = 1;
+    KIV_SIMD_INLINE static V load(const int16_t *const *blocks, int at) {
+        return _mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks[0] + at));
+    }
+    KIV_SIMD_INLINE static void store(int16_t *const *blocks, int at, V v) {
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(blocks[0] + at), v);
+    }
+    // Eight values for every block alike.
+    KIV_SIMD_INLINE static V loadShared(const int16_t *p) {
+        return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+    }
+    KIV_SIMD_INLINE static V set32(int32_t v) { return _mm_set1_epi32(v); }
+    KIV_SIMD_INLINE static V add16(V a, V b) { return _mm_add_epi16(a, b); }
+    KIV_SIMD_INLINE static V sub16(V a, V b) { return _mm_sub_epi16(a, b); }
+    KIV_SIMD_INLINE static V add32(V a, V b) { return _mm_add_epi32(a, b); }
+    KIV_SIMD_INLINE static V madd(V a, V b) { return _mm_madd_epi16(a, b); }
+    template <int N> KIV_SIMD_INLINE static V shl16(V a) { return _mm_slli_epi16(a, N); }
+    template <int N> KIV_SIMD_INLINE static V shr16(V a) { return _mm_srli_epi16(a, N); }
+    template <int N> KIV_SIMD_INLINE static V sar16(V a) { return _mm_srai_epi16(a, N); }
+    template <int N> KIV_SIMD_INLINE static V sar32(V a) { return _mm_srai_epi32(a, N); }
+    KIV_SIMD_INLINE static V pack32(V a, V b) { return _mm_packs_epi32(a, b); }
+    KIV_SIMD_INLINE static V lo16(V a, V b) { return _mm_unpacklo_epi16(a, b); }
+    KIV_SIMD_INLINE static V hi16(V a, V b) { return _mm_unpackhi_epi16(a, b); }
+    KIV_SIMD_INLINE static V lo32(V a, V b) { return _mm_unpacklo_epi32(a, b); }
+    KIV_SIMD_INLINE static V hi32(V a, V b) { return _mm_unpackhi_epi32(a, b); }
+    KIV_SIMD_INLINE static V lo64(V a, V b) { return _mm_unpacklo_epi64(a, b); }
+    KIV_SIMD_INLINE static V hi64(V a, V b) { return _mm_unpackhi_epi64(a, b); }
+    KIV_SIMD_INLINE static V bitXor(V a, V b) { return _mm_xor_si128(a, b); }
+    KIV_SIMD_INLINE static V mulhiU16(V a, V b) { return _mm_mulhi_epu16(a, b); }
+    KIV_SIMD_INLINE static V min16(V a, V b) { return _mm_min_epi16(a, b); }
+    KIV_SIMD_INLINE static V max16(V a, V b) { return _mm_max_epi16(a, b); }
+    KIV_SIMD_INLINE static V set16(int16_t v) { return _mm_set1_epi16(v); }
+    // Bit j set where value j of rows a, b (j < 16, a's first) is zero.
+    KIV_SIMD_INLINE static uint32_t zeroPairMask(V a, V b) {
+        const V zero = _mm_setzero_si128();
+        return static_cast<uint32_t>(
+            _mm_movemask_epi8(_mm_packs_epi16(_mm_cmpeq_epi16(a, zero), _mm_cmpeq_epi16(b, zero))));
+    }
+    KIV_SIMD_INLINE static uint32_t laneBits(uint32_t mask, uint32_t) { return mask; }
+    KIV_SIMD_INLINE static int32_t first(V v, uint32_t) { return static_cast<int16_t>(_mm_cvtsi128_si32(v)); }
+};
+
+#ifdef __AVX2__
+struct Avx2 {
+    using V = __m256i;
+    static constexpr uint32_t kBlocks = 2;
+    KIV_SIMD_INLINE static V load(const int16_t *const *blocks, int at) {
+        __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks[0] + at));
+        __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks[1] + at));
+        return _mm256_inserti128_si256(_mm256_castsi128_si256(a), b, 1);
+    }
+    KIV_SIMD_INLINE static V loadShared(const int16_t *p) {
+        return _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(p)));
+    }
+    KIV_SIMD_INLINE static void store(int16_t *const *blocks, int at, V v) {
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(blocks[0] + at), _mm256_castsi256_si128(v));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(blocks[1] + at), _mm256_extracti128_si256(v, 1));
+    }
+    KIV_SIMD_INLINE static V set32(int32_t v) { return _mm256_set1_epi32(v); }
+    KIV_SIMD_INLINE static V add16(V a, V b) { return _mm256_add_epi16(a, b); }
+    KIV_SIMD_INLINE static V sub16(V a, V b) { return _mm256_sub_epi16(a, b); }
+    KIV_SIMD_INLINE static V add32(V a, V b) { return _mm256_add_epi32(a, b); }
+    KIV_SIMD_INLINE static V madd(V a, V b) { return _mm256_madd_epi16(a, b); }
+    template <int N> KIV_SIMD_INLINE static V shl16(V a) { return _mm256_slli_epi16(a, N); }
+    template <int N> KIV_SIMD_INLINE static V shr16(V a) { return _mm256_srli_epi16(a, N); }
+    template <int N> KIV_SIMD_INLINE static V sar16(V a) { return _mm256_srai_epi16(a, N); }
+    template <int N> KIV_SIMD_INLINE static V sar32(V a) { return _mm256_srai_epi32(a, N); }
+    KIV_SIMD_INLINE static V pack32(V a, V b) { return _mm256_packs_epi32(a, b); }
+    KIV_SIMD_INLINE static V lo16(V a, V b) { return _mm256_unpacklo_epi16(a, b); }
+    KIV_SIMD_INLINE static V hi16(V a, V b) { return _mm256_unpackhi_epi16(a, b); }
+    KIV_SIMD_INLINE static V lo32(V a, V b) { return _mm256_unpacklo_epi32(a, b); }
+    KIV_SIMD_INLINE static V hi32(V a, V b) { return _mm256_unpackhi_epi32(a, b); }
+    KIV_SIMD_INLINE static V lo64(V a, V b) { return _mm256_unpacklo_epi64(a, b); }
+    KIV_SIMD_INLINE static V hi64(V a, V b) { return _mm256_unpackhi_epi64(a, b); }
+    KIV_SIMD_INLINE static V bitXor(V a, V b) { return _mm256_xor_si256(a, b); }
+    KIV_SIMD_INLINE static V mulhiU16(V a, V b) { return _mm256_mulhi_epu16(a, b); }
+    KIV_SIMD_INLINE static V min16(V a, V b) { return _mm256_min_epi16(a, b); }
+    KIV_SIMD_INLINE static V max16(V a, V b) { return _mm256_max_epi16(a, b); }
+    KIV_SIMD_INLINE static V set16(int16_t v) { return _mm256_set1_epi16(v); }
+    // Both blocks at once: packs works per lane, so lane k of the result
+    // holds block k's bits.
+    KIV_SIMD_INLINE static uint32_t zeroPairMask(V a, V b) {
+        const V zero = _mm256_setzero_si256();
+        return static_cast<uint32_t>(
+            _mm256_movemask_epi8(_mm256_packs_epi16(_mm256_cmpeq_epi16(a, zero), _mm256_cmpeq_epi16(b, zero))));
+    }
+    KIV_SIMD_INLINE static uint32_t laneBits(uint32_t mask, uint32_t lane) {
+        return lane == 0 ? mask & 0xFFFF : mask >> 16;
+    }
+    KIV_SIMD_INLINE static int32_t first(V v, uint32_t lane) {
+        __m128i half = lane == 0 ? _mm256_castsi256_si128(v) : _mm256_extracti128_si256(v, 1);
+        return static_cast<int16_t>(_mm_cvtsi128_si32(half));
+    }
+};
+#endif
+
+// Eight 32-bit values per block, in two vectors.
+template <class S>
+struct Wide {
+    typename S::V lo, hi;
+    KIV_SIMD_INLINE Wide operator+(Wide b) const { return {S::add32(lo, b.lo), S::add32(hi, b.hi)}; }
+};
+
+// ca * a + cb * b in 32 bits per value, from a and b interleaved.
+template <class S, int16_t Ca, int16_t Cb>
+KIV_SIMD_INLINE Wide<S> madd(typename S::V a, typename S::V b) {
+    const typename S::V c = S::set32(static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint16_t>(Cb)) << 16 |
+                                                          static_cast<uint16_t>(Ca)));
+    return {S::madd(S::lo16(a, b), c), S::madd(S::hi16(a, b), c)};
+}
+
+template <class S, int Bias, int Shift>
+KIV_SIMD_INLINE typename S::V roundNarrow(Wide<S> v) {
+    const typename S::V bias = S::set32(Bias);
+    return S::pack32(S::template sar32<Shift>(S::add32(v.lo, bias)),
+                     S::template sar32<Shift>(S::add32(v.hi, bias)));
+}
+
+// 8x8 transpose of 16-bit values (per block): x[i] holds row i on entry and
+// column i on return.
+template <class S>
+KIV_SIMD_INLINE void transpose(typename S::V *x) {
+    typename S::V a[8], b[8];
+    for (int j = 0; j < 4; j++) {
+        a[2 * j] = S::lo16(x[2 * j], x[2 * j + 1]);
+        a[2 * j + 1] = S::hi16(x[2 * j], x[2 * j + 1]);
+    }
+    for (int j = 0; j < 2; j++) {
+        b[4 * j] = S::lo32(a[4 * j], a[4 * j + 2]);
+        b[4 * j + 1] = S::hi32(a[4 * j], a[4 * j + 2]);
+        b[4 * j + 2] = S::lo32(a[4 * j + 1], a[4 * j + 3]);
+        b[4 * j + 3] = S::hi32(a[4 * j + 1], a[4 * j + 3]);
+    }
+    for (int j = 0; j < 4; j++) {
+        x[2 * j] = S::lo64(b[j], b[4 + j]);
+        x[2 * j + 1] = S::hi64(b[j], b[4 + j]);
+    }
+}
+
+// Column pass: the samples are small enough that every intermediate,
+// including a + b, d + e and u, w, g, h, fits 16 bits, so each output is one
+// product pair; the pass keeps three extra bits.
+template <class S>
+KIV_SIMD_INLINE void columnPass(typename S::V *x) {
+    using V = typename S::V;
+    V s07 = S::add16(x[0], x[7]), s16 = S::add16(x[1], x[6]);
+    V s25 = S::add16(x[2], x[5]), s34 = S::add16(x[3], x[4]);
+    V t07 = S::sub16(x[0], x[7]), t16 = S::sub16(x[1], x[6]);
+    V t25 = S::sub16(x[2], x[5]), t34 = S::sub16(x[3], x[4]);
+    V a = S::add16(s07, s34), b = S::add16(s16, s25);
+    V d = S::sub16(s07, s34), e = S::sub16(s16, s25);
+    x[0] = S::template shl16<3>(S::add16(a, b));
+    x[4] = S::template shl16<3>(S::sub16(a, b));
+    x[2] = roundNarrow<S, 256, 9>(madd<S, 5352, 2217>(d, e));   // 3135 d + z
+    x[6] = roundNarrow<S, 256, 9>(madd<S, 2217, -5352>(d, e));  // z - 7569 e
+
+    V p = roundNarrow<S, 2048, 12>(madd<S, 2896, -2896>(t16, t25));
+    V r = roundNarrow<S, 2048, 12>(madd<S, 2896, 2896>(t16, t25));
+    V g = S::add16(t07, r), u = S::add16(t34, p);
+    V h = S::sub16(t07, r), w = S::sub16(t34, p);
+    x[1] = roundNarrow<S, 256, 9>(madd<S, 5681, 1130>(g, u));   // 4551 g + k1
+    x[7] = roundNarrow<S, 256, 9>(madd<S, 1130, -5681>(g, u));  // k1 - 6811 u
+    x[3] = roundNarrow<S, 256, 9>(madd<S, 4816, -3218>(h, w));  // k2 - 8034 w
+    x[5] = roundNarrow<S, 256, 9>(madd<S, 3218, 4816>(h, w));   // k2 - 1598 h
+}
+
+// Row pass: sums of four inputs may exceed 16 bits, so every product is
+// regrouped into pairs of 16-bit terms; the pass removes the extra bits.
+template <class S>
+KIV_SIMD_INLINE void rowPass(typename S::V *x) {
+    using V = typename S::V;
+    V s07 = S::add16(x[0], x[7]), s16 = S::add16(x[1], x[6]);
+    V s25 = S::add16(x[2], x[5]), s34 = S::add16(x[3], x[4]);
+    V t07 = S::sub16(x[0], x[7]), t16 = S::sub16(x[1], x[6]);
+    V t25 = S::sub16(x[2], x[5]), t34 = S::sub16(x[3], x[4]);
+
+    // Even part: a = s07 + s34, b = s16 + s25, d = s07 - s34, e = s16 - s25.
+    x[0] = roundNarrow<S, 4, 3>(madd<S, 1, 1>(s07, s16) + madd<S, 1, 1>(s34, s25));
+    x[4] = roundNarrow<S, 4, 3>(madd<S, 1, -1>(s07, s16) + madd<S, 1, -1>(s34, s25));
+    x[2] = roundNarrow<S, 16384, 15>(madd<S, 5352, 2217>(s07, s16) + madd<S, -5352, -2217>(s34, s25));
+    x[6] = roundNarrow<S, 16384, 15>(madd<S, 2217, -5352>(s07, s16) + madd<S, -2217, 5352>(s34, s25));
+
+    // Odd part: p and r are the 1/sqrt(2) products rounded to integers; then
+    // u = t34 + p, w = t34 - p, g = t07 + r, h = t07 - r enter only as sums.
+    V p = roundNarrow<S, 2048, 12>(madd<S, 2896, -2896>(t16, t25));
+    V r = roundNarrow<S, 2048, 12>(madd<S, 2896, 2896>(t16, t25));
+    x[1] = roundNarrow<S, 16384, 15>(madd<S, 5681, 1130>(t07, t34) + madd<S, 5681, 1130>(r, p));
+    x[7] = roundNarrow<S, 16384, 15>(madd<S, 1130, -5681>(t07, t34) + madd<S, 1130, -5681>(r, p));
+    x[3] = roundNarrow<S, 16384, 15>(madd<S, 4816, -3218>(t07, t34) + madd<S, -4816, 3218>(r, p));
+    x[5] = roundNarrow<S, 16384, 15>(madd<S, 3218, 4816>(t07, t34) + madd<S, -3218, -4816>(r, p));
+}
+
+// The transform of S::kBlocks blocks; x[i] receives row i of the output.
+template <class S>
+KIV_SIMD_INLINE void transform(const int16_t *const *blocks, typename S::V *x) {
+    for (int i = 0; i < 8; i++)
+        x[i] = S::load(blocks, 8 * i);
+    columnPass<S>(x);  // vector i is row i: lanes are columns
+    transpose<S>(x);
+    rowPass<S>(x);  // lanes are rows
+    transpose<S>(x);
+}
+
+// The step values of row i of each block's table, side by side like the
+// rows; kShared: every block has the same table (one load).
+template <class S, bool kShared>
+KIV_SIMD_INLINE typename S::V stepRow(const uint16_t *const *rows, int i) {
+    if constexpr (kShared)
+        return S::loadShared(reinterpret_cast<const int16_t *>(rows[0]) + 8 * i);
+    return S::load(reinterpret_cast<const int16_t *const *>(rows), 8 * i);
+}
+
+// Largest quantized AC magnitude that a baseline AC table codes (size 10).
+constexpr int16_t kMaxAc = 1023;
+
+// Eight coefficients per block: |c| + d/2, divided by reciprocal, the sign
+// put back (the quotient of a 16-bit dividend by a divisor >= 3 fits 16
+// bits signed).
+template <class S>
+KIV_SIMD_INLINE typename S::V quantize(typename S::V c, typename S::V mult, typename S::V post, typename S::V half) {
+    using V = typename S::V;
+    V sign = S::template sar16<15>(c);
+    V n = S::sub16(S::bitXor(c, sign), sign);  // |c| as unsigned, 32768 included
+    n = S::add16(n, half);
+    V t = S::mulhiU16(n, mult);
+    V x = S::add16(t, S::template shr16<1>(S::sub16(n, t)));
+    V q = S::mulhiU16(x, post);
+    return S::sub16(S::bitXor(q, sign), sign);
+}
+
+// Zig-zag positions of the non-zero AC values, from the natural-order mask
+// of non-zero values: one table look-up per byte (row).
+KIV_SIMD_INLINE uint64_t zigzagMask(uint64_t found) {
+    uint64_t mask = 0;
+    for (int row = 0; row < 8; row++)
+        mask |= kZigzagRowBits.bits[row][(found >> (8 * row)) & 0xFF];
+    return mask & ~uint64_t{1};
+}
+
+// Transforms and quantizes S::kBlocks blocks whose steps are all exact
+// (and, with kShared, the same).
+template <class S, bool kShared>
+KIV_SIMD_INLINE void transformQuantize(const int16_t *const *blocks, const QuantSteps *const *steps, QuantizedBlock *const *out) {
+    using V = typename S::V;
+    V x[8];
+    transform<S>(blocks, x);
+    const uint16_t *mult[S::kBlocks], *post[S::kBlocks], *half[S::kBlocks];
+    int16_t *natural[S::kBlocks];
+    for (uint32_t b = 0; b < S::kBlocks; b++) {
+        mult[b] = steps[b]->mult;
+        post[b] = steps[b]->post;
+        half[b] = steps[b]->half;
+        natural[b] = out[b]->natural;
+    }
+    const V limit = S::set16(kMaxAc), negLimit = S::set16(-kMaxAc);
+    V q[8];
+    for (int i = 0; i < 8; i++) {
+        q[i] = quantize<S>(x[i], stepRow<S, kShared>(mult, i), stepRow<S, kShared>(post, i),
+                           stepRow<S, kShared>(half, i));
+        S::store(natural, 8 * i, S::max16(S::min16(q[i], limit), negLimit));
+    }
+    uint32_t pairs[4];
+    for (int i = 0; i < 8; i += 2)
+        pairs[i / 2] = S::zeroPairMask(q[i], q[i + 1]);
+    for (uint32_t b = 0; b < S::kBlocks; b++) {
+        uint64_t zeros = 0;
+        for (int i = 0; i < 4; i++)
+            zeros |= static_cast<uint64_t>(S::laneBits(pairs[i], b)) << (16 * i);
+        out[b]->dc = S::first(q[0], b);
+        out[b]->acMask = zigzagMask(~zeros);
+    }
+}
+
+// Runs fn(in, steps, out) over the blocks S::kBlocks at a time; a group
+// cut short by the end repeats its first block into a spare output.
+template <class S, typename Fn>
+void forEachGroup(int16_t *blocks, const QuantSteps *const *steps, uint32_t count, QuantizedBlock *out, Fn fn) {
+    QuantizedBlock spare;
+    for (uint32_t b = 0; b < count; b += S::kBlocks) {
+        int16_t *in[S::kBlocks];
+        const QuantSteps *st[S::kBlocks];
+        QuantizedBlock *to[S::kBlocks];
+        for (uint32_t k = 0; k < S::kBlocks; k++) {
+            bool real = b + k < count;
+            in[k] = blocks + 64 * (real ? b + k : b);
+            st[k] = steps != nullptr ? steps[real ? b + k : b] : nullptr;
+            to[k] = out == nullptr ? nullptr : real ? out + b + k : &spare;
+        }
+        fn(in, st, to, count - b < S::kBlocks ? count - b : S::kBlocks);
+    }
+}
+
+// Transforms in place.
+template <class S>
+void forwardDctBlocks(int16_t *blocks, uint32_t count) {
+    forEachGroup<S>(blocks, nullptr, count, nullptr,
+                    [](int16_t *const *in, const QuantSteps *const *, QuantizedBlock *const *, uint32_t) {
+                        typename S::V x[8];
+                        transform<S>(in, x);
+                        for (int i = 0; i < 8; i++)
+                            S::store(in, 8 * i, x[i]);
+                    });
+}
+
+// The block kernel (quantizer.h): divisors outside the reciprocal range go
+// to the portable quantizer after the vector transform.
+template <class S>
+void transformQuantizeBlocks(int16_t *blocks, const QuantSteps *const *steps, uint32_t count, QuantizedBlock *out) {
+    forEachGroup<S>(blocks, steps, count, out,
+                    [](int16_t *const *in, const QuantSteps *const *st, QuantizedBlock *const *to, uint32_t real) {
+                        bool exact = true;
+                        for (uint32_t k = 0; k < S::kBlocks; k++)
+                            exact = exact && st[k]->exact;
+                        if (exact) {
+                            if (S::kBlocks == 1 || st[0] == st[S::kBlocks - 1])
+                                transformQuantize<S, true>(in, st, to);
+                            else
+                                transformQuantize<S, false>(in, st, to);
+                            return;
+                        }
+                        typename S::V x[8];
+                        transform<S>(in, x);
+                        for (int i = 0; i < 8; i++)
+                            S::store(in, 8 * i, x[i]);
+                        for (uint32_t k = 0; k < real; k++) {
+                            to[k]->dc = quantizeBlock(in[k], *st[k], to[k]->natural);
+                            to[k]->acMask = acNonZeroMask(to[k]->natural);
+                        }
+                    });
+}
+
+}  // namespace
+}  // namespace kiv
