@@ -55,6 +55,7 @@ allowed = {"memalign", "free", "strlen", "malloc_usable_size", "memcpy", "memset
            "creat", "creat64", "open", "open64", "read", "write", "lseek", "lseek64",
            "close", "unlink", "rename", "stat", "stat64", "mkstemp", "mkstemp64",
            "__stack_chk_fail", "__cxa_finalize", "__gmon_start__",
+           "__x86_get_cpuid_feature_leaf",  # the loader's processor feature table
            "_ITM_registerTMCloneTable", "_ITM_deregisterTMCloneTable"}
 imported = set()
 for line in run("nm", "-D", "--undefined-only", lib).splitlines():

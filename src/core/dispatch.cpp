@@ -1,11 +1,18 @@
 // Processor flags, the DCT-method flag and routine dispatch: the routines of
 // the inner loops are chosen once per handle from numeric identifiers and
 // stored in the handle's slots, so per-MCU loops make no format decisions.
-// The capabilities come from CPUID each time they are asked for (nothing is
-// cached: the library keeps no writable global state); the routine getters
+// The capabilities are those the C library's dynamic loader found when the
+// program started (glibc's feature table: no CPUID instruction, which traps
+// under a hypervisor, per handle), or from CPUID where the C library offers
+// no such table; the library itself caches nothing. The routine getters
 // hand out the widest variant the flag allows, the portable one for flag 0.
 #if defined(__i386__) || defined(__x86_64__)
+#if __has_include(<sys/platform/x86.h>)
+#include <sys/platform/x86.h>
+#define KIV_LOADER_CPU_FEATURES 1
+#else
 #include <cpuid.h>
+#endif
 #endif
 
 #include "core/api_checks.h"
@@ -60,7 +67,15 @@ void selectReadRoutines(JpgParam *param) {
 
 namespace {
 
-#if KIV_SIMD_X86
+#if KIV_SIMD_X86 && defined(KIV_LOADER_CPU_FEATURES)
+// "Active" features are those the processor has and the operating system
+// supports (for AVX2, one that saves the 256-bit registers).
+uint32_t processorCapabilities() {
+    if (!CPU_FEATURE_ACTIVE(SSE2))
+        return 0;
+    return JPG_PROCESSOR_SSE2 | (CPU_FEATURE_ACTIVE(AVX2) ? JPG_PROCESSOR_AVX2 : 0);
+}
+#elif KIV_SIMD_X86
 // XCR0 (XGETBV with ECX = 0): which register states the operating system
 // saves on a context switch; bits 1 and 2 are the SSE and AVX halves.
 uint64_t enabledRegisterStates() {
@@ -69,8 +84,7 @@ uint64_t enabledRegisterStates() {
     return (static_cast<uint64_t>(hi) << 32) | lo;
 }
 
-// Three CPUID instructions (leaves 0, 1 and 7): under a hypervisor each one
-// may trap and cost microseconds, so no more are asked than needed.
+// Three CPUID instructions (leaves 0, 1 and 7), no more than needed.
 uint32_t processorCapabilities() {
     unsigned maxLeaf = __get_cpuid_max(0, nullptr);
     if (maxLeaf < 1)

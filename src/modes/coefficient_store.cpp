@@ -18,6 +18,7 @@
 #include "modes/progressive.h"
 #include "modes/store_scans.h"
 #include "read/front_end.h"
+#include "read/inverse_dct.h"
 #include "read/output_color.h"
 #include "read/scaled_transforms.h"
 
@@ -202,6 +203,8 @@ JpgStatus reconstructMcu(JpgParam *param) {
         return JPG_STATUS_BAD_DATA;
     const size_t mcu = static_cast<size_t>(source - param->dec.coefBase) / perMcu;
     const bool stored = param->dec.rowsCleared[mcu / param->mcusPerRow] != 0;
+    const InverseDct inverseDct = inverseDctFor(param->processorFlag);
+    const Reduction reduce4x4 = reduceTo4x4For(param->processorFlag);
     int16_t *target = param->mcuBuffer;
     JpgStatus status = JPG_STATUS_OK;
     uint32_t blocks = 0;
@@ -213,10 +216,10 @@ JpgStatus reconstructMcu(JpgParam *param) {
         for (uint32_t b = 0; b < count; b++, blocks++, source += kBlock, target += kBlock) {
             if constexpr (kLevel == 3) {
                 dequantizeAll(source, quant, stored, target);
-                status = jpgReadInverseDCT(target);
+                inverseDct(target);
             } else if constexpr (kLevel == 2) {
                 dequantize(source, quant, stored, kCorner4, target);
-                reduceTo4x4(target);
+                reduce4x4(target);
             } else if constexpr (kLevel == 1) {
                 dequantize(source, quant, stored, kCorner2, target);
                 reduceTo2x2(target);

@@ -12,6 +12,7 @@
 #include "modes/store_scans.h"
 #include "read/bit_reader.h"
 #include "read/front_end.h"
+#include "read/inverse_dct.h"
 #include "read/scaled_transforms.h"
 
 namespace {
@@ -222,9 +223,11 @@ constexpr auto kUnitQuant = makeUnitQuant();
 constexpr uint32_t kScaledLimits[3] = {0, 5, 25};
 
 // One block of an MCU at scale level kLevel (3: full size): cleared where
-// decoding may not write what the transform reads, decoded, transformed.
+// decoding may not write what the transform reads, decoded, transformed
+// (the inverse DCT at full size, the reduced transforms otherwise).
 template <int kLevel>
-[[gnu::always_inline]] inline JpgStatus decodeMcuBlock(BitState &bits, int16_t *block, JpgComponent *comp) {
+[[gnu::always_inline]] inline JpgStatus decodeMcuBlock(BitState &bits, int16_t *block, JpgComponent *comp,
+                                                       void (*transform)(int16_t *)) {
     if (!hasLookups(comp))
         return JPG_STATUS_FAILED;
     JpgStatus status;
@@ -239,17 +242,22 @@ template <int kLevel>
                 memset(block + i, 0, 8 * sizeof(int16_t));
         status = decodeBlock<true>(bits, block, comp, comp->quant, kScaledLimits[kLevel]);
     }
-    if (status != JPG_STATUS_OK)
-        return status;
+    if (status == JPG_STATUS_OK)
+        transform(block);
+    return status;
+}
+
+// The transform of a level for the handle's processor flag.
+template <int kLevel>
+inline void (*transformFor(const JpgParam *param))(int16_t *) {
     if constexpr (kLevel == 3)
-        jpgReadInverseDCT(block);
+        return kiv::inverseDctFor(param->processorFlag);
     else if constexpr (kLevel == 2)
-        kiv::reduceTo4x4(block);
+        return kiv::reduceTo4x4For(param->processorFlag);
     else if constexpr (kLevel == 1)
-        kiv::reduceTo2x2(block);
+        return kiv::reduceTo2x2;
     else
-        kiv::reduceTo1x1(block);
-    return JPG_STATUS_OK;
+        return kiv::reduceTo1x1;
 }
 
 // One MCU of an interleaved scan into the MCU buffer, with one load of the
@@ -259,6 +267,7 @@ template <int kLevel>
 // simply follow one another.
 template <bool kFrameOrder, int kLevel>
 [[gnu::always_inline]] inline JpgStatus decodeMcu(JpgParam *param) {
+    void (*const transform)(int16_t *) = transformFor<kLevel>(param);
     BitState bits(param);
     const uint32_t ns = param->scanNs;
     int16_t *block = param->mcuBuffer;
@@ -267,7 +276,7 @@ template <bool kFrameOrder, int kLevel>
         if constexpr (!kFrameOrder)
             block = param->mcuBuffer + 64 * param->dec.scanBlockStart[i];
         for (uint32_t b = 0; b < comp->blocks; b++, block += 64) {
-            JpgStatus status = decodeMcuBlock<kLevel>(bits, block, comp);
+            JpgStatus status = decodeMcuBlock<kLevel>(bits, block, comp, transform);
             if (status != JPG_STATUS_OK) {
                 bits.store();
                 return status;

@@ -10,9 +10,9 @@
 #include "core/api_checks.h"
 #include "core/codec.h"
 #include "modes/coefficient_store.h"
+#include "core/simd.h"
 #include "read/front_end.h"
 #include "read/scaled_transforms.h"
-#include "read/sse2_products.h"
 
 namespace kiv {
 namespace {
@@ -21,8 +21,7 @@ constexpr int32_t sra(uint32_t v, int s) { return static_cast<int32_t>(v) >> s; 
 
 inline int16_t clipSample(uint32_t index) { return static_cast<int16_t>(PixClipTable[index & 0x3FF]); }
 
-// sqrt(2) cos(pi/8) and sqrt(2) sin(pi/8) scaled by 4096.
-constexpr uint32_t kK1 = 5352, kK3 = 2217;
+constexpr uint32_t kK1 = kReduceK1, kK3 = kReduceK3;
 
 // 4-point butterfly; out in the order (e0 + o0), (e1 - o1), (e1 + o1), (e0 - o0).
 inline void butterfly4(const uint32_t *x, uint32_t *out) {
@@ -58,25 +57,25 @@ inline uint32_t pairAt(const int16_t *p) {
 
 // Level 2 with only the DC: the flat value (F00 + 4) >> 3 (the column pass
 // gives F00 back exactly, the row pass (F00 << 12 + 16384) >> 15).
-inline bool onlyDcIn4x4(const int16_t *block) {
+bool reduceFlat4x4(int16_t *block) {
     uint32_t ac = static_cast<uint16_t>(block[1]) | pairAt(block + 2);
     for (int r = 8; r < 32; r += 8)
         ac |= pairAt(block + r) | pairAt(block + r + 2);
-    return ac == 0;
-}
-
-inline void fill4x4(int16_t *block, int16_t sample) {
+    if (ac != 0)
+        return false;
+    int16_t sample = clipSample(sra(static_cast<uint32_t>(block[0]) + 4, 3));
     uint32_t pair = static_cast<uint16_t>(sample) * 0x10001u;
     for (int r = 0; r < 32; r += 8) {
         memcpy(block + r, &pair, sizeof pair);
         memcpy(block + r + 2, &pair, sizeof pair);
     }
+    return true;
 }
 
 // Level 2: 4-point transform of rows and columns 0-3 (32-bit register arithmetic).
 void reduceTo4x4Portable(int16_t *block) {
-    if (onlyDcIn4x4(block))
-        return fill4x4(block, clipSample(sra(static_cast<uint32_t>(block[0]) + 4, 3)));
+    if (reduceFlat4x4(block))
+        return;
     uint32_t work[16];
     for (int c = 0; c < 4; c++) {
         uint32_t x[4], y[4];
@@ -94,71 +93,12 @@ void reduceTo4x4Portable(int16_t *block) {
     }
 }
 
-#if KIV_HAVE_SSE2_IDCT
-namespace {
-
-// The four outputs of butterfly4 from e0, e1 (bias included), o0 and o1.
-inline void outputs4(__m128i e0, __m128i e1, __m128i o0, __m128i o1, __m128i *y) {
-    y[0] = _mm_add_epi32(e0, o0);
-    y[1] = _mm_sub_epi32(e1, o1);
-    y[2] = _mm_add_epi32(e1, o1);
-    y[3] = _mm_sub_epi32(e0, o0);
-}
-
-}  // namespace
-
-// The same transform four lines at a time: columns with _mm_madd_epi16 on
-// the 16-bit coefficients (exact), rows on 32-bit lanes with every product
-// emulated exactly modulo 2^32, so that the results match bit for bit.
-void reduceTo4x4Sse2(int16_t *block) {
-    if (onlyDcIn4x4(block))
-        return fill4x4(block, clipSample(sra(static_cast<uint32_t>(block[0]) + 4, 3)));
-    __m128i row[4];
-    for (int r = 0; r < 4; r++)
-        row[r] = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(block + 8 * r));
-    __m128i x02 = _mm_unpacklo_epi16(row[0], row[2]), x13 = _mm_unpacklo_epi16(row[1], row[3]);
-    const __m128i round = _mm_set1_epi32(2048);
-    __m128i t[4];  // work rows, lane c column c
-    outputs4(_mm_add_epi32(madd(x02, 4096, 4096), round), _mm_add_epi32(madd(x02, 4096, -4096), round),
-             madd(x13, kK1, kK3), madd(x13, -static_cast<int>(kK3), kK1), t);
-    for (int i = 0; i < 4; i++)
-        t[i] = _mm_srai_epi32(t[i], 12);
-    // Transpose: c[i] holds column i of the work values, lane r row r.
-    __m128i a0 = _mm_unpacklo_epi32(t[0], t[1]), a1 = _mm_unpacklo_epi32(t[2], t[3]);
-    __m128i a2 = _mm_unpackhi_epi32(t[0], t[1]), a3 = _mm_unpackhi_epi32(t[2], t[3]);
-    __m128i c0 = _mm_unpacklo_epi64(a0, a1), c1 = _mm_unpackhi_epi64(a0, a1);
-    __m128i c2 = _mm_unpacklo_epi64(a2, a3), c3 = _mm_unpackhi_epi64(a2, a3);
-    const __m128i bias = _mm_set1_epi32(16384);
-    __m128i e0 = _mm_add_epi32(_mm_slli_epi32(_mm_add_epi32(c0, c2), 12), bias);
-    __m128i e1 = _mm_add_epi32(_mm_slli_epi32(_mm_sub_epi32(c0, c2), 12), bias);
-    __m128i o0 = _mm_add_epi32(mulConst(c1, kK1), mulConst(c3, kK3));
-    __m128i o1 = _mm_sub_epi32(mulConst(c3, kK1), mulConst(c1, kK3));
-    __m128i y[4];  // output column k, lane r row r
-    outputs4(e0, e1, o0, o1, y);
-    // Signed bits 15..24 (the clip index), plus 128, clamped to 0..255.
-    for (int k = 0; k < 4; k++)
-        y[k] = _mm_srai_epi32(_mm_slli_epi32(y[k], 7), 22);
-    const __m128i level = _mm_set1_epi16(128);
-    __m128i bytes = _mm_packus_epi16(_mm_add_epi16(_mm_packs_epi32(y[0], y[1]), level),
-                                     _mm_add_epi16(_mm_packs_epi32(y[2], y[3]), level));
-    // Bytes are column-major; two interleaving steps make them row-major.
-    bytes = _mm_unpacklo_epi8(bytes, _mm_srli_si128(bytes, 8));
-    bytes = _mm_unpacklo_epi8(bytes, _mm_srli_si128(bytes, 8));
-    const __m128i zero = _mm_setzero_si128();
-    __m128i rows01 = _mm_unpacklo_epi8(bytes, zero), rows23 = _mm_unpackhi_epi8(bytes, zero);
-    _mm_storel_epi64(reinterpret_cast<__m128i *>(block), rows01);
-    _mm_storel_epi64(reinterpret_cast<__m128i *>(block + 8), _mm_unpackhi_epi64(rows01, rows01));
-    _mm_storel_epi64(reinterpret_cast<__m128i *>(block + 16), rows23);
-    _mm_storel_epi64(reinterpret_cast<__m128i *>(block + 24), _mm_unpackhi_epi64(rows23, rows23));
-}
+Reduction reduceTo4x4For(uint32_t flag) {
+#if KIV_SIMD_X86
+    if (simdLevelOf(flag) != SimdLevel::Portable)
+        return reduceTo4x4Sse2;
 #endif
-
-void reduceTo4x4(int16_t *block) {
-#if KIV_HAVE_SSE2_IDCT
-    reduceTo4x4Sse2(block);
-#else
-    reduceTo4x4Portable(block);
-#endif
+    return reduceTo4x4Portable;
 }
 
 namespace {

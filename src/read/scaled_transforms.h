@@ -10,11 +10,20 @@ namespace kiv {
 
 void reduceTo1x1(int16_t *block);  // (F00 + 4) >> 3
 void reduceTo2x2(int16_t *block);  // 2-point transforms of F00, F01, F10, F11
-void reduceTo4x4(int16_t *block);  // 4-point transforms of rows and columns 0-3
 
-// The two implementations reduceTo4x4 chooses from (SSE2 on x86-64 only);
-// both give the same bits for every input.
+// 4-point transforms of rows and columns 0-3: the portable reference and the
+// SSE2 version (scaled_transforms_sse2.cpp), the same bits for every input;
+// reduceTo4x4For hands out the one a processor flag allows.
+using Reduction = void (*)(int16_t *block);
 void reduceTo4x4Portable(int16_t *block);
 void reduceTo4x4Sse2(int16_t *block);
+Reduction reduceTo4x4For(uint32_t flag);
+
+// A 4x4 corner whose AC coefficients are all zero becomes its flat sample;
+// false (and nothing written) otherwise. Both 4x4 transforms start with it.
+bool reduceFlat4x4(int16_t *block);
+
+// The 4x4 scale factors sqrt(2) cos(pi/8) and sqrt(2) sin(pi/8) times 4096.
+constexpr uint32_t kReduceK1 = 5352, kReduceK3 = 2217;
 
 }  // namespace kiv

@@ -163,10 +163,10 @@ JpgStatus jpgReadParseScanLevel(JpgParam *param) {
     JpgStatus status = kiv::parseTableSegments(param, &marker);
     if (status != JPG_STATUS_OK)
         return status;
+    // Every decoder reads the multi-level lookups that each DHT segment built
+    // already; the symbol-index lookups of jpgReadInitializeDecVLCTable (64 KiB
+    // to clear for a 16-bit table) would only be released again below.
     if (param->dhtCount != 0) {
-        status = jpgReadInitializeDecVLCTable(param);
-        if (status != JPG_STATUS_OK)
-            return status;
         param->dhtCount = 0;
         param->dhtList[0] = -1;
     }

@@ -85,7 +85,7 @@ TEST(ScaledOutputToRect, RefusesWhatItCannotDecode) {
 }
 
 Block reduce(Block b, int level) {
-    void (*fn[3])(int16_t *) = {kiv::reduceTo1x1, kiv::reduceTo2x2, kiv::reduceTo4x4};
+    void (*fn[3])(int16_t *) = {kiv::reduceTo1x1, kiv::reduceTo2x2, kiv::reduceTo4x4Portable};
     fn[level](b.data());
     return b;
 }
