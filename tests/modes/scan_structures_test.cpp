@@ -169,6 +169,28 @@ TEST(ScanStructures, TranscodesDecodeToTheOriginalsPixels) {
     std::printf("%d transcodes decode exactly like their originals through every driver\n", checked);
 }
 
+// An RSTn marker may close a scan whose last interval is full, and fill
+// bytes may precede any marker: neither changes the pixels.
+TEST(ScanStructures, MarkersBehindScansAreSkipped) {
+    if (!kivtest::haveTool("jpegtran"))
+        GTEST_SKIP() << "jpegtran not installed";
+    const std::string script = writeTemp("lc.txt", kColourScripts.at("luma-then-chroma"));
+    for (const std::string &options : {std::string("-progressive"), "-scans '" + script + "'"}) {
+        Bytes plain = transcode(kivtest::corpus("samples/testorig.jpg"), options, "behind.jpg"), marked;
+        for (size_t i = 0; i < plain.size(); i++) {
+            bool next = i > 2 && plain[i] == 0xFF && (plain[i + 1] == 0xDA || plain[i + 1] == 0xD9) &&
+                        std::count(plain.begin(), plain.begin() + long(i), 0xDA) > 0;
+            if (next)
+                marked.insert(marked.end(), {0xFF, 0xFF, 0xD5});  // a fill byte, then RST5
+            marked.push_back(plain[i]);
+        }
+        Image expected, image;
+        ASSERT_EQ(decodeProgressive(plain, &expected), JPG_STATUS_OK);
+        ASSERT_EQ(decodeProgressive(marked, &image), JPG_STATUS_OK) << options;
+        EXPECT_EQ(differences(expected, image), 0u) << options;
+    }
+}
+
 // Motion-JPEG frames carry no DHT segment: the decoder uses the tables of
 // Annex K.3, which cjpeg writes by default.
 TEST(ScanStructures, FramesWithoutTablesUseAnnexK) {
