@@ -138,7 +138,7 @@ struct JpgDecodeState {
     int16_t *coefBase;         // coefficient store of frames decoded scan by scan; null otherwise
     int16_t *coefCursor;
     uint8_t *rowsCleared;      // store: per MCU row, non-zero once its coefficients are cleared
-    uint32_t storeState;       // store: kStoreEmpty, kStoreFilling or kStoreComplete
+    uint32_t storeState;       // store: kStore* below
     JpgStatus storeStatus;     // store: the warning of a stream that ended early, else 0
     uint8_t scanComponents[4]; // frame index of each scan component, in scan order
     uint8_t scanBlockStart[4]; // first block of each scan component inside an MCU
@@ -148,8 +148,9 @@ struct JpgDecodeState {
                                 // order, kept to the 16 bits the dequantized products keep
 };
 
-// Progress of the coefficient store (JpgDecodeState::storeState).
-enum : uint32_t { kStoreEmpty = 0, kStoreFilling = 1, kStoreComplete = 2 };
+// Progress of the coefficient store (JpgDecodeState::storeState); a fill
+// that failed leaves kStoreRestart: the next one starts from the first scan.
+enum : uint32_t { kStoreEmpty = 0, kStoreFilling = 1, kStoreComplete = 2, kStoreRestart = 3 };
 
 namespace kiv {
 struct QuantSteps;  // the quantizer's divisors of one table (write/quantizer.h)

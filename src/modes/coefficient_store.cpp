@@ -28,14 +28,9 @@ namespace {
 constexpr uint32_t kMarkerEoi = 0xFFD9;
 constexpr uint32_t kLowestMarker = 0xFFC0;  // below it, entropy-coded data follows
 constexpr size_t kBlock = kStoreBlock;
-constexpr uint32_t kStoreRestart = 3;       // storeState: refill from the first scan
 constexpr uint32_t kMaxMcuSide = 32;        // sampling factors are at most 4
 
 uint32_t samplingBlocks(uint8_t sampling) { return (sampling >> 4) * (sampling & 0x0Fu); }
-
-size_t coefficientsPerMcu(const JpgParam *param) { return storeCoefficientsPerMcu(param); }
-
-int16_t *mcuCoefficients(const JpgParam *param, size_t mcu) { return storeMcu(param, mcu); }
 
 // Decodes the scan whose header was read last. Every scan starts with DC
 // predictions of zero and no end-of-band run (G.1.2.1, G.1.2.2).
@@ -84,7 +79,7 @@ JpgStatus restartFromFirstScan(JpgParam *param) {
 }  // namespace
 
 void clearStoreRow(JpgParam *param, uint32_t row) {
-    const size_t perRow = static_cast<size_t>(param->mcusPerRow) * coefficientsPerMcu(param);
+    const size_t perRow = static_cast<size_t>(param->mcusPerRow) * storeCoefficientsPerMcu(param);
     memset(param->dec.coefBase + row * perRow, 0, perRow * sizeof(int16_t));
     param->dec.rowsCleared[row] = 1;
 }
@@ -196,7 +191,7 @@ JpgStatus reconstructMcu(JpgParam *param) {
     if (!mayRead(param)) [[unlikely]]  // the routine getters hand these out to anyone
         return refuseRead(param);
     const int16_t *source = param->dec.coefCursor;
-    const size_t perMcu = coefficientsPerMcu(param);
+    const size_t perMcu = storeCoefficientsPerMcu(param);
     if (source == nullptr || param->dec.coefBase == nullptr || param->dec.rowsCleared == nullptr ||
         source < param->dec.coefBase || perMcu == 0 || param->mcusPerRow == 0 ||
         static_cast<size_t>(source - param->dec.coefBase) / perMcu >= param->totalMcus)
@@ -276,7 +271,7 @@ void convertHeldMcu(JpgParam *param, const OutputPath &path, const ComplibRect *
 // Reconstructs MCU `index` of the image into the buffer given.
 void reconstructAt(JpgParam *param, const OutputPath &path, int16_t *buffer, size_t index) {
     param->mcuBuffer = buffer;
-    param->dec.coefCursor = mcuCoefficients(param, index);
+    param->dec.coefCursor = storeMcu(param, index);
     path.reconstruct(param);
 }
 
