@@ -237,13 +237,15 @@ struct OutputPath {
     uint32_t mcuWidth, mcuHeight;
 };
 
-// Upsamples and converts the MCU in the buffers into lines firstLine ..
-// firstLine + strip height - 1 of the MCU at column x of the strip. Lines
+// Upsamples (unless the converter does) and converts the MCU in the buffers
+// into lines firstLine .. firstLine + strip height - 1 of the MCU at column
+// x of the strip. Lines
 // from inside the MCU go through an MCU-sized scratch strip first, since
 // converters write from an MCU's top line.
 void convertHeldMcu(JpgParam *param, const OutputPath &path, const ComplibRect *strip, int32_t x,
                     uint32_t firstLine) {
-    path.upsample(param);
+    if (path.upsample != nullptr)
+        path.upsample(param);
     int64_t width = static_cast<int64_t>(strip->width) - x;
     if (width > path.mcuWidth)
         width = path.mcuWidth;
@@ -313,7 +315,7 @@ void outputMcuRow(JpgParam *param, const OutputPath &path, const ComplibRect *st
 // top row. The quantization tables are taken as they stand now.
 JpgStatus outputRows(JpgParam *param, const OutputPath &path, const ComplibRect *rect, uint32_t rows,
                      bool lookAhead) {
-    if (path.reconstruct == nullptr || path.upsample == nullptr || path.convert == nullptr ||
+    if (path.reconstruct == nullptr || path.convert == nullptr ||
         path.mcuWidth == 0 || path.mcuHeight == 0 || rect->channels < 1 || rect->channels > 4)
         return JPG_STATUS_NOT_SUPPORTED;
     for (uint32_t c = 0; c < param->numComponents && c < 4; c++)
@@ -347,6 +349,8 @@ JpgStatus outputRows(JpgParam *param, const OutputPath &path, const ComplibRect 
 JpgStatus outputStoredRows(JpgParam *param, const ComplibRect *rect, uint32_t rows) {
     OutputPath path{param->routines.mcuProgressive, param->routines.upsample, mcuRowConverter(param),
                     param->mcuWidth, param->mcuHeight};
+    if (path.upsample == nullptr)
+        return JPG_STATUS_NOT_SUPPORTED;
     return outputRows(param, path, rect, rows, true);
 }
 
@@ -354,8 +358,12 @@ JpgStatus outputStoredScaledRows(JpgParam *param, const ComplibRect *rect, uint3
     int32_t level = param->scaleLevel;
     if (level < 0 || level > 2)
         return JPG_STATUS_INVALID_PARAMETER;
-    OutputPath path{param->routines.mcuScaled, param->routines.upsampleScaled, param->routines.convertScaled,
-                    param->mcuWidth >> (3 - level), param->mcuHeight >> (3 - level)};
+    const JpgReadColorConvertFunc fused = fusedScaledConverter(param);
+    OutputPath path{param->routines.mcuScaled, fused != nullptr ? nullptr : param->routines.upsampleScaled,
+                    fused != nullptr ? fused : param->routines.convertScaled, param->mcuWidth >> (3 - level),
+                    param->mcuHeight >> (3 - level)};
+    if (fused == nullptr && path.upsample == nullptr)
+        return JPG_STATUS_NOT_SUPPORTED;
     return outputRows(param, path, rect, rows, false);
 }
 

@@ -241,6 +241,52 @@ JpgReadColorConvertFunc mcuRowConverter(const JpgParam *param) {
 
 namespace {
 
+// Scaled output of YCbCr frames with 1x1 chroma (4:4:4, 4:2:2, 4:4:0,
+// 4:2:0): the replicating upsampler and the conversion in one pass. Output
+// pixel (r, c) of the MCU takes its luma from the reduced luma block that
+// covers it and its chroma from chroma sample (r / Vmax, c / Hmax), exactly
+// what the scaled upsampler would have copied there.
+template <int kHmax, int kVmax>
+void convertScaledYcc(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
+    const int n = 1 << (param->scaleLevel < 0 ? 0 : param->scaleLevel > 2 ? 2 : param->scaleLevel);
+    const int step = rect->channels;
+    const int rows = rect->height < kVmax * n ? rect->height : kVmax * n;
+    const int cols = width < kHmax * n ? width : kHmax * n;
+    const int16_t *luma = param->mcuBuffer;
+    const int16_t *cb = luma + 64 * kHmax * kVmax, *cr = cb + 64;
+    uint8_t *line = rect->pixels + static_cast<ptrdiff_t>(x) * step;
+    for (int r = 0; r < rows; r++, line += rect->stride) {
+        const int16_t *lumaRow = luma + 64 * kHmax * (r / n) + 8 * (r % n);
+        const int16_t *cbRow = cb + 8 * (r / kVmax), *crRow = cr + 8 * (r / kVmax);
+        uint8_t *dst = line;
+        for (int c = 0; c < cols; c++, dst += step) {
+            Bgr p = yccToBgr(lumaRow[64 * (c / n) + c % n], cbRow[c / kHmax], crRow[c / kHmax]);
+            dst[0] = p.b;
+            dst[1] = p.g;
+            dst[2] = p.r;
+        }
+    }
+}
+
+}  // namespace
+
+JpgReadColorConvertFunc fusedScaledConverter(const JpgParam *param) {
+    if (slotConverter(param->routines.convertScaled) != convertMcu<3, Layout::YCbCr, true> ||
+        param->numComponents != 3 || param->components[1].sampling != 0x11 ||
+        param->components[2].sampling != 0x11 || param->mcuBuffer == nullptr ||
+        param->components[0].sampling != (param->hmax << 4 | param->vmax))
+        return nullptr;
+    switch (param->hmax << 4 | param->vmax) {
+    case 0x11: return convertScaledYcc<1, 1>;
+    case 0x12: return convertScaledYcc<1, 2>;
+    case 0x21: return convertScaledYcc<2, 1>;
+    case 0x22: return convertScaledYcc<2, 2>;
+    default: return nullptr;
+    }
+}
+
+namespace {
+
 template <Writers kWriters>
 JpgReadColorConvertFunc vectorConverter(uint32_t id) {
     switch (id) {

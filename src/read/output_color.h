@@ -16,4 +16,10 @@ JpgReadColorConvertFunc readColorConvertFor(uint32_t id, SimdLevel level);
 // doubled vertically are read once per pair).
 JpgReadColorConvertFunc mcuRowConverter(const JpgParam *param);
 
+// For scaled output: a converter that also does the replicating upsampling
+// of the frame (the upsampling routine is then not run), or null where the
+// stored pair of routines serves. YCbCr frames whose chroma is sampled 1x1
+// and whose maximum factors are at most 2.
+JpgReadColorConvertFunc fusedScaledConverter(const JpgParam *param);
+
 }  // namespace kiv

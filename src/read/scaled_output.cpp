@@ -12,6 +12,7 @@
 #include "modes/coefficient_store.h"
 #include "core/simd.h"
 #include "read/front_end.h"
+#include "read/output_color.h"
 #include "read/scaled_transforms.h"
 
 namespace kiv {
@@ -132,6 +133,8 @@ JpgStatus prepareScaledOutput(JpgParam *param, const ComplibRect *rect, uint32_t
 // into rect, clipped to `pixels` columns (MCUs past them are only decoded).
 JpgStatus scaledMcuRun(JpgParam *param, ComplibRect *rect, int64_t mcus, int64_t pixels,
                        int32_t mcuWidth) {
+    const JpgReadColorConvertFunc fused = fusedScaledConverter(param);
+    const JpgReadColorConvertFunc convert = fused != nullptr ? fused : param->routines.convertScaled;
     int32_t x = 0;
     for (; mcus > 0; mcus--) {
         if (param->currentMarker == kEoi)
@@ -140,9 +143,9 @@ JpgStatus scaledMcuRun(JpgParam *param, ComplibRect *rect, int64_t mcus, int64_t
         if (status != JPG_STATUS_OK)
             return status;
         if (pixels > 0) {
-            param->routines.upsampleScaled(param);
-            param->routines.convertScaled(param, rect, x,
-                                          static_cast<int32_t>(pixels < mcuWidth ? pixels : mcuWidth));
+            if (fused == nullptr)
+                param->routines.upsampleScaled(param);
+            convert(param, rect, x, static_cast<int32_t>(pixels < mcuWidth ? pixels : mcuWidth));
         }
         x += mcuWidth;
         pixels -= mcuWidth;
