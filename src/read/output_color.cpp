@@ -246,9 +246,11 @@ namespace {
 // pixel (r, c) of the MCU takes its luma from the reduced luma block that
 // covers it and its chroma from chroma sample (r / Vmax, c / Hmax), exactly
 // what the scaled upsampler would have copied there.
-template <int kHmax, int kVmax>
+// kRows8: rows of eight pixels (at 1/2 with Hmax = 2) go through the SSE2
+// row converter, the same bits as the tables.
+template <int kHmax, int kVmax, int kLevel, bool kRows8 = false>
 void convertScaledYcc(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
-    const int n = 1 << (param->scaleLevel < 0 ? 0 : param->scaleLevel > 2 ? 2 : param->scaleLevel);
+    constexpr int n = 1 << kLevel;
     const int step = rect->channels;
     const int rows = rect->height < kVmax * n ? rect->height : kVmax * n;
     const int cols = width < kHmax * n ? width : kHmax * n;
@@ -258,6 +260,20 @@ void convertScaledYcc(JpgParam *param, ComplibRect *rect, int32_t x, int32_t wid
     for (int r = 0; r < rows; r++, line += rect->stride) {
         const int16_t *lumaRow = luma + 64 * kHmax * (r / n) + 8 * (r % n);
         const int16_t *cbRow = cb + 8 * (r / kVmax), *crRow = cr + 8 * (r / kVmax);
+#if KIV_HAVE_SSE2_COLOR
+        if constexpr (kRows8 && kHmax * n == 8) {
+            if (cols == 8 && step == 3) {
+                int16_t y[8], u[8], v[8];
+                for (int c = 0; c < 8; c++) {
+                    y[c] = lumaRow[64 * (c / n) + c % n];
+                    u[c] = cbRow[c / kHmax];
+                    v[c] = crRow[c / kHmax];
+                }
+                yccRowToBgrSse2(y, u, v, line);
+                continue;
+            }
+        }
+#endif
         uint8_t *dst = line;
         for (int c = 0; c < cols; c++, dst += step) {
             Bgr p = yccToBgr(lumaRow[64 * (c / n) + c % n], cbRow[c / kHmax], crRow[c / kHmax]);
@@ -268,6 +284,15 @@ void convertScaledYcc(JpgParam *param, ComplibRect *rect, int32_t x, int32_t wid
     }
 }
 
+template <int kHmax, int kVmax>
+JpgReadColorConvertFunc scaledYccFor(int level, bool vector) {
+    if (level == 2 && vector)
+        return convertScaledYcc<kHmax, kVmax, 2, true>;
+    return level == 0 ? convertScaledYcc<kHmax, kVmax, 0>
+           : level == 1 ? convertScaledYcc<kHmax, kVmax, 1>
+                        : convertScaledYcc<kHmax, kVmax, 2>;
+}
+
 }  // namespace
 
 JpgReadColorConvertFunc fusedScaledConverter(const JpgParam *param) {
@@ -276,11 +301,13 @@ JpgReadColorConvertFunc fusedScaledConverter(const JpgParam *param) {
         param->components[2].sampling != 0x11 || param->mcuBuffer == nullptr ||
         param->components[0].sampling != (param->hmax << 4 | param->vmax))
         return nullptr;
+    const int level = param->scaleLevel < 0 ? 0 : param->scaleLevel > 2 ? 2 : param->scaleLevel;
+    const bool vector = simdLevelOf(param->processorFlag) != SimdLevel::Portable;
     switch (param->hmax << 4 | param->vmax) {
-    case 0x11: return convertScaledYcc<1, 1>;
-    case 0x12: return convertScaledYcc<1, 2>;
-    case 0x21: return convertScaledYcc<2, 1>;
-    case 0x22: return convertScaledYcc<2, 2>;
+    case 0x11: return scaledYccFor<1, 1>(level, vector);
+    case 0x12: return scaledYccFor<1, 2>(level, vector);
+    case 0x21: return scaledYccFor<2, 1>(level, vector);
+    case 0x22: return scaledYccFor<2, 2>(level, vector);
     default: return nullptr;
     }
 }
