@@ -44,11 +44,9 @@ ComplibRect RectOver(Bytes &b, int w, int h, int channels, int sampleBits, size_
 
 // Ends an encoder to memory and returns its stream.
 Bytes Finish(JpgParam *enc) {
-    uint8_t *data = nullptr;
-    uint32_t size = 0;
-    EXPECT_EQ(jpgWriteEpilogToMemory(enc, &data, &size), JPG_STATUS_OK);
-    Bytes out(data, data + size);
-    jpgWriteFreeBitstream(data);
+    JpgStatus status;
+    Bytes out = kivtest::finishToMemory(enc, &status);
+    EXPECT_EQ(status, JPG_STATUS_OK);
     return out;
 }
 
@@ -334,13 +332,7 @@ Size SizeFor(const DriverCase &c) {
 // A stream for the decoders, and the same image progressive via jpegtran.
 Bytes StreamFor(const DriverCase &c) {
     Bytes jpeg = Encode(c.lossless);
-    if (c.driver != Driver::Progressive)
-        return jpeg;
-    std::string in = kivtest::tempPath("misuse.jpg"), out = kivtest::tempPath("misuse-p.jpg");
-    kivtest::writeFile(in, jpeg);
-    if (kivtest::run("jpegtran -progressive -outfile " + out + " " + in) != 0)
-        return {};
-    return kivtest::readFile(out);
+    return c.driver == Driver::Progressive ? kivtest::jpegtran(jpeg, "-progressive") : jpeg;
 }
 
 // The buffer behind a rectangle: 64 guard bytes on each side and 6 bytes of
@@ -577,7 +569,7 @@ TEST(ApiPrograms, SeedsAndFindingsKeepTheContract) {
     Bytes sequential = kivtest::readFile(kivtest::corpus("samples/testorig.jpg"));
     Bytes progressive = kivtest::readFile(kivtest::corpus("samples/testprog.jpg"));
     kivtest::ApiOptions options;
-    options.tempDir = std::filesystem::path(kivtest::tempPath("api")).parent_path().string();
+    options.tempDir = kivtest::tempDir();
     std::vector<std::pair<std::string, Bytes>> programs;
     for (const auto &seed : kivtest::ApiSeedPrograms(sequential, progressive))
         programs.push_back({seed.name, seed.input.bytes()});
