@@ -18,6 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "api_program.h"
 #include "hostile_decode.h"
 #include "hostile_encode.h"
 #include "stream_builder.h"
@@ -27,18 +28,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// Every status the library may return.
-bool IsLibraryStatus(JpgStatus s) {
-    static constexpr JpgStatus kKnown[] = {
-        JPG_STATUS_OK,           JPG_STATUS_FAILED,           JPG_STATUS_BLOCK_UNAVAILABLE,
-        JPG_STATUS_NO_MEMORY,    JPG_STATUS_INVALID_HANDLE,   JPG_STATUS_SEEK_FAILED,
-        JPG_STATUS_OUTPUT_FULL,  JPG_STATUS_END_OF_STREAM,    JPG_STATUS_INVALID_PARAMETER,
-        JPG_STATUS_WRONG_MODE,   JPG_STATUS_NOT_SUPPORTED,    JPG_STATUS_BAD_DATA,
-        JPG_STATUS_FILE_OPEN_FAILED, JPG_STATUS_UNEXPECTED_END, JPG_STATUS_BAD_DC_CODE,
-        JPG_STATUS_BAD_AC_CODE,  JPG_STATUS_SEGMENT_LENGTH,   JPG_STATUS_BAD_SAMPLING,
-        JPG_STATUS_ERROR};
-    return std::find(std::begin(kKnown), std::end(kKnown), s) != std::end(kKnown);
-}
+bool IsLibraryStatus(JpgStatus s) { return kivtest::IsDocumentedStatus(s); }
 
 // Where the marker segments of a stream begin, up to and including the
 // first SOS, and where its entropy-coded data starts (0: nowhere).
