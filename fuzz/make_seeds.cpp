@@ -14,7 +14,7 @@
 #include "../tests/support/api_seeds.h"
 #include "../tests/support/hostile_decode.h"
 #include "../tests/support/hostile_encode.h"
-#include "../tests/support/jpeg_builder.h"
+#include "../tests/support/stream_builder.h"
 
 namespace fs = std::filesystem;
 

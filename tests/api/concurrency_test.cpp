@@ -11,7 +11,7 @@
 
 #include "hostile_decode.h"
 #include "hostile_encode.h"
-#include "jpeg_builder.h"
+#include "stream_builder.h"
 #include "test_support.h"
 
 namespace {
@@ -54,8 +54,7 @@ Result RunJob(const Job &job) {
 }
 
 std::vector<Job> Jobs() {
-    std::string temp = kivtest::tempPath("c");
-    temp = temp.substr(0, temp.rfind('/'));
+    std::string temp = kivtest::tempDir();
     std::vector<Job> jobs;
     auto decode = [&](const std::string &name, Bytes stream, uint8_t path, uint8_t batch,
                       uint8_t flags) {

@@ -22,19 +22,6 @@ struct Handle {
 
 }  // namespace
 
-TEST(Handle, PrologInitialisesIdentification) {
-    Handle h;
-    ASSERT_NE(h.p, nullptr);
-    EXPECT_EQ(memcmp(h.p, "GEPJ", 4), 0);
-    EXPECT_EQ(h.p->size, sizeof(JpgParam));
-    EXPECT_EQ(h.p->version[0], 4);
-    EXPECT_EQ(h.p->version[3], 'j');
-    EXPECT_EQ(h.p->scaleLevel, -1);
-    EXPECT_EQ(h.p->routines.mcu, nullptr);
-    EXPECT_EQ(h.p->dcTables[3].level[2].entries, nullptr);
-    EXPECT_EQ(h.p->mode & (kModeRead | kModeWrite), 0u);
-}
-
 TEST(Handle, CheckRejectsNullWrongMagicAndWrongSize) {
     Handle h;
     EXPECT_EQ(jpgCheckParam(h.p), h.p);

@@ -1,125 +1,100 @@
 // Lossless encoder: the headers it writes, restart markers, the lenient
-// predictor selection, argument checks, and ownership of the previous-row
-// buffer across calls.
+// predictor selection, argument checks, ownership of the previous-row buffer;
+// and round trips that must give back every sample exactly, for every
+// precision, predictor, component count, restart interval, image size and
+// batch size, on random data (reaching the 16-bit slow path), smooth
+// gradients, extreme neighbours and a real 16-bit photograph.
 #include <gtest/gtest.h>
 
-#include "lossless_helpers.h"
+#include <algorithm>
+#include <cstring>
+
+#include "test_support.h"
 
 namespace {
 
-using kivtest::Samples;
+using namespace kivtest;
 
-uint32_t be16(const std::vector<uint8_t> &b, size_t at) { return uint32_t(b[at] << 8 | b[at + 1]); }
+uint32_t be16(const Bytes &b, size_t at) { return uint32_t(b[at] << 8 | b[at + 1]); }
 
-// Markers in order, from SOI to EOI, skipping segment bodies and data.
-std::vector<uint8_t> markerCodes(const std::vector<uint8_t> &b) {
+std::vector<uint8_t> markerCodes(const Bytes &b) {
     std::vector<uint8_t> codes;
-    for (size_t i = 0; i + 1 < b.size(); i++) {
-        if (b[i] != 0xFF || b[i + 1] == 0x00 || b[i + 1] == 0xFF)
-            continue;
-        uint8_t code = b[i + 1];
-        codes.push_back(code);
-        bool standalone = code == 0xD8 || code == 0xD9 || (code >= 0xD0 && code <= 0xD7);
-        i += standalone ? 1 : 1 + be16(b, i + 2);
-    }
+    for (const Segment &s : allSegments(b))
+        codes.push_back(uint8_t(s.marker));
     return codes;
 }
 
 TEST(LosslessEncode, HeadersCarryOneTableAndTheFrame) {
-    for (uint32_t p : {8u, 12u})
-        for (uint32_t nc : {1u, 3u}) {
-            Samples s = kivtest::randomSamples(300, 2, nc, p, 1);
-            std::vector<uint8_t> b = kivtest::encodeLossless(s, {6, 0, 0});
+    for (int p : {8, 12})
+        for (int nc : {1, 3}) {
+            Bytes b = encode(randomImage(300, 2, nc, p, 1), losslessOptions(6));
             EXPECT_EQ(markerCodes(b), (std::vector<uint8_t>{0xD8, 0xC4, 0xC3, 0xDA, 0xD9}));
-            size_t dht = kivtest::findMarker(b, 0xC4);
+            size_t dht = findMarker(b, 0xC4), sof = findMarker(b, 0xC3), sos = findMarker(b, 0xDA);
             uint32_t values = p > 8 ? 17 : 12;
             EXPECT_EQ(be16(b, dht + 2), 2 + 17 + values) << "a single table";
             EXPECT_EQ(b[dht + 4], 0x00) << "DC class, identifier 0";
             for (uint32_t v = 0; v < values; v++)
                 EXPECT_EQ(b[dht + 21 + v], v);
-            size_t sof = kivtest::findMarker(b, 0xC3);
-            EXPECT_EQ(be16(b, sof + 2), 8 + 3 * nc);
-            EXPECT_EQ(b[sof + 4], p);
-            EXPECT_EQ(be16(b, sof + 5), 2u);
-            EXPECT_EQ(be16(b, sof + 7), 300u);
-            EXPECT_EQ(b[sof + 9], nc);
-            for (uint32_t i = 0; i < nc; i++) {
-                EXPECT_EQ(b[sof + 10 + 3 * i], i);
-                EXPECT_EQ(b[sof + 11 + 3 * i], 0x11);
-                EXPECT_EQ(b[sof + 12 + 3 * i], 0);
+            Bytes frame = {uint8_t(p), 0, 2, 300 >> 8, 300 & 0xFF, uint8_t(nc)}, scan = {uint8_t(nc)};
+            for (int i = 0; i < nc; i++) {
+                frame.insert(frame.end(), {uint8_t(i), 0x11, 0});
+                scan.insert(scan.end(), {uint8_t(i), 0x00});  // every component uses table 0
             }
-            size_t sos = kivtest::findMarker(b, 0xDA);
-            EXPECT_EQ(b[sos + 4], nc);
-            for (uint32_t i = 0; i < nc; i++) {
-                EXPECT_EQ(b[sos + 5 + 2 * i], i);
-                EXPECT_EQ(b[sos + 6 + 2 * i], 0x00) << "every component uses table 0";
-            }
-            EXPECT_EQ(b[sos + 5 + 2 * nc], 6) << "Ss is the predictor";
-            EXPECT_EQ(b[sos + 6 + 2 * nc], 0);
-            EXPECT_EQ(b[sos + 7 + 2 * nc], 0);
+            scan.insert(scan.end(), {6, 0, 0});  // Ss is the predictor
+            EXPECT_EQ(Bytes(b.begin() + long(sof) + 4, b.begin() + long(sof) + 2 + be16(b, sof + 2)), frame);
+            EXPECT_EQ(Bytes(b.begin() + long(sos) + 4, b.begin() + long(sos) + 2 + be16(b, sos + 2)), scan);
         }
 }
 
 // RST0..RST7 then RST0 again, one between intervals, none behind the last.
 TEST(LosslessEncode, RestartMarkersCycle) {
-    Samples s = kivtest::gradientSamples(5, 21, 2, 8, 3);
-    std::vector<uint8_t> b = kivtest::encodeLossless(s, {4, 2, 3});
+    Image s = gradientImage(5, 21, 2, 8, 3);
+    Bytes b = encode(s, losslessOptions(4, 2, 3));
     std::vector<uint8_t> expected{0xD8, 0xC4, 0xC3, 0xDD, 0xDA};
     for (int k = 0; k < 10; k++)
         expected.push_back(uint8_t(0xD0 + k % 8));
     expected.push_back(0xD9);
     EXPECT_EQ(markerCodes(b), expected);
-    size_t dri = kivtest::findMarker(b, 0xDD);
-    EXPECT_EQ(be16(b, dri + 4), 10u) << "two rows of five samples";
-    EXPECT_TRUE(kivtest::decodeLossless(b, 4).samples == s);
-
-    Samples even = kivtest::gradientSamples(5, 20, 1, 8, 3);
-    std::vector<uint8_t> e = kivtest::encodeLossless(even, {4, 2, 0});
+    EXPECT_EQ(be16(b, findMarker(b, 0xDD) + 4), 10u) << "two rows of five samples";
+    DecodeOptions batches;
+    batches.batch = 4;
+    EXPECT_TRUE(decode(b, batches).image == s);
+    Image even = gradientImage(5, 20, 1, 8, 3);
+    Bytes e = encode(even, losslessOptions(4, 2));
     std::vector<uint8_t> codes = markerCodes(e);
-    EXPECT_EQ(std::count_if(codes.begin(), codes.end(), [](uint8_t c) { return c >= 0xD0 && c <= 0xD7; }), 9);
-    EXPECT_TRUE(kivtest::decodeLossless(e).samples == even);
+    EXPECT_EQ(std::count_if(codes.begin(), codes.end(), [](uint8_t c) { return (c & 0xF8) == 0xD0; }), 9);
+    EXPECT_TRUE(decode(e).image == even);
 }
 
 // A predictor selection outside 1..7 codes the first column only and still
 // succeeds; this decoder refuses the result at its second row.
 TEST(LosslessEncode, PredictorOutsideRangeCodesFirstColumnOnly) {
-    Samples s = kivtest::randomSamples(9, 4, 1, 8, 6);
+    Image s = randomImage(9, 4, 1, 8, 6);
     JpgParam *h = nullptr;
     ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
     EXPECT_EQ(jpgWriteSetSpatialPredictor(h, 0), JPG_STATUS_INVALID_PARAMETER);
     EXPECT_EQ(jpgWriteSetSpatialPredictor(h, 8), JPG_STATUS_INVALID_PARAMETER);
     h->scanSs = 0;
-    std::vector<uint8_t> buf = kivtest::packRows(s, 9);
-    ComplibRect r = kivtest::rectOver(buf, s, 9, 0, 4);
+    ComplibRect r = s.rect();
     EXPECT_EQ(jpgWriteSpatialFromRect(h, &r, 4), JPG_STATUS_OK);
-    uint8_t *data = nullptr;
-    uint32_t size = 0;
-    ASSERT_EQ(jpgWriteEpilogToMemory(h, &data, &size), JPG_STATUS_OK);
-    std::vector<uint8_t> b(data, data + size);
-    jpgWriteFreeBitstream(data);
-    kivtest::Decoded d = kivtest::decodeLossless(b, 1);
+    DecodeOptions o;
+    o.batch = 1;
+    Decoded d = decode(finishToMemory(h), o);
     EXPECT_EQ(d.status, JPG_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(d.rowsDone, 1u);
-    EXPECT_EQ(d.samples.v[9], s.v[9]) << "the first column of row 1 is there";
+    EXPECT_EQ(d.rows, 1u);
+    EXPECT_EQ(d.image.pixels[9], s.pixels[9]) << "the first column of row 1 is there";
 }
 
 struct Writer {
     JpgParam *h = nullptr;
     Writer() { EXPECT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK); }
-    ~Writer() {
-        uint8_t *data = nullptr;
-        uint32_t size = 0;
-        jpgWriteEpilogToMemory(h, &data, &size);
-        if (data)
-            jpgWriteFreeBitstream(data);
-    }
+    ~Writer() { finishToMemory(h); }
 };
 
 TEST(LosslessEncode, ArgumentChecks) {
-    Samples s = kivtest::randomSamples(10, 6, 2, 12, 2);
-    std::vector<uint8_t> buf = kivtest::packRows(s, 40);
-    const ComplibRect fits = kivtest::rectOver(buf, s, 40, 0, 6);
-    struct Case {
+    Image s = randomImage(10, 6, 2, 12, 2);
+    const ComplibRect fits = s.rect();
+    const struct {
         const char *what;
         void (*change)(ComplibRect &);
         int32_t rows;
@@ -135,7 +110,7 @@ TEST(LosslessEncode, ArgumentChecks) {
         {"small allocation", [](ComplibRect &r) { r.allocSize = 200; }, 6, JPG_STATUS_INVALID_PARAMETER},
         {"width 0", [](ComplibRect &r) { r.width = 0; }, 6, JPG_STATUS_INVALID_PARAMETER},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         Writer w;
         ComplibRect r = fits;
         c.change(r);
@@ -163,45 +138,103 @@ TEST(LosslessEncode, ArgumentChecks) {
         EXPECT_EQ(jpgWriteSpatialFromRect(w.h, &r, 10), JPG_STATUS_OK) << "rows cut at the image height";
         EXPECT_EQ(jpgWriteSpatialFromRect(w.h, &r, 1), JPG_STATUS_INVALID_PARAMETER) << "image complete";
     }
-    // A read handle is no encoder.
-    std::vector<uint8_t> b = kivtest::encodeLossless(s, {});
-    JpgParam *reader = nullptr;
-    ASSERT_EQ(jpgReadPrologFromMemory(b.data(), int32_t(b.size()), 0, &reader), JPG_STATUS_OK);
-    EXPECT_EQ(jpgWriteSpatialFromRect(reader, &fits, 6), JPG_STATUS_WRONG_MODE);
-    jpgReadEpilog(reader);
+    ReadHandle reader(encode(s, losslessOptions(1)));  // a read handle is no encoder
+    EXPECT_EQ(jpgWriteSpatialFromRect(reader.p, &fits, 6), JPG_STATUS_WRONG_MODE);
 }
 
 // The previous row lives in the handle while rows are missing and is gone
-// once the image is complete; an encode abandoned midway leaks nothing.
-TEST(LosslessEncode, PreviousRowBufferOwnership) {
-    Samples s = kivtest::randomSamples(12, 5, 3, 16, 4);
-    std::vector<uint8_t> buf = kivtest::packRows(s, 72);
-    {
+// once the image is complete (an encode abandoned midway leaks nothing); a
+// height set beforehand wins over the rectangle's.
+TEST(LosslessEncode, PreviousRowBufferAndHeight) {
+    Image s = randomImage(12, 5, 3, 16, 4);
+    for (int32_t rows : {2, 5}) {
         Writer w;
-        ComplibRect r = kivtest::rectOver(buf, s, 72, 0, 5);
-        ASSERT_EQ(jpgWriteSpatialFromRect(w.h, &r, 2), JPG_STATUS_OK);
+        ComplibRect r = s.rect();
+        ASSERT_EQ(jpgWriteSpatialFromRect(w.h, &r, rows), JPG_STATUS_OK);
+        if (rows == 5) {
+            EXPECT_EQ(w.h->spareBuffer, nullptr);
+            continue;
+        }
         ASSERT_NE(w.h->spareBuffer, nullptr);
-        EXPECT_EQ(0, memcmp(w.h->spareBuffer, buf.data() + 72, 72));
+        EXPECT_EQ(0, memcmp(w.h->spareBuffer, s.row(1), 72));
         EXPECT_EQ(w.h->losslessLine, nullptr);
     }
-    {
-        Writer w;
-        ComplibRect r = kivtest::rectOver(buf, s, 72, 0, 5);
-        ASSERT_EQ(jpgWriteSpatialFromRect(w.h, &r, 5), JPG_STATUS_OK);
-        EXPECT_EQ(w.h->spareBuffer, nullptr);
-    }
-}
-
-// A height set beforehand wins over the rectangle's.
-TEST(LosslessEncode, HeightSetBeforehandIsKept) {
-    Samples s = kivtest::randomSamples(6, 9, 1, 8, 3);
-    std::vector<uint8_t> buf = kivtest::packRows(s, 6);
+    Image tall = randomImage(6, 9, 1, 8, 3);
     Writer w;
     ASSERT_EQ(jpgWriteSetImageSize(w.h, 6, 4), JPG_STATUS_OK);
-    ComplibRect r = kivtest::rectOver(buf, s, 6, 0, 9);
+    ComplibRect r = tall.rect();
     EXPECT_EQ(jpgWriteSpatialFromRect(w.h, &r, 9), JPG_STATUS_OK);
     EXPECT_EQ(w.h->height, 4u);
     EXPECT_EQ(w.h->processedLines, 4u);
+}
+
+void expectRoundTrip(const Image &s, const EncodeOptions &o, uint32_t decodeBatch, const std::string &what) {
+    JpgStatus st;
+    Bytes stream = encode(s, o, &st);
+    ASSERT_EQ(st, JPG_STATUS_OK) << what;
+    DecodeOptions d;
+    d.batch = decodeBatch;
+    Decoded back = decode(stream, d);
+    ASSERT_EQ(back.status, JPG_STATUS_OK) << what;
+    ASSERT_TRUE(back.image == s) << what;
+}
+
+TEST(LosslessRoundTrip, EveryPrecisionPredictorAndComponentCount) {
+    for (int p = 2; p <= 16; p++)
+        for (int pred = 1; pred <= 7; pred++)
+            for (int nc = 1; nc <= 4; nc++) {
+                std::string what = "P=" + std::to_string(p) + " pred=" + std::to_string(pred) + " nc=" + std::to_string(nc);
+                expectRoundTrip(randomImage(11, 7, nc, p, uint32_t(p * 100 + pred * 10 + nc)), losslessOptions(pred), 0,
+                                "random " + what);
+                expectRoundTrip(gradientImage(13, 6, nc, p, uint32_t(p + pred + nc)), losslessOptions(pred), 0,
+                                "gradient " + what);
+            }
+    // Extreme neighbours: Ra + Rb beyond the sample range and negative Rb - Rc
+    // exercise the full-precision predictions of predictors 4 to 7.
+    for (int p : {2, 8, 12, 16})
+        for (int pred = 1; pred <= 7; pred++) {
+            Image s(16, 16, 2, p);
+            for (size_t i = 0; i < s.samples(); i++)
+                s.set(i, ((i / 2 + i / 32 + (i & 1)) % 3 == 0) ? 0 : (1u << p) - 1);
+            expectRoundTrip(s, losslessOptions(pred), 0, "extremes P=" + std::to_string(p));
+        }
+}
+
+// Sizes, batches on either side and restart intervals; batches change
+// nothing in the stream.
+TEST(LosslessRoundTrip, SizesBatchesAndRestartIntervals) {
+    for (auto [w, h] : {std::pair{1, 1}, {1, 9}, {9, 1}, {17, 13}, {33, 21}})
+        for (int p : {2, 9, 16})
+            for (uint32_t batch : {1u, 7u, 0u})
+                for (uint16_t restartRows : {0, 1, 5}) {
+                    int pred = int(1 + (w + h + batch + restartRows) % 7), nc = 1 + (w + p) % 4;
+                    Image s = randomImage(w, h, nc, p, uint32_t(w * h + p + batch));
+                    expectRoundTrip(s, losslessOptions(pred, restartRows, batch), batch,
+                                    std::to_string(w) + "x" + std::to_string(h) + " P=" + std::to_string(p) + " batch=" +
+                                        std::to_string(batch) + " restart rows=" + std::to_string(restartRows));
+                }
+    Image s = gradientImage(23, 19, 3, 12, 7);
+    Bytes whole = encode(s, losslessOptions(6, 3));
+    for (uint32_t batch : {1u, 7u, 18u})
+        EXPECT_EQ(encode(s, losslessOptions(6, 3, batch)), whole) << batch;
+}
+
+// A real 16-bit photograph at every predictor, and reduced to a few other
+// precisions; at 8 bits every predictor must compress.
+TEST(LosslessRoundTrip, Monkey16) {
+    Image full = readPnm(corpus("samples/monkey16.pgm"));
+    ASSERT_EQ(full.width, 149);
+    ASSERT_EQ(full.bits, 16);
+    for (int pred = 1; pred <= 7; pred++)
+        expectRoundTrip(full, losslessOptions(pred), 10, "monkey16 pred " + std::to_string(pred));
+    for (int p : {8, 12}) {
+        Image s(full.width, full.height, 1, p);
+        for (size_t i = 0; i < s.samples(); i++)
+            s.set(i, full.get(i) >> (16 - p));
+        expectRoundTrip(s, losslessOptions(7, 4, 9), 5, "monkey reduced to P=" + std::to_string(p));
+        for (int pred = 1; pred <= 7 && p == 8; pred++)
+            EXPECT_LT(encode(s, losslessOptions(pred)).size(), s.samples()) << pred;
+    }
 }
 
 }  // namespace

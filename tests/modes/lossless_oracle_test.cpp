@@ -6,15 +6,23 @@
 #include <algorithm>
 #include <fstream>
 #include <numeric>
+#include <random>
 
-#include "lossless_helpers.h"
+#include "test_support.h"
 
 namespace {
 
-using kivtest::Samples;
+using namespace kivtest;
+
+std::vector<uint16_t> values(const Image &s) {
+    std::vector<uint16_t> v;
+    for (size_t i = 0; i < s.samples(); i++)
+        v.push_back(uint16_t(s.get(i)));
+    return v;
+}
 
 std::vector<uint16_t> readSamples(const std::string &path, size_t count) {
-    std::vector<uint8_t> bytes = kivtest::readFile(path);
+    Bytes bytes = readFile(path);
     std::vector<uint16_t> v;
     if (bytes.size() == count)
         v.assign(bytes.begin(), bytes.end());
@@ -27,17 +35,17 @@ std::vector<uint16_t> readSamples(const std::string &path, size_t count) {
 // ffmpeg hands samples out in its own layout: grey scaled up to 8 or 16
 // bits, colour channels in some order. Exact means: one channel order and one
 // left shift reproduce every sample.
-bool sameUpToLayout(const Samples &s, const std::vector<uint16_t> &got) {
-    if (got.size() != s.v.size())
+bool sameUpToLayout(const Image &s, const std::vector<uint16_t> &got) {
+    if (got.size() != s.samples())
         return false;
-    std::vector<uint32_t> order(s.components);
+    std::vector<int> order(s.channels);
     std::iota(order.begin(), order.end(), 0);
     do {
         for (uint32_t shift = 0; shift < 16; shift++) {
             bool all = true;
-            for (size_t i = 0; all && i < s.v.size(); i += s.components)
-                for (uint32_t c = 0; all && c < s.components; c++)
-                    all = got[i + order[c]] == uint16_t(s.v[i + c] << shift);
+            for (size_t i = 0; all && i < s.samples(); i += s.channels)
+                for (int c = 0; all && c < s.channels; c++)
+                    all = got[i + order[c]] == uint16_t(s.get(i + c) << shift);
             if (all)
                 return true;
         }
@@ -47,13 +55,13 @@ bool sameUpToLayout(const Samples &s, const std::vector<uint16_t> &got) {
 
 // One stream of ours per case, decoded by an independent decoder in one run.
 struct Batch {
-    std::vector<Samples> images;
+    std::vector<Image> images;
     std::vector<std::string> what, in, out;
-    void add(const Samples &s, const kivtest::EncodeOptions &o, const std::string &name) {
+    void add(const Image &s, const EncodeOptions &o, const std::string &name) {
         std::string tag = std::to_string(images.size());
-        in.push_back(kivtest::tempPath("oracle-" + tag + ".jpg"));
-        out.push_back(kivtest::tempPath("oracle-" + tag + ".raw"));
-        kivtest::writeFile(in.back(), kivtest::encodeLossless(s, o));
+        in.push_back(tempPath("oracle-" + tag + ".jpg"));
+        out.push_back(tempPath("oracle-" + tag + ".raw"));
+        writeFile(in.back(), encode(s, o));
         images.push_back(s);
         what.push_back(name);
     }
@@ -65,7 +73,7 @@ std::string describe(uint32_t p, uint32_t nc, int pred, uint32_t restartRows) {
 }
 
 TEST(LosslessOracle, FfmpegDecodesOurStreams) {
-    if (!kivtest::haveTool("ffmpeg"))
+    if (!haveTool("ffmpeg"))
         GTEST_SKIP() << "ffmpeg is not installed";
     // ffmpeg reads 9-bit colour as 8-bit, so 9 bits is left out for colour.
     struct Case {
@@ -80,17 +88,17 @@ TEST(LosslessOracle, FfmpegDecodesOurStreams) {
             if (!c.allPredictors && pred != int(1 + (c.p + c.nc) % 7))
                 continue;
             uint32_t restartRows = (c.p + pred) % 2 ? 3 : 0;
-            Samples s = kivtest::randomSamples(29, 13, c.nc, c.p, c.p * 10 + c.nc + pred);
-            batch.add(s, {pred, restartRows, 5}, describe(c.p, c.nc, pred, restartRows));
+            Image s = randomImage(29, 13, int(c.nc), int(c.p), c.p * 10 + c.nc + uint32_t(pred));
+            batch.add(s, losslessOptions(pred, uint16_t(restartRows), 5), describe(c.p, c.nc, pred, restartRows));
         }
     std::string command = "ffmpeg -v error -y";
     for (const std::string &in : batch.in)
         command += " -i " + in;
     for (size_t i = 0; i < batch.out.size(); i++)
         command += " -map " + std::to_string(i) + " -f rawvideo " + batch.out[i];
-    ASSERT_EQ(kivtest::run(command), 0);
+    ASSERT_EQ(run(command), 0);
     for (size_t i = 0; i < batch.images.size(); i++)
-        EXPECT_TRUE(sameUpToLayout(batch.images[i], readSamples(batch.out[i], batch.images[i].v.size())))
+        EXPECT_TRUE(sameUpToLayout(batch.images[i], readSamples(batch.out[i], batch.images[i].samples())))
             << batch.what[i];
     EXPECT_EQ(batch.images.size(), 5u * 7 + 7);
 }
@@ -103,7 +111,7 @@ TEST(LosslessOracle, FfmpegDecodesOurStreams) {
 TEST(LosslessOracle, JsDecoderDecodesOurStreams) {
     std::string module = std::string(KIV_SOURCE_DIR) +
                          "/build/npm/node_modules/jpeg-lossless-decoder-js/release/cjs/lossless.cjs";
-    if (!kivtest::haveTool("node") || kivtest::readFile(module).empty())
+    if (!haveTool("node") || readFile(module).empty())
         GTEST_SKIP() << "node or jpeg-lossless-decoder-js (scripts/test.sh installs it) is missing";
     Batch batch;
     for (uint32_t p : {2u, 4u, 8u, 10u, 12u, 16u})
@@ -111,17 +119,17 @@ TEST(LosslessOracle, JsDecoderDecodesOurStreams) {
             if (p == 16 && pred == 7)
                 continue;
             for (bool smooth : {false, true}) {
-                Samples s = smooth ? kivtest::gradientSamples(23, 17, 1, p, p + pred)
-                                   : kivtest::randomSamples(23, 17, 1, p, p * 7 + pred);
-                batch.add(s, {pred, 0, 4}, describe(p, 1, pred, 0) + (smooth ? " gradient" : " random"));
+                Image s = smooth ? gradientImage(23, 17, 1, int(p), p + uint32_t(pred))
+                                 : randomImage(23, 17, 1, int(p), p * 7 + uint32_t(pred));
+                batch.add(s, losslessOptions(pred, 0, 4), describe(p, 1, pred, 0) + (smooth ? " gradient" : " random"));
             }
         }
     std::string command = "node " + std::string(KIV_SOURCE_DIR) + "/tests/modes/lossless_js_decode.cjs " + module;
     for (size_t i = 0; i < batch.in.size(); i++)
         command += " " + batch.in[i] + " " + batch.out[i];
-    ASSERT_EQ(kivtest::run(command), 0);
+    ASSERT_EQ(run(command), 0);
     for (size_t i = 0; i < batch.images.size(); i++)
-        EXPECT_EQ(readSamples(batch.out[i], batch.images[i].v.size()), batch.images[i].v) << batch.what[i];
+        EXPECT_EQ(readSamples(batch.out[i], batch.images[i].samples()), values(batch.images[i])) << batch.what[i];
 }
 
 // ffmpeg's ljpeg encoder codes RGB as a reversible colour transform at 9
@@ -130,20 +138,22 @@ TEST(LosslessOracle, JsDecoderDecodesOurStreams) {
 // it on our decoded samples must give back every input pixel.
 void expectFfmpegStreamDecodes(const std::vector<uint8_t> &bgrx, uint32_t w, uint32_t h,
                                uint32_t channels, int pred) {
-    std::string raw = kivtest::tempPath("ff-in.raw"), jpg = kivtest::tempPath("ff-ljpeg.jpg");
-    kivtest::writeFile(raw, bgrx);
+    std::string raw = tempPath("ff-in.raw"), jpg = tempPath("ff-ljpeg.jpg");
+    writeFile(raw, bgrx);
     std::string fmt = channels == 4 ? "bgra" : "bgr24";
-    ASSERT_EQ(kivtest::run("ffmpeg -v error -y -f rawvideo -pix_fmt " + fmt + " -s " +
+    ASSERT_EQ(run("ffmpeg -v error -y -f rawvideo -pix_fmt " + fmt + " -s " +
                            std::to_string(w) + "x" + std::to_string(h) + " -i " + raw +
                            " -frames:v 1 -c:v ljpeg -pred " + std::to_string(pred) + " " + jpg),
               0);
-    std::vector<uint8_t> stream = kivtest::readFile(jpg);
-    for (uint32_t batch : {0u, 1u, 7u}) {
-        kivtest::Decoded d = kivtest::decodeLossless(stream, batch);
+    std::vector<uint8_t> stream = readFile(jpg);
+    for (uint32_t batch : {0u, 7u}) {
+        DecodeOptions o;
+        o.batch = batch;
+        Decoded d = decode(stream, o);
         ASSERT_EQ(d.status, JPG_STATUS_OK);
-        ASSERT_EQ(d.samples.precision, 9u);
-        ASSERT_EQ(d.samples.components, channels);
-        const std::vector<uint16_t> &v = d.samples.v;
+        ASSERT_EQ(d.image.bits, 9);
+        ASSERT_EQ(uint32_t(d.image.channels), channels);
+        const std::vector<uint16_t> v = values(d.image);
         size_t bad = 0;
         for (size_t i = 0; i < size_t(w) * h; i++) {
             int y = v[i * channels], cb = v[i * channels + 1], cr = v[i * channels + 2];
@@ -157,10 +167,10 @@ void expectFfmpegStreamDecodes(const std::vector<uint8_t> &bgrx, uint32_t w, uin
 }
 
 TEST(LosslessOracle, FfmpegStreamsDecodeHere) {
-    if (!kivtest::haveTool("ffmpeg"))
+    if (!haveTool("ffmpeg"))
         GTEST_SKIP() << "ffmpeg is not installed";
     // The sample photograph (PPM, RGB) and random pixels with alpha.
-    std::vector<uint8_t> ppm = kivtest::readFile(kivtest::corpus("samples/testorig.ppm"));
+    std::vector<uint8_t> ppm = readFile(corpus("samples/testorig.ppm"));
     ASSERT_GE(ppm.size(), 15u + 227 * 149 * 3);
     std::vector<uint8_t> bgr(ppm.end() - 227 * 149 * 3, ppm.end());
     for (size_t i = 0; i < bgr.size(); i += 3)
@@ -178,16 +188,17 @@ TEST(LosslessOracle, FfmpegStreamsDecodeHere) {
 // ffmpeg codes YCbCr with sampling factors other than 1x1, which these rows
 // cannot hold: the header parses and decoding is refused.
 TEST(LosslessOracle, FfmpegYCbCrStreamsAreRefused) {
-    if (!kivtest::haveTool("ffmpeg"))
+    if (!haveTool("ffmpeg"))
         GTEST_SKIP() << "ffmpeg is not installed";
-    std::string jpg = kivtest::tempPath("ff-ycbcr.jpg");
+    std::string jpg = tempPath("ff-ycbcr.jpg");
     for (const char *fmt : {"yuvj444p", "yuvj420p"}) {
-        ASSERT_EQ(kivtest::run("ffmpeg -v error -y -f lavfi -i testsrc=size=32x16 -frames:v 1 -pix_fmt " +
+        ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i testsrc=size=32x16 -frames:v 1 -pix_fmt " +
                                std::string(fmt) + " -c:v ljpeg " + jpg),
                   0);
-        kivtest::Decoded d = kivtest::decodeLossless(kivtest::readFile(jpg));
-        EXPECT_EQ(d.status, JPG_STATUS_NOT_SUPPORTED) << fmt;
-        EXPECT_EQ(d.samples.width, 32u) << "the header was read";
+        ReadHandle h(readFile(jpg));
+        ASSERT_EQ(h.status, JPG_STATUS_OK) << "the header is read";
+        EXPECT_EQ(h.p->width, 32u);
+        EXPECT_EQ(decodeOpen(h.p).status, JPG_STATUS_NOT_SUPPORTED) << fmt;
     }
 }
 

@@ -1,15 +1,22 @@
 // Output colour conversion: pinned YCbCr values and closeness to the JFIF
-// equations, the converter selector, channel layouts, B-G-R order, YCCK to
-// inverted C-M-Y-K, and clipping of partial MCUs at the right and bottom
-// edges (full size and scaled blocks).
+// equations, the converter selector, every channel layout (B-G-R order,
+// YCCK to inverted C-M-Y-K) with partial MCUs clipped at the right and
+// bottom edges, full size and scaled. The SSE2 and AVX2 block writers and
+// the SSE2 block expanders against the portable code, bit for bit: every
+// Y, Cb, Cr combination, random and extreme 16-bit samples (only the low
+// byte counts), every row count, neighbouring bytes left untouched.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstring>
 #include <random>
 #include <vector>
 
 #include "kivjpeg.h"
+#include "read/output_color_sse2.h"
+#include "read/upsampling_sse2.h"
 #include "synthetic_mcu.h"
 
 namespace {
@@ -26,43 +33,32 @@ Rgb yuv(int y, int cb, int cr) {
     return p;
 }
 
-TEST(ColorConversion, PinnedValues) {
-    struct Case {
-        int y, cb, cr;
-        Rgb expected;
+TEST(ColorConversion, PinnedValuesAndJfifEquations) {
+    const struct {
+        int y, cb, cr, r, g, b;
+    } cases[] = {
+        {0, 128, 128, 0, 0, 0},       {255, 128, 128, 255, 255, 255}, {100, 128, 128, 100, 100, 100},
+        {255, 128, 255, 255, 164, 255},  // R = 255 + 178 clamps
+        {0, 128, 0, 0, 91, 0},           // R = 0 - 179 clamps
+        {0, 255, 128, 0, 0, 225},        // B = 0 + 225
+        {255, 0, 128, 255, 255, 28},     // B = 255 - 227
     };
-    const Case cases[] = {
-        {0, 128, 128, {0, 0, 0}},
-        {255, 128, 128, {255, 255, 255}},
-        {100, 128, 128, {100, 100, 100}},
-        {255, 128, 255, {255, 164, 255}},  // R = 255 + 178 clamps
-        {0, 128, 0, {0, 91, 0}},           // R = 0 - 179 clamps
-        {0, 255, 128, {0, 0, 225}},        // B = 0 + 225
-        {255, 0, 128, {255, 255, 28}},     // B = 255 - 227
-    };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         Rgb p = yuv(c.y, c.cb, c.cr);
-        EXPECT_EQ(p.r, c.expected.r) << c.y << "," << c.cb << "," << c.cr;
-        EXPECT_EQ(p.g, c.expected.g) << c.y << "," << c.cb << "," << c.cr;
-        EXPECT_EQ(p.b, c.expected.b) << c.y << "," << c.cb << "," << c.cr;
+        EXPECT_EQ((std::array<int, 3>{p.r, p.g, p.b}), (std::array<int, 3>{c.r, c.g, c.b}))
+            << c.y << "," << c.cb << "," << c.cr;
     }
-}
-
-TEST(ColorConversion, WithinOneOfTheJfifEquations) {
-    int maxError = 0;
+    double maxError = 0;
     for (int y = 0; y < 256; y += 3)
         for (int cb = 0; cb < 256; cb += 5)
             for (int cr = 0; cr < 256; cr += 7) {
                 Rgb p = yuv(y, cb, cr);
                 auto clamp = [](double v) { return std::clamp(v, 0.0, 255.0); };
-                double r = clamp(y + 1.402 * (cr - 128));
-                double g = clamp(y - 0.344136 * (cb - 128) - 0.714136 * (cr - 128));
-                double b = clamp(y + 1.772 * (cb - 128));
-                maxError = std::max({maxError, static_cast<int>(std::ceil(std::abs(p.r - r))),
-                                     static_cast<int>(std::ceil(std::abs(p.g - g))),
-                                     static_cast<int>(std::ceil(std::abs(p.b - b)))});
+                maxError = std::max({maxError, std::abs(p.r - clamp(y + 1.402 * (cr - 128))),
+                                     std::abs(p.g - clamp(y - 0.344136 * (cb - 128) - 0.714136 * (cr - 128))),
+                                     std::abs(p.b - clamp(y + 1.772 * (cb - 128)))});
             }
-    EXPECT_LE(maxError, 1);
+    EXPECT_LE(maxError, 1.0);
 }
 
 TEST(ColorConversion, SelectorMapsIdentifiers) {
@@ -84,69 +80,34 @@ TEST(ColorConversion, SelectorMapsIdentifiers) {
 
 constexpr uint8_t kSentinel = 0xAA;
 
-struct Canvas {
-    Canvas(int w, int h, int channels) : pixels(static_cast<size_t>(w * h * channels), kSentinel) {
-        rect.width = w;
-        rect.height = h;
-        rect.channels = channels;
-        rect.stride = w * channels;
-        rect.pixelBits = 8 * channels;
-        rect.sampleBits = 8;
-        rect.pixels = pixels.data();
-        rect.allocSize = static_cast<uint32_t>(pixels.size());
-    }
-    uint8_t at(int y, int x, int c) const { return pixels[static_cast<size_t>((y * rect.width + x) * rect.channels + c)]; }
-    std::vector<uint8_t> pixels;
-    ComplibRect rect{};
-};
-
-// Fills each component with a distinct pattern and upsamples (pointers only).
-void prepare(SyntheticFrame &f) {
-    for (uint32_t c = 0; c < f.p->numComponents; c++)
-        for (uint32_t b = 0; b < f.p->components[c].blocks; b++)
-            for (int i = 0; i < 64; i++)
-                f.block(c, b)[i] = static_cast<int16_t>((40 * c + 3 * i + 17 * b) % 256);
-    jpgGetUpSamplingGenericFunc(((f.p->scaleLevel < 3) ? 0x80000000u : 0) | (f.p->hmax << 16) |
-                                (f.p->vmax << 8))(f.p);
-}
-
 struct Layout {
-    JpgReadColorConvertFunc convert;
+    JpgReadColorConvertFunc full, scaled;
     int channels;
     int order[4];  // component of each output byte; -1: YCbCr to B, G, R; -2: YCCK
 };
 
 const Layout kLayouts[] = {
-    {jpgReadCopyGrey, 1, {0}},         {jpgReadCopy2, 2, {0, 1}},
-    {jpgReadCopy3, 3, {0, 1, 2}},      {jpgReadCopy4, 4, {0, 1, 2, 3}},
-    {jpgReadCopy3Reversed, 3, {2, 1, 0}}, {jpgReadYUV2Rect, 3, {-1}},
-    {jpgReadYCCK2Rect, 4, {-2}},
-};
-const Layout kScaledLayouts[] = {
-    {jpgReadScaledCopyGrey, 1, {0}},         {jpgReadScaledCopy2, 2, {0, 1}},
-    {jpgReadScaledCopy3, 3, {0, 1, 2}},      {jpgReadScaledCopy4, 4, {0, 1, 2, 3}},
-    {jpgReadScaledCopy3Reversed, 3, {2, 1, 0}}, {jpgReadScaledYUV2Rect, 3, {-1}},
-    {jpgReadScaledYCCK2Rect, 4, {-2}},
+    {jpgReadCopyGrey, jpgReadScaledCopyGrey, 1, {0}},
+    {jpgReadCopy2, jpgReadScaledCopy2, 2, {0, 1}},
+    {jpgReadCopy3, jpgReadScaledCopy3, 3, {0, 1, 2}},
+    {jpgReadCopy4, jpgReadScaledCopy4, 4, {0, 1, 2, 3}},
+    {jpgReadCopy3Reversed, jpgReadScaledCopy3Reversed, 3, {2, 1, 0}},
+    {jpgReadYUV2Rect, jpgReadScaledYUV2Rect, 3, {-1}},
+    {jpgReadYCCK2Rect, jpgReadScaledYCCK2Rect, 4, {-2}},
 };
 
-void expectPixel(const SyntheticFrame &f, const Canvas &canvas, const Layout &layout, int y, int x,
-                 int sy, int sx, uint32_t n) {
-    if (layout.order[0] < 0) {
-        Rgb p = yuv(f.upsampled(0, sy, sx, n), f.upsampled(1, sy, sx, n), f.upsampled(2, sy, sx, n));
-        int expected[4] = {p.b, p.g, p.r, 0};
-        if (layout.order[0] == -2) {  // YCCK: C, M, Y = 255 - R, G, B; K as coded
-            expected[0] = 255 - p.r;
-            expected[1] = 255 - p.g;
-            expected[2] = 255 - p.b;
-            expected[3] = f.upsampled(3, sy, sx, n) & 0xFF;
-        }
+// The bytes a layout writes for upsampled sample (sy, sx) of blocks n x n.
+std::vector<int> expectedPixel(const SyntheticFrame &f, const Layout &layout, int sy, int sx, uint32_t n) {
+    std::vector<int> out;
+    if (layout.order[0] >= 0) {
         for (int c = 0; c < layout.channels; c++)
-            ASSERT_EQ(canvas.at(y, x, c), expected[c]) << y << "," << x << " byte " << c;
-        return;
+            out.push_back(f.upsampled(layout.order[c], sy, sx, n) & 0xFF);
+        return out;
     }
-    for (int c = 0; c < layout.channels; c++)
-        ASSERT_EQ(canvas.at(y, x, c), f.upsampled(layout.order[c], sy, sx, n) & 0xFF)
-            << y << "," << x << " byte " << c;
+    Rgb p = yuv(f.upsampled(0, sy, sx, n), f.upsampled(1, sy, sx, n), f.upsampled(2, sy, sx, n));
+    if (layout.order[0] == -1)
+        return {p.b, p.g, p.r};
+    return {255 - p.r, 255 - p.g, 255 - p.b, f.upsampled(3, sy, sx, n) & 0xFF};  // C, M, Y; K as coded
 }
 
 // Converts one MCU at offset x0 with the given width into a canvas whose
@@ -155,65 +116,163 @@ void checkClipped(const Layout &layout, int level, int x0, int width, int height
     std::vector<uint8_t> samplings = layout.channels == 3 ? std::vector<uint8_t>{0x22, 0x22, 0x22}
                                                           : std::vector<uint8_t>(layout.channels, 0x21);
     SyntheticFrame f(samplings, level);
-    prepare(f);
+    for (uint32_t c = 0; c < f.p->numComponents; c++)
+        for (uint32_t b = 0; b < f.p->components[c].blocks; b++)
+            for (int i = 0; i < 64; i++)
+                f.block(c, b)[i] = int16_t((40 * c + 3 * i + 17 * b) % 256);
+    jpgGetUpSamplingGenericFunc((level < 3 ? 0x80000000u : 0) | (f.p->hmax << 16) | (f.p->vmax << 8))(f.p);
     uint32_t n = level < 3 ? 1u << level : 8;
-    int mcuW = static_cast<int>(n * f.p->hmax), mcuH = static_cast<int>(n * f.p->vmax);
-    Canvas canvas(x0 + mcuW + 3, mcuH + 2, layout.channels);
-    canvas.rect.height = height;
-    layout.convert(f.p, &canvas.rect, x0, width);
+    int mcuW = int(n * f.p->hmax), mcuH = int(n * f.p->vmax), w = x0 + mcuW + 3, ch = layout.channels;
+    std::vector<uint8_t> pixels(size_t(w) * (mcuH + 2) * ch, kSentinel);
+    ComplibRect rect{w, height, w * ch, 8 * ch, ch, 8, pixels.data(), uint32_t(pixels.size())};
+    (level < 3 ? layout.scaled : layout.full)(f.p, &rect, x0, width);
     int writtenW = std::clamp(width, 0, mcuW), writtenH = std::clamp(height, 0, mcuH);
     for (int y = 0; y < mcuH + 2; y++)
-        for (int x = 0; x < canvas.rect.width; x++) {
+        for (int x = 0; x < w; x++) {
             bool inside = y < writtenH && x >= x0 && x < x0 + writtenW;
-            if (inside) {
-                expectPixel(f, canvas, layout, y, x, y, x - x0, n);
+            std::vector<int> want = inside ? expectedPixel(f, layout, y, x - x0, n) : std::vector<int>(ch, kSentinel);
+            for (int c = 0; c < ch; c++)
+                ASSERT_EQ(pixels[(size_t(y) * w + x) * ch + c], want[c])
+                    << "level " << level << " at " << y << "," << x << " byte " << c << (inside ? "" : " (outside)");
+        }
+}
+
+TEST(ColorConversion, EveryLayoutClipsPartialMcus) {
+    for (const Layout &layout : kLayouts) {
+        for (auto [x0, width, height] : {std::tuple{0, 16, 8}, {5, 3, 8}, {2, 11, 5}, {0, 0, 8}, {0, -4, 8},
+                                         {1, 40, 3}, {0, 16, 0}})
+            checkClipped(layout, 3, x0, width, height);
+        for (int level = 0; level <= 2; level++)
+            for (auto [x0, width, height] : {std::tuple{0, 64, 64}, {3, 1, 1}, {1, 3, 3}, {0, 0, 4}, {2, 5, 7}})
+                checkClipped(layout, level, x0, width, height);
+    }
+}
+
+#if KIV_HAVE_SSE2_COLOR
+
+bool have(uint32_t level) { return (jpgGetProcessorArchitecture() & level) != 0; }
+
+constexpr int kGuard = 16, kStride = 8 * 4 + 2 * kGuard;  // widest pixels plus guards
+
+// A canvas of 9 lines: rows of the block inside guard bytes.
+struct Canvas {
+    uint8_t bytes[9 * kStride];
+    Canvas() { memset(bytes, 0xA5, sizeof bytes); }
+    uint8_t *origin() { return bytes + kGuard; }
+};
+
+// The portable result of one block: B, G, R by the exported table
+// converter, copies by the low byte, nothing outside rows x 8 pixels.
+void expectedBlock(const int16_t *const *src, int channels, bool ycc, int rows, Canvas &out) {
+    for (int r = 0; r < rows; r++)
+        for (int x = 0; x < 8; x++) {
+            uint8_t *p = out.origin() + r * kStride + channels * x;
+            int i = 8 * r + x;
+            if (ycc) {
+                Rgb c = yuv(src[0][i] & 0xFF, src[1][i] & 0xFF, src[2][i] & 0xFF);
+                p[0] = uint8_t(c.b), p[1] = uint8_t(c.g), p[2] = uint8_t(c.r);
             } else {
-                for (int c = 0; c < layout.channels; c++)
-                    ASSERT_EQ(canvas.at(y, x, c), kSentinel)
-                        << "level " << level << " written outside at " << y << "," << x;
+                for (int k = 0; k < channels; k++)
+                    p[k] = uint8_t(src[k][i]);
             }
         }
 }
 
-TEST(ColorConversion, FullSizeConvertersClipPartialMcus) {
-    for (const Layout &layout : kLayouts)
-        for (auto [x0, width, height] : {std::tuple{0, 16, 8}, {5, 3, 8}, {2, 11, 5}, {0, 0, 8},
-                                         {0, -4, 8}, {1, 40, 3}, {0, 16, 0}})
-            checkClipped(layout, 3, x0, width, height);
+using Writer = void (*)(const int16_t *const *, uint8_t *, ptrdiff_t, int);
+
+void checkWriter(Writer writer, int channels, bool ycc, const int16_t *const *src, const char *what) {
+    for (int rows = 1; rows <= 8; rows++) {
+        Canvas fast, plain;
+        writer(src, fast.origin(), kStride, rows);
+        expectedBlock(src, channels, ycc, rows, plain);
+        ASSERT_EQ(0, memcmp(fast.bytes, plain.bytes, sizeof fast.bytes)) << what << " rows " << rows;
+    }
 }
 
-TEST(ColorConversion, ThreeColumnsLeftWriteThreePixels) {
-    SyntheticFrame f({0x11, 0x11, 0x11});
-    prepare(f);
-    Canvas canvas(16, 8, 3);
-    jpgReadYUV2Rect(f.p, &canvas.rect, 5, 3);
-    for (int y = 0; y < 8; y++)
-        for (int x = 0; x < 16; x++)
-            EXPECT_EQ(canvas.at(y, x, 0) == kSentinel && canvas.at(y, x, 1) == kSentinel &&
-                          canvas.at(y, x, 2) == kSentinel,
-                      x < 5 || x >= 8)
-                << y << "," << x;
+TEST(ColorSimd, BgrWritersMatchTheTableConverterForEveryInput) {
+    int16_t y[64], cb[64], cr[64];
+    const int16_t *src[3] = {y, cb, cr};
+    for (int b = 0; b < 256; b++)
+        for (int r = 0; r < 256; r++)
+            for (int y0 = 0; y0 < 256; y0 += 64) {
+                for (int i = 0; i < 64; i++)
+                    y[i] = int16_t(y0 + i), cb[i] = int16_t(b), cr[i] = int16_t(r);
+                Canvas plain, fast;
+                expectedBlock(src, 3, true, 8, plain);
+                kiv::storeBlockBgrSse2(src, fast.origin(), kStride, 8);
+                ASSERT_EQ(0, memcmp(fast.bytes, plain.bytes, sizeof fast.bytes)) << "cb " << b << " cr " << r;
+                uint8_t row[24];
+                kiv::yccRowToBgrSse2(y, cb, cr, row);
+                ASSERT_EQ(0, memcmp(row, plain.origin(), 24)) << "row, cb " << b << " cr " << r;
+                if (have(JPG_PROCESSOR_AVX2)) {
+                    Canvas wide;
+                    kiv::storeBlockBgrAvx2(src, wide.origin(), kStride, 8);
+                    ASSERT_EQ(0, memcmp(wide.bytes, plain.bytes, sizeof wide.bytes)) << "avx2 cb " << b << " cr " << r;
+                }
+            }
 }
 
-TEST(ColorConversion, ScaledConvertersStepByTheReducedBlock) {
-    for (const Layout &layout : kScaledLayouts)
-        for (int level = 0; level <= 2; level++)
-            for (auto [x0, width, height] : {std::tuple{0, 64, 64}, {3, 1, 1}, {1, 3, 3}, {0, 0, 4},
-                                             {2, 5, 7}})
-                checkClipped(layout, level, x0, width, height);
+// Samples drawn from 0..255, from the whole 16-bit range, or from the
+// values at the edges of both.
+void fillSamples(std::mt19937 &random, int kind, int16_t *block) {
+    static const int16_t extremes[] = {0, 1, 127, 128, 254, 255, 256, -1, -256, 32767, -32768, 511};
+    for (int i = 0; i < 64; i++) {
+        uint32_t v = random();
+        block[i] = kind == 0 ? int16_t(v & 0xFF) : kind == 1 ? int16_t(v & 0xFFFF) : extremes[v % 12];
+    }
 }
 
-TEST(ColorConversion, YCbCrIsWrittenBlueGreenRed) {
-    SyntheticFrame f({0x11, 0x11, 0x11});
-    std::fill(f.block(0, 0), f.block(0, 0) + 64, int16_t(128));
-    std::fill(f.block(1, 0), f.block(1, 0) + 64, int16_t(128));
-    std::fill(f.block(2, 0), f.block(2, 0) + 64, int16_t(255));  // strong red
-    jpgReadUpSamplingTo11(f.p);
-    Canvas canvas(8, 8, 3);
-    jpgReadYUV2Rect(f.p, &canvas.rect, 0, 8);
-    EXPECT_EQ(canvas.at(3, 3, 0), 128);  // B
-    EXPECT_EQ(canvas.at(3, 3, 1), 37);   // G = 128 - 91
-    EXPECT_EQ(canvas.at(3, 3, 2), 255);  // R = 128 + 178, clamped
+// Every writer on random and extreme samples; chroma doubled vertically for
+// the paired writers, which read only the even rows.
+TEST(ColorSimd, WritersMatchPortableOnRandomAndExtremeSamples) {
+    std::mt19937 random(2024);
+    int16_t blocks[4][64];
+    const int16_t *src[4] = {blocks[0], blocks[1], blocks[2], blocks[3]};
+    for (int n = 0; n < 1500; n++) {
+        for (auto &block : blocks)
+            fillSamples(random, n % 3, block);
+        checkWriter(kiv::storeBlockCopy1Sse2, 1, false, src, "grey");
+        checkWriter(kiv::storeBlockCopy3Sse2, 3, false, src, "three");
+        checkWriter(kiv::storeBlockCopy4Sse2, 4, false, src, "four");
+        checkWriter(kiv::storeBlockBgrSse2, 3, true, src, "bgr");
+        if (have(JPG_PROCESSOR_AVX2))
+            checkWriter(kiv::storeBlockBgrAvx2, 3, true, src, "bgr avx2");
+        for (int c = 1; c < 3; c++)
+            for (int r = 0; r < 8; r += 2)
+                memcpy(blocks[c] + 8 * (r + 1), blocks[c] + 8 * r, 16);
+        checkWriter(kiv::storeBlockBgrPairedSse2, 3, true, src, "paired");
+        if (have(JPG_PROCESSOR_AVX2))
+            checkWriter(kiv::storeBlockBgrPairedAvx2, 3, true, src, "paired avx2");
+    }
 }
+
+#endif
+
+#if KIV_HAVE_SSE2_UPSAMPLING
+
+// Doubling with and without a right-hand neighbour.
+TEST(UpsamplingSimd, ExpandersMatchPortable) {
+    std::mt19937 random(99);
+    int16_t in[64], next[64];
+    for (int n = 0; n < 6000; n++) {
+        fillSamples(random, n % 3, in);
+        fillSamples(random, (n / 3) % 3, next);
+        const int16_t *right = n % 2 == 0 ? next : nullptr;
+        int16_t fast[256], plain[256];
+        memset(fast, 0x5A, sizeof fast);
+        memset(plain, 0x5A, sizeof plain);
+        kiv::doubleBothSse2(in, right, fast);
+        kiv::doubleBothPortable(in, right, plain);
+        ASSERT_EQ(0, memcmp(fast, plain, sizeof fast)) << "both, case " << n;
+        kiv::doubleAcrossSse2(in, right, fast, fast + 128);
+        kiv::doubleAcrossPortable(in, right, plain, plain + 128);
+        ASSERT_EQ(0, memcmp(fast, plain, sizeof fast)) << "across, case " << n;
+        kiv::doubleDownSse2(in, fast + 64, fast + 192);
+        kiv::doubleDownPortable(in, plain + 64, plain + 192);
+        ASSERT_EQ(0, memcmp(fast, plain, sizeof fast)) << "down, case " << n;
+    }
+}
+
+#endif
 
 }  // namespace

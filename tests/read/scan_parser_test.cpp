@@ -5,8 +5,8 @@
 // failed header leaves behind.
 #include <gtest/gtest.h>
 
-#include "decode_helpers.h"
 #include "stream_builder.h"
+#include "test_support.h"
 
 namespace {
 
@@ -114,6 +114,7 @@ TEST(ScanParser, FiveComponentsFailBeforeTablesAreReleased) {
     EXPECT_EQ(jpgReadParseScanLevel(h.p), JPG_STATUS_BAD_DATA);
     EXPECT_NE(h.p->acTables[2].codes, nullptr);
     EXPECT_EQ(h.p->scanNs, 0);
+    EXPECT_EQ(jpgReadParseScanLevel(nullptr), JPG_STATUS_INVALID_HANDLE);
 }
 
 TEST(ScanParser, SequentialScansInAnyOrderWithDefaultTables) {
@@ -160,7 +161,5 @@ TEST(ScanParser, SequentialScansInAnyOrderWithDefaultTables) {
     EXPECT_EQ(h.p->dcTables[0].origin, kTableFromDht);
     EXPECT_EQ(h.p->dcTables[0].level[0].entries[0] & 0xFF00, 0u);  // chrominance: code 00 is SSSS 0
 }
-
-TEST(ScanParser, InvalidHandle) { EXPECT_EQ(jpgReadParseScanLevel(nullptr), JPG_STATUS_INVALID_HANDLE); }
 
 }  // namespace

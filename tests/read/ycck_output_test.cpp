@@ -7,8 +7,8 @@
 
 #include <cstdio>
 
-#include "cmyk_helpers.h"
 #include "core/codec.h"
+#include "test_support.h"
 
 namespace {
 
@@ -50,26 +50,17 @@ TEST(YcckOutput, AdobeTransformChoosesTheConverter) {
     }
 }
 
-// Decodes a whole stream into four channels at a scale level (3: full size)
-// through the driver its process needs, converted or as raw samples.
-Image decodeAt(const std::vector<uint8_t> &jpeg, int level, bool raw) {
-    ReadHandle h(jpeg);
-    Image image;
-    EXPECT_EQ(h.status, JPG_STATUS_OK);
-    if (h.p == nullptr)
-        return image;
-    if (raw)
-        EXPECT_EQ(jpgReadSetNoColorConversion(h.p), JPG_STATUS_OK);
-    uint32_t width = h.p->width, height = h.p->height;
-    if (level < 3)
-        EXPECT_EQ(jpgReadScaleOutputGetImageSize(h.p, &width, &height, uint32_t(level)), JPG_STATUS_OK);
-    image = {int(width), int(height), 4, std::vector<uint8_t>(size_t(width) * height * 4, 0x55)};
-    ComplibRect r = rectFor(image);
-    JpgStatus status = h.p->frameMarker == 0xFFC2 ? jpgReadProgressiveToRect(h.p, &r, height, 0)
-                       : level < 3                ? jpgReadScaleOutputToRect(h.p, &r, height, uint32_t(level))
-                                                  : jpgReadToRect(h.p, &r, height);
-    EXPECT_EQ(status, JPG_STATUS_OK) << "level " << level;
-    return image;
+// Decodes a whole stream into four channels at a scale level (3: full
+// size) through the driver its process needs, converted or as raw samples.
+Image decodeAt(const Bytes &jpeg, int level, bool raw) {
+    DecodeOptions o;
+    o.level = level;
+    o.noConversion = raw;
+    o.channels = 4;
+    o.fill = 0x55;
+    Decoded d = decode(jpeg, o);
+    EXPECT_EQ(d.status, JPG_STATUS_OK) << "level " << level;
+    return d.image;
 }
 
 // Y, Cb, Cr, K samples to C, M, Y, K as Adobe stores them: 255 - R, G, B.

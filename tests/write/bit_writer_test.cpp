@@ -5,9 +5,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <memory>
 
-#include "encode_helpers.h"
+#include "test_support.h"
 
 namespace {
 

@@ -6,19 +6,14 @@
 #include <cstring>
 #include <functional>
 
-#include "encode_helpers.h"
+#include "test_support.h"
 
 namespace {
 
 struct Handle {
     JpgParam *h = nullptr;
     Handle() { EXPECT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK); }
-    ~Handle() {
-        uint8_t *buf = nullptr;
-        uint32_t size = 0;
-        jpgWriteEpilogToMemory(h, &buf, &size);
-        jpgWriteFreeBitstream(buf);
-    }
+    ~Handle() { kivtest::finishToMemory(h); }
 };
 
 }  // namespace
@@ -45,10 +40,7 @@ TEST(EncoderSetup, PrologDefaults) {
     JpgParam *p = nullptr;
     ASSERT_EQ(jpgWritePrologToMemory(0xFFFFFFFF, &p), JPG_STATUS_OK);
     EXPECT_EQ(p->mode, kModeWrite | kModeYCbCr | kModeMemory | kModePartial);
-    uint8_t *buf = nullptr;
-    uint32_t size = 0;
-    jpgWriteEpilogToMemory(p, &buf, &size);
-    jpgWriteFreeBitstream(buf);
+    kivtest::finishToMemory(p);
     EXPECT_EQ(jpgWritePrologToMemory(0, nullptr), JPG_STATUS_INVALID_HANDLE);
 }
 
@@ -166,24 +158,20 @@ TEST(EncoderSetup, SamplingValidationAndConversionIdentifier) {
 }
 
 TEST(EncoderSetup, TwoChannelsWithTheDefaultFactorUseOneByOne) {
-    kivtest::Image img{9, 9, 2, std::vector<uint8_t>(9 * 9 * 2, 77)};
+    kivtest::Image img(9, 9, 2, 8, 77);
     JpgParam *h = nullptr;
     ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
-    ComplibRect r = kivtest::rectOf(img);
+    ComplibRect r = img.rect();
     ASSERT_EQ(jpgWriteFromRect(h, &r, 9), JPG_STATUS_OK);
     EXPECT_EQ(h->components[0].sampling, 0x11);
     EXPECT_EQ(h->components[1].sampling, 0x11);
     EXPECT_EQ(h->mcuWidth, 8u);
-    uint8_t *buf = nullptr;
-    uint32_t size = 0;
-    jpgWriteEpilogToMemory(h, &buf, &size);
-    EXPECT_TRUE(kivtest::jpegtranAccepts(std::vector<uint8_t>(buf, buf + size)));
-    jpgWriteFreeBitstream(buf);
+    EXPECT_TRUE(kivtest::jpegtranAccepts(kivtest::finishToMemory(h)));
 }
 
 // The driver's own checks on the rectangle and the rows.
 TEST(EncoderSetup, DriverRefusesBadRectangles) {
-    kivtest::Image img{16, 16, 3, std::vector<uint8_t>(16 * 16 * 3, 100)};
+    kivtest::Image img(16, 16, 3, 8, 100);
     struct Case {
         const char *name;
         std::function<void(ComplibRect &)> spoil;
@@ -203,14 +191,11 @@ TEST(EncoderSetup, DriverRefusesBadRectangles) {
     for (const Case &c : cases) {
         JpgParam *h = nullptr;
         ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
-        ComplibRect r = kivtest::rectOf(img);
+        ComplibRect r = img.rect();
         c.spoil(r);
         EXPECT_EQ(jpgWriteFromRect(h, &r, c.rows), c.expected) << c.name;
         EXPECT_EQ(h->bs.fill, 2u) << c.name << ": nothing written";
-        uint8_t *buf = nullptr;
-        uint32_t size = 0;
-        jpgWriteEpilogToMemory(h, &buf, &size);
-        jpgWriteFreeBitstream(buf);
+        kivtest::finishToMemory(h);
     }
     EXPECT_EQ(jpgWriteFromRect(nullptr, nullptr, 1), JPG_STATUS_INVALID_HANDLE);
     // Later strips must keep the frame's width and channels; rows past the
@@ -218,30 +203,19 @@ TEST(EncoderSetup, DriverRefusesBadRectangles) {
     JpgParam *h = nullptr;
     ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
     ASSERT_EQ(jpgWriteSetImageSize(h, 16, 16), JPG_STATUS_OK);
-    ComplibRect r = kivtest::rectOf(img);
-    r.height = 16;
+    ComplibRect r = img.rect();
     ASSERT_EQ(jpgWriteFromRect(h, &r, 16), JPG_STATUS_OK);
     EXPECT_EQ(jpgWriteFromRect(h, &r, 1), JPG_STATUS_INVALID_PARAMETER);
     r.width = 8;
     EXPECT_EQ(jpgWriteFromRect(h, &r, 1), JPG_STATUS_INVALID_PARAMETER);
-    uint8_t *buf = nullptr;
-    uint32_t size = 0;
-    jpgWriteEpilogToMemory(h, &buf, &size);
-    EXPECT_TRUE(kivtest::jpegtranAccepts(std::vector<uint8_t>(buf, buf + size)));
-    jpgWriteFreeBitstream(buf);
-}
-
-// The image height given by the setter wins over a taller first strip.
-TEST(EncoderSetup, HeightFromSetterOrFirstRectangle) {
-    kivtest::Image img{8, 40, 1, std::vector<uint8_t>(8 * 40, 50)};
-    JpgParam *h = nullptr;
+    EXPECT_TRUE(kivtest::jpegtranAccepts(kivtest::finishToMemory(h)));
+    // The image height given by the setter wins over a taller first strip;
+    // without it the first rectangle's height is the image's.
+    kivtest::Image tall(8, 40, 1, 8, 50);
     ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
-    ComplibRect r = kivtest::rectOf(img);
+    r = tall.rect();
     ASSERT_EQ(jpgWriteFromRect(h, &r, 17), JPG_STATUS_OK);
-    EXPECT_EQ(h->height, 40u) << "no height set: the rectangle's";
+    EXPECT_EQ(h->height, 40u);
     EXPECT_EQ(h->enc.rowsEncoded, 17u);
-    uint8_t *buf = nullptr;
-    uint32_t size = 0;
-    jpgWriteEpilogToMemory(h, &buf, &size);
-    jpgWriteFreeBitstream(buf);
+    kivtest::finishToMemory(h);
 }

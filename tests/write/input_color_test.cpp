@@ -2,7 +2,7 @@
 // block layout, the edge mirroring and mean filling, and the routine table.
 #include <gtest/gtest.h>
 
-#include "encode_helpers.h"
+#include "test_support.h"
 #include "write/encoder.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "core/tables.h"
-#include "encode_helpers.h"
+#include "test_support.h"
 
 using namespace kivtest;
 
@@ -50,10 +50,10 @@ std::vector<JpgAcSymbol> identityTable() {
 }
 
 Image grayRamp(int w, int h) {
-    Image img{w, h, 1, std::vector<uint8_t>(static_cast<size_t>(w) * h)};
+    Image img(w, h, 1);
     for (int y = 0; y < h; y++)
         for (int x = 0; x < w; x++)
-            img.at(x, y)[0] = static_cast<uint8_t>((x * 5 + y * 3) % 256);
+            img.row(y)[x] = uint8_t((x * 5 + y * 3) % 256);
     return img;
 }
 
@@ -110,23 +110,18 @@ TEST(McuEncoder, DcQuantizationAndPrediction) {
     ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
     ASSERT_EQ(jpgWriteSetQuantizationFactor(h, 50), JPG_STATUS_OK);  // Q(0) = 16, divisor 128
     // A 16x8 gray image: MCU 0 level 129 (c = 64: half the divisor), MCU 1 level 127.
-    Image img{16, 8, 1, std::vector<uint8_t>(128)};
+    Image img(16, 8, 1);
     for (int y = 0; y < 8; y++)
         for (int x = 0; x < 16; x++)
-            img.at(x, y)[0] = x < 8 ? 129 : 127;
-    ComplibRect r = rectOf(img);
+            img.row(y)[x] = x < 8 ? 129 : 127;
+    ComplibRect r = img.rect();
     ASSERT_EQ(jpgWriteFromRect(h, &r, 8), JPG_STATUS_OK);
     EXPECT_EQ(h->components[0].dcPred, -1) << "(-64 - 64) / 128";
     EXPECT_EQ(h->mcuAddress, 2u);
-    uint8_t *buf = nullptr;
-    uint32_t size = 0;
-    ASSERT_EQ(jpgWriteEpilogToMemory(h, &buf, &size), JPG_STATUS_OK);
-    std::vector<uint8_t> jpeg(buf, buf + size);
-    jpgWriteFreeBitstream(buf);
-    Image out = djpeg(jpeg);
+    Image out = djpegStrict(finishToMemory(h));
     ASSERT_EQ(out.width, 16);
-    EXPECT_EQ(out.at(0, 0)[0], 128 + 2);   // DC 1 x 16 / 8 = level +2
-    EXPECT_EQ(out.at(15, 7)[0], 128 - 2);
+    EXPECT_EQ(out.at(0, 0, 0), 128u + 2);   // DC 1 x 16 / 8 = level +2
+    EXPECT_EQ(out.at(15, 7, 0), 128u - 2);
 }
 
 TEST(McuEncoder, RestartMarkersCycleAndSegmentsStartFresh) {
@@ -139,19 +134,12 @@ TEST(McuEncoder, RestartMarkersCycleAndSegmentsStartFresh) {
         expected.push_back(static_cast<uint16_t>(0xFFD0 + i % 8));
     EXPECT_EQ(restartMarkers(jpeg), expected);
     EXPECT_TRUE(jpegtranAccepts(jpeg));
-    Image plain = djpeg(encode(img, {}));
-    EXPECT_EQ(djpeg(jpeg).pixels, plain.pixels) << "restart intervals change no pixel";
-}
-
-TEST(McuEncoder, NoRestartIntervalMeansNoDriAndNoMarkers) {
-    Image img = grayRamp(64, 64);
-    auto jpeg = encode(img, {});
-    EXPECT_TRUE(restartMarkers(jpeg).empty());
-    for (const Segment &s : headerSegments(jpeg))
-        EXPECT_NE(s.marker, 0xFFDD);
-    EncodeOptions o;
+    Bytes plain = encode(img, {});
+    EXPECT_EQ(djpegStrict(jpeg).pixels, djpegStrict(plain).pixels) << "restart intervals change no pixel";
+    EXPECT_TRUE(restartMarkers(plain).empty());
+    EXPECT_EQ(findMarker(plain, 0xDD), std::string::npos);
     o.restart = 65535;  // larger than the image: DRI only
-    auto large = encode(img, o);
+    Bytes large = encode(img, o);
     EXPECT_TRUE(restartMarkers(large).empty());
     EXPECT_TRUE(jpegtranAccepts(large));
 }
@@ -160,7 +148,7 @@ TEST(McuEncoder, NoRestartIntervalMeansNoDriAndNoMarkers) {
 // counting and DC prediction carrying over between calls.
 TEST(McuEncoder, StripsOfMcuRowsGiveTheSameStream) {
     Image img = readPnm(corpus("samples/testorig.ppm"));
-    for (uint16_t restart : {0, 1, 3, 7}) {
+    for (uint16_t restart : {0, 3, 7}) {
         for (uint32_t method : {0u, 1u}) {
             EncodeOptions whole;
             whole.restart = restart;
@@ -195,12 +183,9 @@ TEST(McuEncoder, QualitiesOneToHundredAreValid) {
         EXPECT_TRUE(jpegtranAccepts(jpeg)) << q;
         EXPECT_GT(jpeg.size(), previous) << "size grows with the quality";
         previous = jpeg.size();
-        Image out = djpeg(jpeg);
+        Image out = djpegStrict(jpeg);
         EXPECT_EQ(out.width, img.width) << q;
+        if (q == 100)
+            EXPECT_GT(psnr(out, img), 30.0);
     }
-    EncodeOptions best;
-    best.quality = 100;
-    auto jpeg = encode(img, best);
-    EXPECT_TRUE(jpegtranAccepts(jpeg));
-    EXPECT_GT(psnr(djpeg(jpeg), img), 30.0);
 }
