@@ -28,7 +28,8 @@ compgen -G '/usr/lib/llvm-14/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a' 
 if [ ${#need[@]} -gt 0 ]; then
   echo "installing: ${need[*]}"
   export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
+  # A list that fails to refresh (a mirror in sync) leaves the old one.
+  apt-get update -qq || true
   apt-get install -y -qq "${need[@]}" >/dev/null
 fi
 # Independent lossless decoder for the tests (test-only, never linked).
