@@ -14,7 +14,9 @@
 #include <string.h>
 
 #include "core/api_checks.h"
+#include "core/simd.h"
 #include "core/tables.h"
+#include "modes/dequantize.h"
 #include "modes/progressive.h"
 #include "modes/store_scans.h"
 #include "read/front_end.h"
@@ -168,16 +170,6 @@ inline void dequantize(const int16_t *source, const int16_t *quant, bool stored,
     }
 }
 
-// The whole block, in a form the compiler turns into vector multiplies.
-inline void dequantizeAll(const int16_t *source, const int16_t *quant, bool stored, int16_t *target) {
-    if (!stored) {
-        memset(target, 0, kBlock * sizeof(int16_t));
-        return;
-    }
-    for (size_t n = 0; n < kBlock; n++)
-        target[n] = static_cast<int16_t>(static_cast<uint16_t>(source[n]) * static_cast<uint32_t>(static_cast<uint16_t>(quant[n])));
-}
-
 constexpr uint8_t kCorner1[1] = {0};
 constexpr uint8_t kCorner2[4] = {0, 1, 8, 9};
 constexpr uint8_t kCorner4[16] = {0, 1, 2, 3, 8, 9, 10, 11, 16, 17, 18, 19, 24, 25, 26, 27};
@@ -199,6 +191,7 @@ JpgStatus reconstructMcu(JpgParam *param) {
     const size_t mcu = static_cast<size_t>(source - param->dec.coefBase) / perMcu;
     const bool stored = param->dec.rowsCleared[mcu / param->mcusPerRow] != 0;
     const InverseDct inverseDct = inverseDctFor(param->processorFlag);
+    const Dequantize dequantizeBlock = dequantizeFor(param->processorFlag);
     const Reduction reduce4x4 = reduceTo4x4For(param->processorFlag);
     int16_t *target = param->mcuBuffer;
     JpgStatus status = JPG_STATUS_OK;
@@ -210,7 +203,10 @@ JpgStatus reconstructMcu(JpgParam *param) {
             return JPG_STATUS_BAD_DATA;
         for (uint32_t b = 0; b < count; b++, blocks++, source += kBlock, target += kBlock) {
             if constexpr (kLevel == 3) {
-                dequantizeAll(source, quant, stored, target);
+                if (stored)
+                    dequantizeBlock(source, quant, target);
+                else
+                    memset(target, 0, kBlock * sizeof(int16_t));
                 inverseDct(target);
             } else if constexpr (kLevel == 2) {
                 dequantize(source, quant, stored, kCorner4, target);
@@ -368,6 +364,20 @@ JpgStatus outputStoredScaledRows(JpgParam *param, const ComplibRect *rect, uint3
 }
 
 // MCU routine 0x302: the MCU at the cursor at full size.
+void dequantizePortable(const int16_t *coefficients, const int16_t *quant, int16_t *block) {
+    for (size_t n = 0; n < kBlock; n++)
+        block[n] = static_cast<int16_t>(static_cast<uint16_t>(coefficients[n]) *
+                                        static_cast<uint32_t>(static_cast<uint16_t>(quant[n])));
+}
+
+Dequantize dequantizeFor(uint32_t flag) {
+#if KIV_SIMD_X86
+    if (simdLevelOf(flag) != SimdLevel::Portable)
+        return dequantizeSse2;
+#endif
+    return dequantizePortable;
+}
+
 JpgStatus readProgressiveMCU(JpgParam *param) { return reconstructMcu<3>(param); }
 
 JpgStatus readStoredMcuLevel0(JpgParam *param) { return reconstructMcu<0>(param); }

@@ -6,6 +6,9 @@
 // symbol's code is its index in the table.
 #include <gtest/gtest.h>
 
+#include <random>
+
+#include "modes/dequantize.h"
 #include "stream_builder.h"
 #include "test_support.h"
 
@@ -260,6 +263,24 @@ TEST(ProgressiveStreams, MalformedScansFailWithTheirStatus) {
     };
     for (const auto &c : cases)
         EXPECT_EQ(decode(progressiveStream(8, 8, kGrey, c.scans)).status, c.status) << c.name;
+}
+
+// Stored blocks are dequantized modulo 2^16, as the sequential decoder
+// dequantizes, by the same arithmetic at every processor level.
+TEST(StoreOutput, DequantizationWrapsAlikeAtEveryLevel) {
+    std::mt19937 random(7);
+    for (int n = 0; n < 200; n++) {
+        int16_t coefficients[64], quant[64], expected[64], block[64];
+        for (int i = 0; i < 64; i++) {
+            coefficients[i] = int16_t(n < 2 ? (n ? -32768 : 32767) : random());
+            quant[i] = int16_t(n < 2 ? 255 : random() % 65536);
+            expected[i] = int16_t(uint16_t(int32_t(coefficients[i]) * int32_t(uint16_t(quant[i]))));
+        }
+        for (uint32_t flag : {0u, uint32_t(JPG_PROCESSOR_SSE2), uint32_t(JPG_PROCESSOR_SSE2 | JPG_PROCESSOR_AVX2)}) {
+            kiv::dequantizeFor(flag)(coefficients, quant, block);
+            ASSERT_TRUE(std::equal(block, block + 64, expected)) << "flag " << flag << ", block " << n;
+        }
+    }
 }
 
 }  // namespace
