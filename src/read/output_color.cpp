@@ -261,15 +261,12 @@ void convertScaledYcc(JpgParam *param, ComplibRect *rect, int32_t x, int32_t wid
         const int16_t *lumaRow = luma + 64 * kHmax * (r / n) + 8 * (r % n);
         const int16_t *cbRow = cb + 8 * (r / kVmax), *crRow = cr + 8 * (r / kVmax);
 #if KIV_HAVE_SSE2_COLOR
-        if constexpr (kRows8 && kHmax * n == 8) {
-            if (cols == 8 && step == 3) {
-                int16_t y[8], u[8], v[8];
-                for (int c = 0; c < 8; c++) {
-                    y[c] = lumaRow[64 * (c / n) + c % n];
-                    u[c] = cbRow[c / kHmax];
-                    v[c] = crRow[c / kHmax];
-                }
-                yccRowToBgrSse2(y, u, v, line);
+        if constexpr (kRows8 && kLevel == 2 && kHmax == 2) {
+            if (cols == 8 && step == 3 && r + 1 < rows) {  // rows r and r + 1 lie in one block row
+                const int16_t *chroma[4] = {cbRow, crRow, cb + 8 * ((r + 1) / kVmax), cr + 8 * ((r + 1) / kVmax)};
+                halfScaleRowsToBgrSse2(lumaRow, chroma, line, line + rect->stride);
+                r++;
+                line += rect->stride;
                 continue;
             }
         }

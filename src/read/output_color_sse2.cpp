@@ -35,9 +35,9 @@ struct Chroma {
     __m128i blue, green, red;
 };
 
-inline Chroma chroma8(const int16_t *cb, const int16_t *cr) {
+inline Chroma chroma8(__m128i cb, __m128i cr) {
     const __m128i centre = _mm_set1_epi16(128);
-    __m128i db = _mm_sub_epi16(lowBytes(cb), centre), dr = _mm_sub_epi16(lowBytes(cr), centre);
+    __m128i db = _mm_sub_epi16(cb, centre), dr = _mm_sub_epi16(cr, centre);
     __m128i db2 = _mm_add_epi16(db, db), dr2 = _mm_add_epi16(dr, dr);
     // 116130 = 2 x 65536 - 14942; 91881 = 65536 + 26345; -46802 = -65536 + 18734.
     return {_mm_add_epi16(db2, chromaTerm(db2, -14942)),
@@ -47,14 +47,22 @@ inline Chroma chroma8(const int16_t *cb, const int16_t *cr) {
 
 // Sixteen pixels: samples [0..7] of src[c], then [second .. second + 7].
 // With kPairedChroma the chroma of the second half is that of the first.
-template <bool kPairedChroma>
-inline Planes yccPlanes(const int16_t *const *src, ptrdiff_t second) {
-    Chroma a = chroma8(src[1], src[2]);
-    Chroma b = kPairedChroma ? a : chroma8(src[1] + second, src[2] + second);
-    __m128i y0 = lowBytes(src[0]), y1 = lowBytes(src[0] + second);
+// Sixteen pixels from the luma of two rows of eight and their chroma parts.
+inline Planes yccPlanes(__m128i y0, __m128i y1, const Chroma &a, const Chroma &b) {
     return {_mm_packus_epi16(_mm_add_epi16(y0, a.blue), _mm_add_epi16(y1, b.blue)),
             _mm_packus_epi16(_mm_add_epi16(y0, a.green), _mm_add_epi16(y1, b.green)),
             _mm_packus_epi16(_mm_add_epi16(y0, a.red), _mm_add_epi16(y1, b.red))};
+}
+
+template <bool kPairedChroma>
+inline Planes yccPlanes(const int16_t *const *src, ptrdiff_t second) {
+    Chroma a = chroma8(lowBytes(src[1]), lowBytes(src[2]));
+    Chroma b = kPairedChroma ? a : chroma8(lowBytes(src[1] + second), lowBytes(src[2] + second));
+    return yccPlanes(lowBytes(src[0]), lowBytes(src[0] + second), a, b);
+}
+
+inline __m128i load4(const int16_t *samples) {
+    return _mm_loadl_epi64(reinterpret_cast<const __m128i *>(samples));
 }
 
 inline __m128i lowBytePlane(const int16_t *samples, ptrdiff_t second) {
@@ -109,9 +117,18 @@ inline void forRowPairs(uint8_t *dst, ptrdiff_t stride, int rows, Pair pair) {
 
 }  // namespace
 
-void yccRowToBgrSse2(const int16_t *y, const int16_t *cb, const int16_t *cr, uint8_t *dst) {
-    const int16_t *src[3] = {y, cb, cr};
-    storeThree(yccPlanes<false>(src, 0), dst, dst);
+void halfScaleRowsToBgrSse2(const int16_t *luma, const int16_t *const *chroma, uint8_t *dst0, uint8_t *dst1) {
+    const __m128i mask = _mm_set1_epi16(0xFF);
+    auto sideBySide = [mask](const int16_t *left) {
+        return _mm_and_si128(_mm_unpacklo_epi64(load4(left), load4(left + 64)), mask);
+    };
+    auto doubled = [mask](const int16_t *samples) {
+        __m128i v = load4(samples);
+        return _mm_and_si128(_mm_unpacklo_epi16(v, v), mask);
+    };
+    Chroma a = chroma8(doubled(chroma[0]), doubled(chroma[1]));
+    Chroma b = chroma[2] == chroma[0] ? a : chroma8(doubled(chroma[2]), doubled(chroma[3]));
+    storeThree(yccPlanes(sideBySide(luma), sideBySide(luma + 8), a, b), dst0, dst1);
 }
 
 void storeBlockBgrSse2(const int16_t *const *src, uint8_t *dst, ptrdiff_t stride, int rows) {

@@ -13,9 +13,12 @@
 
 namespace kiv {
 
-// Converts samples y[0..7], cb[0..7], cr[0..7] (low 8 bits used) into 24
-// bytes B, G, R at dst.
-void yccRowToBgrSse2(const int16_t *y, const int16_t *cb, const int16_t *cr, uint8_t *dst);
+// Two rows of eight BGR pixels of a 4:2:0 or 4:2:2 MCU decoded at 1/2 scale
+// (low 8 bits of each sample used): the luma of the first row is samples
+// 0..3 of luma, then of luma + 64 (two reduced blocks side by side), that
+// of the second row lies 8 samples further; chroma = {cb, cr of the first
+// row, cb, cr of the second}, four samples each, every one for two columns.
+void halfScaleRowsToBgrSse2(const int16_t *luma, const int16_t *const *chroma, uint8_t *dst0, uint8_t *dst1);
 
 // Block writers: src holds one 64-sample block per channel (rows of 8
 // samples); rows (1..8) rows of 8 pixels go to dst, dst + stride, ...

@@ -189,6 +189,22 @@ void checkWriter(Writer writer, int channels, bool ycc, const int16_t *const *sr
     }
 }
 
+// The two rows halfScaleRowsToBgrSse2 writes against the table converter.
+void checkHalfScale(const int16_t *luma, const int16_t *const *chroma, const std::string &what) {
+    int16_t y[64] = {}, cb[64] = {}, cr[64] = {};
+    for (int r = 0; r < 2; r++)
+        for (int x = 0; x < 8; x++) {
+            y[8 * r + x] = luma[8 * r + (x < 4 ? x : 60 + x)];
+            cb[8 * r + x] = chroma[2 * r][x / 2];
+            cr[8 * r + x] = chroma[2 * r + 1][x / 2];
+        }
+    const int16_t *src[3] = {y, cb, cr};
+    Canvas plain, fast;
+    expectedBlock(src, 3, true, 2, plain);
+    kiv::halfScaleRowsToBgrSse2(luma, chroma, fast.origin(), fast.origin() + kStride);
+    ASSERT_EQ(0, memcmp(fast.bytes, plain.bytes, sizeof fast.bytes)) << what;
+}
+
 TEST(ColorSimd, BgrWritersMatchTheTableConverterForEveryInput) {
     int16_t y[64], cb[64], cr[64];
     const int16_t *src[3] = {y, cb, cr};
@@ -201,9 +217,11 @@ TEST(ColorSimd, BgrWritersMatchTheTableConverterForEveryInput) {
                 expectedBlock(src, 3, true, 8, plain);
                 kiv::storeBlockBgrSse2(src, fast.origin(), kStride, 8);
                 ASSERT_EQ(0, memcmp(fast.bytes, plain.bytes, sizeof fast.bytes)) << "cb " << b << " cr " << r;
-                uint8_t row[24];
-                kiv::yccRowToBgrSse2(y, cb, cr, row);
-                ASSERT_EQ(0, memcmp(row, plain.origin(), 24)) << "row, cb " << b << " cr " << r;
+                int16_t half[128];
+                for (int i = 0; i < 16; i++)
+                    half[8 * (i / 8) + (i % 8 < 4 ? i % 8 : 60 + i % 8)] = y[i];
+                const int16_t *chroma[4] = {cb, cr, cb, cr};
+                checkHalfScale(half, chroma, "half scale, cb " + std::to_string(b) + " cr " + std::to_string(r));
                 if (have(JPG_PROCESSOR_AVX2)) {
                     Canvas wide;
                     kiv::storeBlockBgrAvx2(src, wide.origin(), kStride, 8);
@@ -235,6 +253,8 @@ TEST(ColorSimd, WritersMatchPortableOnRandomAndExtremeSamples) {
         checkWriter(kiv::storeBlockCopy3Sse2, 3, false, src, "three");
         checkWriter(kiv::storeBlockCopy4Sse2, 4, false, src, "four");
         checkWriter(kiv::storeBlockBgrSse2, 3, true, src, "bgr");
+        const int16_t *rowsApart[4] = {blocks[2], blocks[3], blocks[2] + 8, blocks[3] + 8};
+        checkHalfScale(blocks[0], rowsApart, "half scale");
         if (have(JPG_PROCESSOR_AVX2))
             checkWriter(kiv::storeBlockBgrAvx2, 3, true, src, "bgr avx2");
         for (int c = 1; c < 3; c++)
