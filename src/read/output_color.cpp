@@ -246,8 +246,8 @@ namespace {
 // pixel (r, c) of the MCU takes its luma from the reduced luma block that
 // covers it and its chroma from chroma sample (r / Vmax, c / Hmax), exactly
 // what the scaled upsampler would have copied there.
-// kRows8: rows of eight pixels (at 1/2 with Hmax = 2) go through the SSE2
-// row converter, the same bits as the tables.
+// kRows8: at 1/2 with Hmax = 2, pairs of rows of eight pixels go through the
+// SSE2 converter, the same bits as the tables.
 template <int kHmax, int kVmax, int kLevel, bool kRows8 = false>
 void convertScaledYcc(JpgParam *param, ComplibRect *rect, int32_t x, int32_t width) {
     constexpr int n = 1 << kLevel;
