@@ -279,7 +279,7 @@ KIV_API uint32_t jpgReadGetJPEGFileOffset(ComplibBitstream *bs);
 KIV_API JpgStatus jpgReadRewindJPEGFile(JpgParam *param, uint32_t offset, int32_t mode);
 
 /* Huffman code tables. */
-KIV_API JpgStatus jpgGenerateHuffmanTable(JpgParam *param, const uint8_t *tableSpec, uint32_t count);
+KIV_API JpgStatus jpgGenerateHuffmanTable(JpgParam *param, const uint8_t *tableDefinition, uint32_t count);
 KIV_API JpgStatus jpgReadInitializeDecVLCTable(JpgParam *param);
 
 /* Restart markers, MCU seeking, partial input. */

@@ -158,7 +158,7 @@ struct QuantSteps;  // the quantizer's divisors of one table (write/quantizer.h)
 
 // Encode-side state (write handles only).
 struct JpgEncodeState {
-    uint8_t huffSpec[4][273];  // BITS[16], HUFFVAL[256], Tc << 4 | Th: DC0, DC1, AC0, AC1
+    uint8_t huffDefinitions[4][273];  // BITS[16], HUFFVAL[256], Tc << 4 | Th: DC0, DC1, AC0, AC1
     uint32_t rowsEncoded;      // rows handed to the driver so far; 0 before the first call
     uint32_t restartNumber;    // n of the next RSTn, 0 to 7
     uint32_t quality;          // quantization factor 1 to 100

@@ -234,7 +234,7 @@ JpgStatus fillDifferenceLookup(JpgParam *param, JpgHuffmanTable &table) {
 JpgStatus writeTables(JpgParam *param) {
     const DefaultTable &t = param->precision > 8 ? kTable16 : kTable8;
     for (int k = 0; k < 4; k++) {
-        uint8_t *table = param->enc.huffSpec[k];
+        uint8_t *table = param->enc.huffDefinitions[k];
         memcpy(table, t.bits, 16);
         for (uint32_t v = 0; v < t.count; v++)
             table[16 + v] = static_cast<uint8_t>(v);
@@ -252,7 +252,7 @@ JpgStatus writeTables(JpgParam *param) {
         return status;
     uint8_t body[17 + 17];
     body[0] = 0x00;
-    memcpy(body + 1, param->enc.huffSpec[0], 16 + t.count);
+    memcpy(body + 1, param->enc.huffDefinitions[0], 16 + t.count);
     status = writeSegment(param, kDht, body, 17 + t.count);
     auto release = [param](JpgHuffmanTable &table) {
         jpgMemFree(param, table.codes);
@@ -376,7 +376,7 @@ JpgStatus finishRow(JpgParam *param) {
 
 template <typename Sample>
 JpgStatus encodeRows(JpgParam *param, const ComplibRect *rect, uint32_t rows) {
-    EncodeContext ctx{param,      &param->bs, {}, categoryCodes(param->enc.huffSpec[0]),
+    EncodeContext ctx{param,      &param->bs, {}, categoryCodes(param->enc.huffDefinitions[0]),
                       param->numComponents, param->width};
     for (uint32_t c = 0; c < ctx.components; c++)
         ctx.diffs[c] = param->components[c].dcDiff;

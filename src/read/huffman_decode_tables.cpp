@@ -200,14 +200,14 @@ JpgStatus buildAcLevels(JpgParam *param, JpgHuffmanTable &t, const CodeList &lis
 }
 
 // Code lengths and canonical codes (Annex C, Figures C.1 and C.2), left-aligned.
-JpgStatus assignCodes(JpgHuffmanTable &t, const uint8_t *tableSpec, uint32_t count) {
+JpgStatus assignCodes(JpgHuffmanTable &t, const uint8_t *tableDefinition, uint32_t count) {
     uint32_t n = 0, code = 0, longest = 0;
     for (uint32_t length = 1; length <= 16; length++) {
-        for (uint32_t j = 0; j < tableSpec[length - 1]; j++) {
+        for (uint32_t j = 0; j < tableDefinition[length - 1]; j++) {
             if (n >= 255 || n >= count || code >= (1u << length))
                 return JPG_STATUS_BAD_DATA;
             t.codes[n].code = code << (16 - length);
-            t.codes[n].symbol = tableSpec[16 + n];
+            t.codes[n].symbol = tableDefinition[16 + n];
             t.codes[n].length = static_cast<uint16_t>(length);
             longest = length;
             n++;
@@ -235,10 +235,10 @@ JpgStatus buildLevels(JpgParam *param, JpgHuffmanTable &t, const CodeList &list)
 
 extern "C" {
 
-JpgStatus jpgGenerateHuffmanTable(JpgParam *param, const uint8_t *tableSpec, uint32_t count) {
-    if (jpgCheckParam(param) == nullptr || tableSpec == nullptr)
+JpgStatus jpgGenerateHuffmanTable(JpgParam *param, const uint8_t *tableDefinition, uint32_t count) {
+    if (jpgCheckParam(param) == nullptr || tableDefinition == nullptr)
         return JPG_STATUS_INVALID_HANDLE;
-    uint32_t classId = tableSpec[272];
+    uint32_t classId = tableDefinition[272];
     if ((classId & 15) > 3 || count > 256)
         return JPG_STATUS_BAD_DATA;
     bool ac = classId >= 16;
@@ -255,7 +255,7 @@ JpgStatus jpgGenerateHuffmanTable(JpgParam *param, const uint8_t *tableSpec, uin
     t.codes = static_cast<JpgHuffmanCode *>(jpgMemAlloc(param, (count + 1) * 8));
     if (t.codes == nullptr)
         return JPG_STATUS_NO_MEMORY;
-    JpgStatus status = assignCodes(t, tableSpec, count);
+    JpgStatus status = assignCodes(t, tableDefinition, count);
     if (status == JPG_STATUS_OK)
         status = buildLevels(param, t, CodeList{t.codes, t.numCodes, ac});
     t.slowMaxLength = ac ? 16 : t.maxLength;

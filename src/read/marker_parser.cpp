@@ -29,7 +29,7 @@ void terminateDhtList(JpgParam *param) {
 
 // One table of a DHT segment (B.2.4.2); *remaining is the segment's rest.
 JpgStatus parseOneHuffmanTable(JpgParam *param, int32_t *remaining) {
-    uint8_t tableSpec[273];
+    uint8_t tableDefinition[273];
     uint32_t classId = readByte(param);
     int32_t n = param->dhtCount < 0 ? 8 : param->dhtCount;
     if ((classId >> 4) > 1 || (classId & 15) > 3 || n >= 8)
@@ -38,8 +38,8 @@ JpgStatus parseOneHuffmanTable(JpgParam *param, int32_t *remaining) {
     param->dhtCount = n + 1;
     uint32_t sum = 0;
     for (int i = 0; i < 16; i++) {
-        tableSpec[i] = static_cast<uint8_t>(readByte(param));
-        sum += tableSpec[i];
+        tableDefinition[i] = static_cast<uint8_t>(readByte(param));
+        sum += tableDefinition[i];
     }
     *remaining -= static_cast<int32_t>(sum) + 17;
     if (*remaining < 0)
@@ -47,11 +47,11 @@ JpgStatus parseOneHuffmanTable(JpgParam *param, int32_t *remaining) {
     if (sum > 255)
         return truncatedOr(param, JPG_STATUS_BAD_DATA);
     for (uint32_t i = 0; i < sum; i++)
-        tableSpec[16 + i] = static_cast<uint8_t>(readByte(param));
-    tableSpec[272] = static_cast<uint8_t>(classId);
+        tableDefinition[16 + i] = static_cast<uint8_t>(readByte(param));
+    tableDefinition[272] = static_cast<uint8_t>(classId);
     if (param->bs.state != 0)
         return JPG_STATUS_UNEXPECTED_END;
-    JpgStatus status = jpgGenerateHuffmanTable(param, tableSpec, sum);
+    JpgStatus status = jpgGenerateHuffmanTable(param, tableDefinition, sum);
     JpgHuffmanTable &table = classId >> 4 ? param->acTables[classId & 15] : param->dcTables[classId & 15];
     table.origin = kTableFromDht;
     return status;

@@ -75,12 +75,12 @@ JpgStatus defaultTable(JpgParam *param, JpgHuffmanTable &table, bool ac, uint32_
     if (!isSequential(param) || table.origin == kTableFromDht || kiv::hasDecodeLookup(table))
         return JPG_STATUS_OK;
     const uint8_t *source = kiv::kAnnexKHuffman + kiv::kAnnexKStart[(ac ? 2 : 0) + (id & 1)];
-    uint8_t spec[273] = {};
+    uint8_t definition[273] = {};
     uint32_t count = kiv::bitsSum(source);
     for (uint32_t i = 0; i < 16 + count; i++)
-        spec[i] = source[i];
-    spec[272] = static_cast<uint8_t>((ac ? 0x10 : 0) | id);
-    JpgStatus status = jpgGenerateHuffmanTable(param, spec, count);
+        definition[i] = source[i];
+    definition[272] = static_cast<uint8_t>((ac ? 0x10 : 0) | id);
+    JpgStatus status = jpgGenerateHuffmanTable(param, definition, count);
     if (status == JPG_STATUS_OK)
         table.origin = kTableDefault;
     return status;

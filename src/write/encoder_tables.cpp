@@ -79,10 +79,10 @@ bool selectorsDefined(const JpgParam *param) {
 
 JpgStatus writeDHT(JpgParam *param) {
     uint32_t payload = 0;
-    for (const auto &record : param->enc.huffSpec)
+    for (const auto &record : param->enc.huffDefinitions)
         payload += bitsSum(record) > 0 ? 17 + bitsSum(record) : 0;
     JpgStatus status = jpgWriteWriteMarkerCode(param, 0xFFC4, payload);
-    for (const auto &record : param->enc.huffSpec) {
+    for (const auto &record : param->enc.huffDefinitions) {
         uint32_t count = bitsSum(record);
         if (status != JPG_STATUS_OK || count == 0)
             continue;
@@ -265,7 +265,7 @@ JpgStatus createDHT(JpgParam *param, const uint8_t *source) {
     if (source == nullptr)
         source = kAnnexKHuffman;
     for (int record = 0; record < 4; record++) {
-        uint8_t *tableRecord = param->enc.huffSpec[record];
+        uint8_t *tableRecord = param->enc.huffDefinitions[record];
         uint32_t count = bitsSum(source);
         if (count > 256)
             return JPG_STATUS_BAD_DATA;

@@ -16,8 +16,8 @@ namespace {
 
 using namespace kivtest;
 
-const HuffmanSpec kDc4 = {{0, 0, 0, 12}, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}};
-const HuffmanSpec kAc4 = {{0, 0, 0, 15}, {0x00, 0x01, 0x02, 0x10, 0x11, 0xF0, 0x20, 0x21, 0xE0, 0x30, 0x31, 0x41, 0x03, 0x13, 0x22}};
+const HuffmanDefinition kDc4 = {{0, 0, 0, 12}, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}};
+const HuffmanDefinition kAc4 = {{0, 0, 0, 15}, {0x00, 0x01, 0x02, 0x10, 0x11, 0xF0, 0x20, 0x21, 0xE0, 0x30, 0x31, 0x41, 0x03, 0x13, 0x22}};
 
 void dc(BitWriter &w, int size, uint32_t bits) {  // DC difference: category, then magnitude bits
     w.symbol(canonicalCodes(kDc4), size);

@@ -20,11 +20,11 @@ using Zigzag = std::vector<int>;  // coefficients in zig-zag order, DC as value
 
 // An optimised AC table whose first code past level 1 ("1000", run 0 size
 // 10) leaves the second level empty; the rest must decode through level 3.
-const HuffmanSpec kOptimisedAc = {{0, 2, 1, 2, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3},
+const HuffmanDefinition kOptimisedAc = {{0, 2, 1, 2, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3},
                                   {0x00, 0x01, 0x02, 0x0A, 0x11, 0x09, 0x21, 0x03, 0x31, 0x41}};
 
 // A grey image of the blocks in one row, coded with the given tables.
-Bytes codeBlocks(const std::vector<Zigzag> &blocks, const HuffmanSpec &dc, const HuffmanSpec &ac,
+Bytes codeBlocks(const std::vector<Zigzag> &blocks, const HuffmanDefinition &dc, const HuffmanDefinition &ac,
                  uint8_t quant = 1, int restart = 0) {
     StreamBuilder s;
     s.soi().dqt(0, quant).sof(0xC0, 8, 8, uint16_t(8 * blocks.size()), {{1, 0x11, 0}}).dht(0x00, dc).dht(0x10, ac);

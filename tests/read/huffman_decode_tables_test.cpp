@@ -13,14 +13,14 @@
 
 namespace {
 
-using kivtest::HuffmanSpec;
+using kivtest::HuffmanDefinition;
 
 struct Handle {
     JpgParam *p = jpgProlog(nullptr);
     ~Handle() { jpgEpilog(p); }
 };
 
-JpgStatus generate(JpgParam *p, const HuffmanSpec &table, uint8_t classId) {
+JpgStatus generate(JpgParam *p, const HuffmanDefinition &table, uint8_t classId) {
     auto buffer = kivtest::specBuffer(table, classId);
     return jpgGenerateHuffmanTable(p, buffer.data(), static_cast<uint32_t>(table.values.size()));
 }
@@ -35,7 +35,7 @@ struct Decoded {
 };
 
 // Reference: canonical codes (Annex C) and a linear search.
-Decoded referenceDecode(const HuffmanSpec &table, uint32_t window) {
+Decoded referenceDecode(const HuffmanDefinition &table, uint32_t window) {
     uint32_t code = 0;
     size_t k = 0;
     for (int length = 1; length <= 16; length++) {
@@ -88,7 +88,7 @@ Decoded tableDecode(const JpgHuffmanTable &t, uint32_t window, bool ac) {
     return d;
 }
 
-void expectSameDecoding(const JpgHuffmanTable &t, const HuffmanSpec &table, bool ac) {
+void expectSameDecoding(const JpgHuffmanTable &t, const HuffmanDefinition &table, bool ac) {
     int mismatches = 0;
     for (uint32_t w = 0; w < 0x10000 && mismatches < 5; w++) {
         Decoded want = referenceDecode(table, w);
@@ -185,8 +185,8 @@ TEST(HuffmanTables, ChrominanceTablesReplaceAndDecodeEveryWindow) {
 }
 
 // Random complete and incomplete code spaces with random symbols.
-HuffmanSpec randomSpec(std::mt19937 &rng, bool ac) {
-    HuffmanSpec table{};
+HuffmanDefinition randomDefinition(std::mt19937 &rng, bool ac) {
+    HuffmanDefinition table{};
     uint32_t room = 1;  // free codes at the current length
     int total = 0;
     int maxTotal = ac ? 162 : 12;
@@ -214,7 +214,7 @@ TEST(HuffmanTables, RandomTablesDecodeEveryWindow) {
     Handle h;
     for (int round = 0; round < 24; round++) {
         bool ac = round % 2 == 1;
-        HuffmanSpec table = randomSpec(rng, ac);
+        HuffmanDefinition table = randomDefinition(rng, ac);
         uint8_t id = static_cast<uint8_t>(round / 2 % 4);
         ASSERT_EQ(generate(h.p, table, static_cast<uint8_t>((ac ? 0x10 : 0) | id)), JPG_STATUS_OK);
         SCOPED_TRACE(round);
@@ -225,7 +225,7 @@ TEST(HuffmanTables, RandomTablesDecodeEveryWindow) {
 // An optimised table (as jpegtran -optimize writes for smooth images) whose
 // first code past level 1 already carries a large magnitude: level 2 takes
 // nothing and the long codes must be found in level 3.
-const HuffmanSpec kEmptySecondLevel = {
+const HuffmanDefinition kEmptySecondLevel = {
     {0, 2, 1, 2, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3},
     {0x00, 0x01, 0x02, 0x0A, 0x11, 0x09, 0x21, 0x03, 0x31, 0x41}};
 
@@ -240,18 +240,18 @@ TEST(HuffmanTables, EmptySecondAcLevelRoutesLongCodesToTheThird) {
 
 TEST(HuffmanTables, BadSpecifications) {
     Handle h;
-    HuffmanSpec tooMany{};
+    HuffmanDefinition tooMany{};
     tooMany.bits[8] = 255;
     tooMany.bits[9] = 1;  // 256 codes
     tooMany.values.assign(256, 0x01);
     EXPECT_EQ(generate(h.p, tooMany, 0x10), JPG_STATUS_BAD_DATA);
-    HuffmanSpec overfull{};
+    HuffmanDefinition overfull{};
     overfull.bits[0] = 3;  // three one-bit codes do not exist
     overfull.values = {0, 1, 2};
     EXPECT_EQ(generate(h.p, overfull, 0x00), JPG_STATUS_BAD_DATA);
     EXPECT_EQ(h.p->dcTables[0].numCodes, 0u);
     EXPECT_EQ(h.p->dcTables[0].level[0].limit, 0u);  // nothing a decoder could take
-    HuffmanSpec counted = kivtest::kLuminanceDc;
+    HuffmanDefinition counted = kivtest::kLuminanceDc;
     auto buffer = kivtest::specBuffer(counted, 0x00);
     EXPECT_EQ(jpgGenerateHuffmanTable(h.p, buffer.data(), 5), JPG_STATUS_BAD_DATA);  // BITS say 12
     EXPECT_EQ(jpgGenerateHuffmanTable(h.p, buffer.data(), 12), JPG_STATUS_OK);
@@ -262,7 +262,7 @@ TEST(HuffmanTables, BadSpecifications) {
 
 TEST(HuffmanTables, EmptySpecificationHasNoLevels) {
     Handle h;
-    HuffmanSpec empty{};
+    HuffmanDefinition empty{};
     ASSERT_EQ(generate(h.p, empty, 0x11), JPG_STATUS_OK);
     const JpgHuffmanTable &t = h.p->acTables[1];
     EXPECT_EQ(t.numCodes, 0u);

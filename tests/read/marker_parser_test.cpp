@@ -318,13 +318,13 @@ std::vector<BadCase> malformedStreams() {
         s.segment(0xC4, nine);
     });
     add("256 Huffman values", JPG_STATUS_BAD_DATA, [](S &s) {
-        HuffmanSpec big{};
+        HuffmanDefinition big{};
         big.bits[8] = 200;
         big.bits[9] = 56;
         big.values.assign(256, 1);
         s.dht(0x10, big);
     });
-    add("overfull code lengths", JPG_STATUS_BAD_DATA, [](S &s) { s.dht(0x00, HuffmanSpec{{3}, {0, 1, 2}}); });
+    add("overfull code lengths", JPG_STATUS_BAD_DATA, [](S &s) { s.dht(0x00, HuffmanDefinition{{3}, {0, 1, 2}}); });
     add("DHT values running past the segment", JPG_STATUS_SEGMENT_LENGTH, [](S &s) {
         Bytes p{0x01, 0, 0, 4};
         p.insert(p.end(), 14, 0);  // one of the four values

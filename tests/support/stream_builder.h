@@ -14,18 +14,18 @@
 namespace kivtest {
 
 // A Huffman table as DHT carries it: BITS and HUFFVAL (Annex C).
-struct HuffmanSpec {
+struct HuffmanDefinition {
     uint8_t bits[16];
     std::vector<uint8_t> values;
 };
 
-inline const HuffmanSpec kLuminanceDc = {
+inline const HuffmanDefinition kLuminanceDc = {
     {0, 1, 5, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0}, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}};
 
-inline const HuffmanSpec kChrominanceDc = {
+inline const HuffmanDefinition kChrominanceDc = {
     {0, 3, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0}, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}};
 
-inline const HuffmanSpec kLuminanceAc = {
+inline const HuffmanDefinition kLuminanceAc = {
     {0, 2, 1, 3, 3, 2, 4, 3, 5, 5, 4, 4, 0, 0, 1, 0x7d},
     {0x01, 0x02, 0x03, 0x00, 0x04, 0x11, 0x05, 0x12, 0x21, 0x31, 0x41, 0x06, 0x13, 0x51, 0x61,
      0x07, 0x22, 0x71, 0x14, 0x32, 0x81, 0x91, 0xa1, 0x08, 0x23, 0x42, 0xb1, 0xc1, 0x15, 0x52,
@@ -39,7 +39,7 @@ inline const HuffmanSpec kLuminanceAc = {
      0xd4, 0xd5, 0xd6, 0xd7, 0xd8, 0xd9, 0xda, 0xe1, 0xe2, 0xe3, 0xe4, 0xe5, 0xe6, 0xe7, 0xe8,
      0xe9, 0xea, 0xf1, 0xf2, 0xf3, 0xf4, 0xf5, 0xf6, 0xf7, 0xf8, 0xf9, 0xfa}};
 
-inline const HuffmanSpec kChrominanceAc = {
+inline const HuffmanDefinition kChrominanceAc = {
     {0, 2, 1, 2, 4, 4, 3, 4, 7, 5, 4, 4, 0, 1, 2, 0x77},
     {0x00, 0x01, 0x02, 0x03, 0x11, 0x04, 0x05, 0x21, 0x31, 0x06, 0x12, 0x41, 0x51, 0x07, 0x61,
      0x71, 0x13, 0x22, 0x32, 0x81, 0x08, 0x14, 0x42, 0x91, 0xa1, 0xb1, 0xc1, 0x09, 0x23, 0x33,
@@ -55,7 +55,7 @@ inline const HuffmanSpec kChrominanceAc = {
 
 // The 273-byte buffer that jpgGenerateHuffmanTable takes: BITS, HUFFVAL, and
 // Tc << 4 | Th at index 272.
-inline std::vector<uint8_t> specBuffer(const HuffmanSpec &table, uint8_t classId) {
+inline std::vector<uint8_t> specBuffer(const HuffmanDefinition &table, uint8_t classId) {
     std::vector<uint8_t> buffer(273, 0);
     for (int i = 0; i < 16; i++)
         buffer[i] = table.bits[i];
@@ -67,7 +67,7 @@ inline std::vector<uint8_t> specBuffer(const HuffmanSpec &table, uint8_t classId
 
 // Canonical codes of a table (Annex C): symbol -> (code, length).
 using Codes = std::map<int, std::pair<uint32_t, int>>;
-inline Codes canonicalCodes(const HuffmanSpec &table) {
+inline Codes canonicalCodes(const HuffmanDefinition &table) {
     Codes codes;
     uint32_t code = 0;
     size_t k = 0;
@@ -175,13 +175,13 @@ public:
         p.insert(p.end(), 64, value);
         return segment(0xDB, p);
     }
-    static std::vector<uint8_t> dhtPayload(uint8_t classId, const HuffmanSpec &table) {
+    static std::vector<uint8_t> dhtPayload(uint8_t classId, const HuffmanDefinition &table) {
         std::vector<uint8_t> p{classId};
         p.insert(p.end(), table.bits, table.bits + 16);
         p.insert(p.end(), table.values.begin(), table.values.end());
         return p;
     }
-    StreamBuilder &dht(uint8_t classId, const HuffmanSpec &table) { return segment(0xC4, dhtPayload(classId, table)); }
+    StreamBuilder &dht(uint8_t classId, const HuffmanDefinition &table) { return segment(0xC4, dhtPayload(classId, table)); }
     // A table whose only code is the 1-bit '0' for `symbol`.
     StreamBuilder &dhtSingle(uint8_t classId, uint8_t symbol) {
         std::vector<uint8_t> p{classId, 1};
