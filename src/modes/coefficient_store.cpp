@@ -363,7 +363,6 @@ JpgStatus outputStoredScaledRows(JpgParam *param, const ComplibRect *rect, uint3
     return outputRows(param, path, rect, rows, false);
 }
 
-// MCU routine 0x302: the MCU at the cursor at full size.
 void dequantizePortable(const int16_t *coefficients, const int16_t *quant, int16_t *block) {
     for (size_t n = 0; n < kBlock; n++)
         block[n] = static_cast<int16_t>(static_cast<uint16_t>(coefficients[n]) *
@@ -378,6 +377,7 @@ Dequantize dequantizeFor(uint32_t flag) {
     return dequantizePortable;
 }
 
+// MCU routine 0x302: the MCU at the cursor at full size.
 JpgStatus readProgressiveMCU(JpgParam *param) { return reconstructMcu<3>(param); }
 
 JpgStatus readStoredMcuLevel0(JpgParam *param) { return reconstructMcu<0>(param); }
