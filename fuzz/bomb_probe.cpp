@@ -20,8 +20,8 @@
 #include <string>
 #include <vector>
 
-#include "../tests/support/hostile_decode.h"
-#include "../tests/support/hostile_encode.h"
+#include "hostile_decode.h"
+#include "hostile_encode.h"
 #include "../tests/support/stream_builder.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "../tests/support/hostile_decode.h"
+#include "hostile_decode.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "../tests/support/hostile_encode.h"
+#include "hostile_encode.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     kivtest::EncodePlan plan;

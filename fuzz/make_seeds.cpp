@@ -1,7 +1,7 @@
 // Writes the seed inputs of the fuzz targets: every corpus stream (up to
 // 128 KiB) behind several decode plans, streams written by the encoder with
 // a range of parameters, small hostile frames, and encoder plans.
-// The api target gets the misuse programs of tests/support/api_seeds.h.
+// The api target gets the misuse programs of fuzz/api_seeds.h.
 //   make_seeds CORPUS_DIR DECODE_SEED_DIR ENCODE_SEED_DIR [API_SEED_DIR]
 #include <cstdint>
 #include <cstdio>
@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "../tests/support/api_seeds.h"
-#include "../tests/support/hostile_decode.h"
-#include "../tests/support/hostile_encode.h"
+#include "api_seeds.h"
+#include "hostile_decode.h"
+#include "hostile_encode.h"
 #include "../tests/support/stream_builder.h"
 
 namespace fs = std::filesystem;
