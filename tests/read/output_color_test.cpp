@@ -131,6 +131,21 @@ TEST(ColorConversion, EveryLayoutClipsPartialMcus) {
     }
 }
 
+// Without a block map (no decoder set up) a converter writes nothing.
+TEST(ColorConversion, ConvertersWriteNothingWithoutBlocks) {
+    SyntheticFrame f({0x11, 0x11, 0x11, 0x11});
+    uint32_t *map = f.p->blockMap;
+    f.p->blockMap = nullptr;
+    std::vector<uint8_t> pixels(8 * 8 * 4, kSentinel);
+    ComplibRect rect{8, 8, 32, 32, 4, 8, pixels.data(), uint32_t(pixels.size())};
+    for (const Layout &layout : kLayouts) {
+        layout.full(f.p, &rect, 0, 8);
+        layout.scaled(f.p, &rect, 0, 8);
+    }
+    f.p->blockMap = map;
+    EXPECT_TRUE(std::all_of(pixels.begin(), pixels.end(), [](uint8_t b) { return b == kSentinel; }));
+}
+
 #if KIV_HAVE_SSE2_COLOR
 
 bool have(uint32_t level) { return (jpgGetProcessorArchitecture() & level) != 0; }
