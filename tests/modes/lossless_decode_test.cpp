@@ -1,6 +1,7 @@
 // Lossless decoder: prediction start values, difference categories, the point
 // transform, predictor and precision checks, frames the row layout cannot
-// hold, rectangle checks, truncated and corrupt data, and the row-state
+// hold, rectangle checks, corrupt data (truncated data and row batches:
+// tests/read/decode_driver_test.cpp), and the row-state
 // getters and setters.
 #include <gtest/gtest.h>
 
@@ -155,25 +156,6 @@ TEST(LosslessDecode, RectangleChecks) {
     EXPECT_EQ(jpgReadSpatialToRect(h.p, &r, 100), JPG_STATUS_OK) << "rows beyond the image are cut";
     EXPECT_EQ(jpgReadSpatialToRect(h.p, &r, 1), JPG_STATUS_FAILED) << "all rows delivered";
     EXPECT_TRUE(out == s);
-}
-
-// Cut short, anywhere: the rows before the cut come out, then a clean failure.
-TEST(LosslessDecode, TruncatedStreamsFail) {
-    for (int p : {8, 16}) {
-        Bytes b = encode(randomImage(40, 30, 1, p, 9), losslessOptions(4));
-        size_t data = scanData(b);
-        for (size_t keep : {data, data + 1, data + (b.size() - data) / 2, b.size() - 40})
-            EXPECT_EQ(decodeRows(Bytes(b.begin(), b.begin() + long(keep)), 0, 0x4).status, JPG_STATUS_FAILED)
-                << p << " " << keep;
-    }
-    for (int p : {6, 16}) {
-        Bytes b = encode(randomImage(7, 5, 2, p, 3), losslessOptions(7, 1));
-        for (size_t keep = 2; keep < b.size(); keep++) {
-            ReadHandle h(Bytes(b.begin(), b.begin() + long(keep)), 0x4);
-            JpgStatus st = h.status == JPG_STATUS_OK ? decodeOpen(h.p).status : JPG_STATUS_OK;  // a cut header: skip
-            EXPECT_TRUE(st == JPG_STATUS_OK || st == JPG_STATUS_FAILED) << keep << " " << hex(st);
-        }
-    }
 }
 
 // Corrupt entropy-coded data and headers: any documented status, never a

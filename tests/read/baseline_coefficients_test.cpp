@@ -165,14 +165,4 @@ TEST(BaselineCoefficients, McuCountersAndRestartProcessing) {
         EXPECT_NEAR(h.p->mcuBuffer[i], h.p->mcuBuffer[0], 2);
 }
 
-TEST(BaselineCoefficients, RoutineLookup) {
-    EXPECT_EQ(jpgGetReadMCUGenericFunc(0x301), jpgReadDecodeBaselineMcu);
-    EXPECT_EQ(jpgGetReadMCUGenericFunc(0x001), jpgReadScaleOutputLevel0MCU);
-    EXPECT_EQ(jpgGetReadMCUGenericFunc(0x101), jpgReadScaleOutputLevel1MCU);
-    EXPECT_EQ(jpgGetReadMCUGenericFunc(0x201), jpgReadScaleOutputLevel2MCU);
-    EXPECT_NE(jpgGetReadMCUGenericFunc(0x302), nullptr);
-    for (uint32_t id : {0x303u, 0x10301u, 0x401u, 0u})
-        EXPECT_EQ(jpgGetReadMCUGenericFunc(id), nullptr) << std::hex << id;
-}
-
 }  // namespace

@@ -1,7 +1,8 @@
 // Marker parser: header getters against the listings that come with the
 // T.83 streams and against djpeg's header dump on samples and photographs;
 // the prologs' arguments and the EOI search; one specific status for every
-// kind of malformed header, truncation at every header byte.
+// kind of malformed header (truncation at every header byte:
+// decode_driver_test.cpp).
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -381,30 +382,6 @@ TEST(MarkerParser, MalformedHeadersGetTheirStatus) {
         ReadHandle h(c.stream);
         EXPECT_EQ(h.status, c.status) << c.what << ": " << hex(h.status);
         EXPECT_EQ(h.p == nullptr, c.status != JPG_STATUS_OK) << c.what;
-    }
-}
-
-TEST(MarkerParser, TruncationAtEveryHeaderByte) {
-    for (const Bytes &full : {validGrey(), readFile(corpus("samples/testorig.jpg"))}) {
-        std::vector<Segment> segments = headerSegments(full);
-        size_t headerEnd = scanData(full);
-        for (size_t cut = 1; cut < headerEnd; cut++) {
-            Bytes part(full.begin(), full.begin() + long(cut));
-            ReadHandle searched(part);
-            if (findMarker(part, 0xD9, 1) == std::string::npos)
-                EXPECT_EQ(searched.status, JPG_STATUS_BAD_DATA) << "cut at " << cut;
-            EXPECT_EQ(searched.p == nullptr, searched.status != JPG_STATUS_OK);
-            // Without the EOI search the parser meets the end itself: inside a
-            // marker code or between segments the marker search ends; inside
-            // a length field or a payload the read runs past the end.
-            JpgStatus expected = cut < 2 ? JPG_STATUS_BAD_DATA : JPG_STATUS_END_OF_STREAM;
-            for (const Segment &s : segments)
-                if (cut > s.offset + 1 && cut < s.offset + 4 + s.body.size())
-                    expected = JPG_STATUS_UNEXPECTED_END;
-            ReadHandle unsearched(part, 4);
-            EXPECT_EQ(unsearched.status, expected) << "cut at " << cut << ": " << hex(unsearched.status);
-            EXPECT_EQ(unsearched.p, nullptr);
-        }
     }
 }
 

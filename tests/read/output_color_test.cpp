@@ -1,5 +1,5 @@
 // Output colour conversion: pinned YCbCr values and closeness to the JFIF
-// equations, the converter selector, every channel layout (B-G-R order,
+// equations, every channel layout (B-G-R order,
 // YCCK to inverted C-M-Y-K) with partial MCUs clipped at the right and
 // bottom edges, full size and scaled. The SSE2 and AVX2 block writers and
 // the SSE2 block expanders against the portable code, bit for bit: every
@@ -59,23 +59,6 @@ TEST(ColorConversion, PinnedValuesAndJfifEquations) {
                                      std::abs(p.b - clamp(y + 1.772 * (cb - 128)))});
             }
     EXPECT_LE(maxError, 1.0);
-}
-
-TEST(ColorConversion, SelectorMapsIdentifiers) {
-    const std::pair<uint32_t, JpgReadColorConvertFunc> table[] = {
-        {0x20201, jpgReadCopyGrey},          {0x20202, jpgReadCopy2},
-        {0x20203, jpgReadCopy3},             {0x20204, jpgReadCopy4},
-        {0x1020203, jpgReadCopy3Reversed},   {0x2020203, jpgReadYUV2Rect},
-        {0x40020201, jpgReadScaledCopyGrey}, {0x40020202, jpgReadScaledCopy2},
-        {0x40020203, jpgReadScaledCopy3},    {0x40020204, jpgReadScaledCopy4},
-        {0x41020203, jpgReadScaledCopy3Reversed}, {0x42020203, jpgReadScaledYUV2Rect},
-        {0x3020204, jpgReadYCCK2Rect},       {0x43020204, jpgReadScaledYCCK2Rect},
-        {0x22020203, nullptr},  // 12-bit: no converter
-        {0x3020203, nullptr},   {0x2020204, nullptr},  // kinds of another channel count
-        {0x20205, nullptr},     {0x2020201, nullptr}, {0, nullptr},
-    };
-    for (auto [id, routine] : table)
-        EXPECT_EQ(jpgGetReadColorConvertGenericFunc(id), routine) << std::hex << id;
 }
 
 constexpr uint8_t kSentinel = 0xAA;
@@ -146,6 +129,21 @@ TEST(ColorConversion, EveryLayoutClipsPartialMcus) {
             for (auto [x0, width, height] : {std::tuple{0, 64, 64}, {3, 1, 1}, {1, 3, 3}, {0, 0, 4}, {2, 5, 7}})
                 checkClipped(layout, level, x0, width, height);
     }
+}
+
+// Without a block map (no decoder set up) a converter writes nothing.
+TEST(ColorConversion, ConvertersWriteNothingWithoutBlocks) {
+    SyntheticFrame f({0x11, 0x11, 0x11, 0x11});
+    uint32_t *map = f.p->blockMap;
+    f.p->blockMap = nullptr;
+    std::vector<uint8_t> pixels(8 * 8 * 4, kSentinel);
+    ComplibRect rect{8, 8, 32, 32, 4, 8, pixels.data(), uint32_t(pixels.size())};
+    for (const Layout &layout : kLayouts) {
+        layout.full(f.p, &rect, 0, 8);
+        layout.scaled(f.p, &rect, 0, 8);
+    }
+    f.p->blockMap = map;
+    EXPECT_TRUE(std::all_of(pixels.begin(), pixels.end(), [](uint8_t b) { return b == kSentinel; }));
 }
 
 #if KIV_HAVE_SSE2_COLOR

@@ -1,8 +1,8 @@
 // Scaled output: the size query, the level setter and the refusals on
 // hand-built handles; whole streams at 1/8, 1/4 and 1/2 against djpeg
 // -scale (the luma of 1/8 exactly), against the block averages of the full
-// decode, through every driver and batch size, switching levels on one
-// handle, and cut short.
+// decode, and switching levels on one handle (batches, other drivers and
+// cut streams: decode_driver_test.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -137,38 +137,6 @@ TEST(ScaledOutput, LevelZeroIsTheBlockAverageOfTheFullImage) {
     }
 }
 
-// Lines in batches of one and three MCU rows, MCU by MCU (whole rows, or
-// two MCUs a call), and a rectangle five pixels wide: the same pixels.
-TEST(ScaledOutput, EveryDriverAndBatchGivesTheSamePixels) {
-    for (const char *name : {"samples/testorig.jpg", "conformance/A1.jpg"}) {
-        Bytes data = readFile(corpus(name));
-        for (int level = 0; level < 3; level++) {
-            SCOPED_TRACE(std::string(name) + " level " + std::to_string(level));
-            DecodeOptions o;
-            o.level = level;
-            Image whole = decode(data, o).image;
-            ReadHandle h(data);
-            uint32_t mcuRow = h.p->mcuHeight >> (3 - level);
-            for (auto [driver, batch] : {std::pair{Driver::Scaled, mcuRow}, {Driver::Scaled, 3 * mcuRow},
-                                         {Driver::Mcus, 0u}, {Driver::Mcus, 2u}}) {
-                o.driver = driver;
-                o.batch = batch;
-                Decoded d = decode(data, o);
-                EXPECT_EQ(d.status, JPG_STATUS_OK) << int(driver) << " batch " << batch;
-                EXPECT_TRUE(d.image == whole) << int(driver) << " batch " << batch;
-                EXPECT_TRUE(d.guardIntact);
-            }
-            // A rectangle narrower than the image takes the left columns of every row.
-            Image narrow(5, whole.height, whole.channels);
-            ComplibRect rect = narrow.rect();
-            ReadHandle n(data);
-            ASSERT_EQ(jpgReadScaleOutputToRect(n.p, &rect, uint32_t(whole.height), uint32_t(level)), JPG_STATUS_OK);
-            for (int y = 0; y < whole.height; y++)
-                ASSERT_TRUE(std::equal(narrow.row(y), narrow.row(y) + narrow.stride(), whole.row(y))) << y;
-        }
-    }
-}
-
 TEST(ScaledOutput, SwitchingLevelsRewindsAndRepeatsThePixels) {
     Bytes data = readFile(corpus("samples/testorig.jpg"));
     ReadHandle h(data);
@@ -188,22 +156,6 @@ TEST(ScaledOutput, SwitchingLevelsRewindsAndRepeatsThePixels) {
     EXPECT_TRUE(half1 == half2);
     EXPECT_TRUE(full1 == full2.image);
     EXPECT_TRUE(full1 == decode(data).image);
-}
-
-// A stream cut inside its entropy-coded data and closed with EOI: the
-// one-bits fed after the end form no valid code, so every level stops with
-// JPG_STATUS_UNEXPECTED_END.
-TEST(ScaledOutput, TruncatedStreamEndsWithUnexpectedEnd) {
-    Bytes data = readFile(corpus("samples/testorig.jpg"));
-    for (size_t keep : {data.size() / 3, data.size() * 3 / 4}) {
-        Bytes cut(data.begin(), data.begin() + long(keep));
-        cut.insert(cut.end(), {0xFF, 0xD9});
-        for (int level = 0; level < 3; level++) {
-            DecodeOptions o;
-            o.level = level;
-            EXPECT_EQ(decode(cut, o).status, JPG_STATUS_UNEXPECTED_END) << keep << " bytes, level " << level;
-        }
-    }
 }
 
 }  // namespace

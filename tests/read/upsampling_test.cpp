@@ -1,4 +1,4 @@
-// Upsampling on hand-built MCUs: the routine selector, the co-sited doubling
+// Upsampling on hand-built MCUs: the co-sited doubling
 // rule (midpoints round halves up, right neighbour from the next MCU or the
 // last sample repeated), vertical replication, the fixed and the general
 // routine against a plain evaluation of the rule on every layout, and
@@ -45,24 +45,6 @@ int expectedFull(const SyntheticFrame &f, uint32_t c, uint32_t y, uint32_t x, bo
         return left;
     int right = sx + 1 < 8 * h ? f.sample(c, sy, sx + 1) : next ? f.sample(c, sy, 0, 8, true) : left;
     return int((left * (rh - m) + right * m + rh / 2) / rh);
-}
-
-TEST(Upsampling, SelectorMapsIdentifiers) {
-    const std::pair<uint32_t, JpgUpSamplingFunc> table[] = {
-        {0x10100, jpgReadUpSamplingTo11},
-        {0x10200, jpgReadUpSamplingTo12},
-        {0x20100, jpgReadUpSamplingTo21},
-        {0x20200, jpgReadUpSamplingTo22},
-        {0x30400, jpgReadUpSamplingToNN},
-        {0x10300, jpgReadUpSamplingToNN},
-        {0x80010100, jpgReadUpSamplingTo11},
-        {0x80010200, jpgReadScaleOutputUpSamplingTo12},
-        {0x80020100, jpgReadScaleOutputUpSamplingTo21},
-        {0x80020200, jpgReadScaleOutputUpSamplingTo22},
-        {0x80030400, jpgReadScaleOutputUpSamplingToNN},
-    };
-    for (auto [id, routine] : table)
-        EXPECT_EQ(jpgGetUpSamplingGenericFunc(id), routine) << std::hex << id;
 }
 
 TEST(Upsampling, MidpointsRoundHalvesUpAndTakeTheNextMcu) {
