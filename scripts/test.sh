@@ -22,7 +22,6 @@ command -v readelf >/dev/null || need+=(binutils)
 [ -f /usr/include/png.h ] || need+=(libpng-dev)
 command -v pkg-config >/dev/null || need+=(pkg-config)
 command -v ffmpeg >/dev/null || need+=(ffmpeg)
-command -v npm >/dev/null || need+=(nodejs npm)
 command -v clang++-14 >/dev/null || need+=(clang-14)
 compgen -G '/usr/lib/llvm-14/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a' >/dev/null || need+=(libclang-rt-14-dev)
 if [ ${#need[@]} -gt 0 ]; then
@@ -32,9 +31,6 @@ if [ ${#need[@]} -gt 0 ]; then
   apt-get update -qq || true
   apt-get install -y -qq "${need[@]}" >/dev/null
 fi
-# Independent lossless decoder for the tests (test-only, never linked).
-[ -d build/npm/node_modules/jpeg-lossless-decoder-js ] ||
-  npm install --prefix build/npm jpeg-lossless-decoder-js >/dev/null
 
 build() {  # name, extra cmake arguments...
   local dir=build/$1; shift
