@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "kivjpeg.h"
@@ -26,7 +27,7 @@ void openMemory(Stream &s, std::vector<uint8_t> &data) {
     ASSERT_EQ(complibOpenBitstreamFile(s.get()), JPG_STATUS_OK);
 }
 
-// A bit writer over a staging buffer in memory (no file behind it).
+// A bit writer over a staging buffer of the caller's.
 void openWriter(Stream &s, uint8_t *staging, size_t size) {
     s->putStart = s->putPtr = staging;
     s->putEnd = staging + size;
@@ -35,56 +36,40 @@ void openWriter(Stream &s, uint8_t *staging, size_t size) {
 
 }  // namespace
 
-TEST(BitWriter, PendingBitsSpanWords) {
-    Stream s;
-    uint8_t staging[64] = {};
-    openWriter(s, staging, sizeof staging);
-    EXPECT_EQ(complibPutBits(s.get(), 5, 3), 3);
-    EXPECT_EQ(s->bitCount, 29);
-    EXPECT_EQ(complibPutBits(s.get(), 0xDEADBEEF, 32), 32);
-    // One word: 101 followed by the value's high 29 bits.
-    uint32_t word = (5u << 29) | (0xDEADBEEFu >> 3);
-    EXPECT_EQ(staging[0], word >> 24);
-    EXPECT_EQ(staging[3], word & 0xFF);
-    EXPECT_EQ(s->putPtr, staging + 4);
-    EXPECT_EQ(s->bitCount, 29);
-    EXPECT_EQ(s->accumulator, 0xDEADBEEFu & 7);
-}
-
-TEST(BitWriter, FlushWritesOnlyBytesThatHoldBits) {
-    std::string path = kivtest::tempPath("flush.bin");
-    for (auto [bits, expected] : {std::pair{8, 1u}, {9, 2u}, {0, 0u}, {32, 4u}, {40, 5u}}) {
+// The generic bit writer (no stuffing) against a plain list of bits: values
+// spanning words, a flush that writes only the bytes holding bits (unfilled
+// low bits zero), and a full staging buffer handed to the file.
+TEST(BitWriter, FileHoldsExactlyTheBitsPut) {
+    std::vector<std::pair<uint32_t, int32_t>> ones(40, {1, 1}), words;
+    for (uint32_t i = 0; i < 1500; i++)
+        words.push_back({i, 32});
+    const std::vector<std::vector<std::pair<uint32_t, int32_t>>> cases = {
+        {}, {ones.begin(), ones.begin() + 8}, {ones.begin(), ones.begin() + 9}, {ones.begin(), ones.begin() + 32},
+        ones, {{5, 3}, {0xDEADBEEF, 32}, {0x3, 2}}, words};
+    std::string path = kivtest::tempPath("bits.bin");
+    for (const auto &puts : cases) {
+        std::vector<uint8_t> expected;
+        size_t total = 0;
+        for (auto [value, n] : puts)
+            for (int b = n - 1; b >= 0; b--, total++) {
+                if (total % 8 == 0)
+                    expected.push_back(0);
+                expected.back() |= static_cast<uint8_t>((value >> b & 1) << (7 - total % 8));
+            }
+        SCOPED_TRACE(std::to_string(total) + " bits");
         Stream s;
-        uint8_t staging[64] = {};
+        std::vector<uint8_t> staging(4096);
         complibLibCstrcpy(s->path, path.c_str());
         ASSERT_EQ(complibCreateBitstreamFile(s.get()), JPG_STATUS_OK);
-        openWriter(s, staging, sizeof staging);
-        for (int i = 0; i < bits; i++)
-            complibPutBits(s.get(), 1, 1);
+        openWriter(s, staging.data(), staging.size());
+        for (auto [value, n] : puts)
+            ASSERT_EQ(complibPutBits(s.get(), value, n), n);
+        if (total % 8 == 0)
+            EXPECT_EQ(complibPutByteAligned(s.get()), 0);
         EXPECT_EQ(complibFlushPutBits(s.get()), JPG_STATUS_OK);
         EXPECT_EQ(complibCloseBitstreamFile(s.get()), JPG_STATUS_OK);
-        auto bytes = kivtest::readFile(path);
-        ASSERT_EQ(bytes.size(), expected) << bits << " bits";
-        if (bits % 8 == 1)
-            EXPECT_EQ(bytes.back(), 0x80);  // unfilled low bits are zero
+        EXPECT_EQ(kivtest::readFile(path), expected);
     }
-}
-
-TEST(BitWriter, FullStagingBufferGoesToTheFile) {
-    std::string path = kivtest::tempPath("staging.bin");
-    Stream s;
-    std::vector<uint8_t> staging(4096);
-    complibLibCstrcpy(s->path, path.c_str());
-    ASSERT_EQ(complibCreateBitstreamFile(s.get()), JPG_STATUS_OK);
-    openWriter(s, staging.data(), staging.size());
-    for (uint32_t i = 0; i < 1500; i++)
-        ASSERT_EQ(complibPutBits(s.get(), i, 32), 32);
-    EXPECT_EQ(complibPutByteAligned(s.get()), 0);
-    ASSERT_EQ(complibFlushPutBits(s.get()), JPG_STATUS_OK);
-    complibCloseBitstreamFile(s.get());
-    auto bytes = kivtest::readFile(path);
-    ASSERT_EQ(bytes.size(), 6000u);
-    EXPECT_EQ(complibMemToVal(bytes.data() + 4 * 1499, 4), 1499u);
 }
 
 TEST(BitReader, ReadsBigEndianBitsAcrossWords) {

@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <iterator>
 #include <memory>
+#include <string>
 
 #include "test_support.h"
 
@@ -28,67 +30,53 @@ struct Writer {
 
 }  // namespace
 
-TEST(BitWriter, PacksMostSignificantFirstAndStuffsFF) {
-    Writer w;
-    EXPECT_EQ(jpgWritePutBits(w.bs.get(), 0xFF, 8), JPG_STATUS_OK);
-    EXPECT_EQ(jpgWritePutBits(w.bs.get(), 0x123456, 24), JPG_STATUS_OK);
-    EXPECT_EQ(w.staged(), (std::vector<uint8_t>{0xFF, 0x00, 0x12, 0x34, 0x56}));
-    EXPECT_EQ(w.bs->bitCount, 32);
+// Codes are packed most significant bit first, 0xFF bytes are stuffed with
+// 0x00, a word spanning the accumulator keeps its low bits, and a marker pads
+// the pending bits with 1-bits (stuffed too when that makes 0xFF).
+TEST(BitWriter, PackingStuffingAndMarkerPadding) {
+    struct Case {
+        std::vector<std::pair<uint32_t, int32_t>> puts;  // (bits, count); count 0 puts the marker `bits`
+        std::vector<uint8_t> staged;
+        int32_t bitCount;
+    };
+    const Case cases[] = {
+        {{{0xFF, 8}, {0x123456, 24}}, {0xFF, 0x00, 0x12, 0x34, 0x56}, 32},
+        {{{0b101, 3}, {0x7FFFFFF, 27}, {0b0110, 4}, {0xFFD9, 0}},  // two bits spill over, padded 10111111
+         {0xBF, 0xFF, 0x00, 0xFF, 0x00, 0xFD, 0xBF, 0xFF, 0xD9}, 32},
+        {{{0b101, 3}, {0xFFD0, 0}, {0xFFD9, 0}}, {0xBF, 0xFF, 0xD0, 0xFF, 0xD9}, 32},
+        {{{0x7F, 7}, {0xFFD9, 0}}, {0xFF, 0x00, 0xFF, 0xD9}, 32},
+        {{{0b101, 3}, {0x7FFFFFF, 27}, {0b0110, 4}}, {0xBF, 0xFF, 0x00, 0xFF, 0x00, 0xFD}, 30},
+    };
+    for (size_t i = 0; i < std::size(cases); i++) {
+        SCOPED_TRACE("case " + std::to_string(i));
+        Writer w;
+        for (auto [bits, count] : cases[i].puts)
+            ASSERT_EQ(count ? jpgWritePutBits(w.bs.get(), bits, count) : jpgWritePutMarkerCode(w.bs.get(), bits),
+                      JPG_STATUS_OK);
+        EXPECT_EQ(w.staged(), cases[i].staged);
+        EXPECT_EQ(w.bs->bitCount, cases[i].bitCount);
+    }
 }
 
-TEST(BitWriter, WordsSpanningTheAccumulatorKeepTheirLowBits) {
-    Writer w;
-    jpgWritePutBits(w.bs.get(), 0b101, 3);
-    jpgWritePutBits(w.bs.get(), 0x7FFFFFF, 27);  // 30 bits pending
-    jpgWritePutBits(w.bs.get(), 0b0110, 4);      // 2 bits spill over
-    EXPECT_EQ(w.bs->bitCount, 30);
-    EXPECT_EQ(w.staged(), (std::vector<uint8_t>{0xBF, 0xFF, 0x00, 0xFF, 0x00, 0xFD}));
-    jpgWritePutMarkerCode(w.bs.get(), 0xFFD9);
-    // The two pending bits 10 are padded with 1-bits: 10111111.
-    EXPECT_EQ(w.staged().back(), 0xD9);
-    EXPECT_EQ(w.staged()[6], 0xBF);
-}
-
-TEST(BitWriter, MarkerPadsPendingBitsWithOnes) {
-    Writer w;
-    jpgWritePutBits(w.bs.get(), 0b101, 3);
-    ASSERT_EQ(jpgWritePutMarkerCode(w.bs.get(), 0xFFD0), JPG_STATUS_OK);
-    EXPECT_EQ(w.staged(), (std::vector<uint8_t>{0xBF, 0xFF, 0xD0}));
-    EXPECT_EQ(w.bs->bitCount, 32);
-    ASSERT_EQ(jpgWritePutMarkerCode(w.bs.get(), 0xFFD9), JPG_STATUS_OK);
-    EXPECT_EQ(w.staged(), (std::vector<uint8_t>{0xBF, 0xFF, 0xD0, 0xFF, 0xD9}));
-}
-
-TEST(BitWriter, PaddingThatMakesFFIsStuffed) {
-    Writer w;
-    jpgWritePutBits(w.bs.get(), 0x7F, 7);  // padded with one 1-bit: 0xFF
-    jpgWritePutMarkerCode(w.bs.get(), 0xFFD9);
-    EXPECT_EQ(w.staged(), (std::vector<uint8_t>{0xFF, 0x00, 0xFF, 0xD9}));
-}
-
+// An exactly full buffer is handed over whole; bytes that cross the end on
+// the slow path (stuffed 0xFF here) are split at the buffer's end.
 TEST(BitWriter, FullStagingBufferIsHandedOverInOnePiece) {
     Writer w;
-    std::vector<uint8_t> data(0x10000 - 2, 0x5A);
-    ASSERT_EQ(jpgWritePutBytes(w.bs.get(), data.data(), static_cast<uint32_t>(data.size())), JPG_STATUS_OK);
-    EXPECT_EQ(w.bs->memLength, 0u);
-    // Four stuffed 0xFF bytes cross the end on the slow path.
-    jpgWritePutBits(w.bs.get(), 0xFFFFFFFFu >> 1, 31);
-    jpgWritePutBits(w.bs.get(), 1, 1);
-    EXPECT_EQ(w.bs->memLength, 0x10000u);
-    EXPECT_EQ(w.bs->fill, 6u);
-    EXPECT_EQ(w.bs->memCursor[0xFFFE], 0xFF);
-    EXPECT_EQ(w.bs->memCursor[0xFFFF], 0x00);
-    ASSERT_EQ(jpgWriteFlushBits(w.bs.get()), JPG_STATUS_OK);
-    EXPECT_EQ(w.bs->memLength, 0x10006u);
-    EXPECT_EQ(jpgWritePutBytes(w.bs.get(), data.data(), 0), JPG_STATUS_FAILED);
-}
-
-TEST(BitWriter, ExactlyFullBufferLeavesCountZero) {
-    Writer w;
-    std::vector<uint8_t> data(0x10000, 1);
+    std::vector<uint8_t> data(0x10000, 0x5A);
     ASSERT_EQ(jpgWritePutBytes(w.bs.get(), data.data(), 0x10000), JPG_STATUS_OK);
     EXPECT_EQ(w.bs->fill, 0u);
     EXPECT_EQ(w.bs->memLength, 0x10000u);
+    ASSERT_EQ(jpgWritePutBytes(w.bs.get(), data.data(), 0x10000 - 2), JPG_STATUS_OK);
+    EXPECT_EQ(w.bs->memLength, 0x10000u);
+    jpgWritePutBits(w.bs.get(), 0xFFFFFFFFu >> 1, 31);
+    jpgWritePutBits(w.bs.get(), 1, 1);
+    EXPECT_EQ(w.bs->memLength, 0x20000u);
+    EXPECT_EQ(w.bs->fill, 6u);
+    EXPECT_EQ(w.bs->memCursor[0x1FFFE], 0xFF);
+    EXPECT_EQ(w.bs->memCursor[0x1FFFF], 0x00);
+    ASSERT_EQ(jpgWriteFlushBits(w.bs.get()), JPG_STATUS_OK);
+    EXPECT_EQ(w.bs->memLength, 0x20006u);
+    EXPECT_EQ(jpgWritePutBytes(w.bs.get(), data.data(), 0), JPG_STATUS_FAILED);
 }
 
 // A memory output that cannot grow refuses with OUTPUT_FULL and keeps both

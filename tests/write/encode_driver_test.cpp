@@ -11,8 +11,6 @@ using namespace kivtest;
 
 namespace {
 
-Image testorig() { return readPnm(corpus("samples/testorig.ppm")); }
-
 void expectValid(const std::vector<uint8_t> &jpeg, int channels, const Image &src, double minPsnr,
                  const std::string &what) {
     ASSERT_FALSE(jpeg.empty()) << what;
@@ -28,13 +26,6 @@ void expectValid(const std::vector<uint8_t> &jpeg, int channels, const Image &sr
 }
 
 }  // namespace
-
-TEST(EncodeDriver, TestorigDefaultsDecodeWell) {
-    Image img = testorig();
-    ASSERT_EQ(img.width, 227);
-    auto jpeg = encode(img, {});
-    expectValid(jpeg, 3, img, 30.0, "testorig q90");
-}
 
 struct MatrixCase {
     int channels;

@@ -1,8 +1,9 @@
 // Quantization and Huffman tables and the header segments: the DQT tables
 // for every quality equal those of cjpeg, the DHT tables equal its standard
 // tables, the segments come in order with their exact contents; a client
-// table is validated and written in zig-zag order; table selectors that
-// name undefined tables are refused before coding.
+// table is written in zig-zag order (its refusals are with the encoder
+// set-up's); table selectors that name undefined tables are refused before
+// coding.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -75,22 +76,12 @@ TEST(EncoderTables, SegmentLayoutAndOrder) {
     EXPECT_EQ(segments[4].body, (Bytes{3, 1, 0x00, 2, 0x11, 3, 0x11, 0, 63, 0}));
 }
 
-TEST(EncoderTables, ClientQuantizationTableIsValidatedAndWrittenInZigzagOrder) {
+TEST(EncoderTables, ClientQuantizationTableIsWrittenInZigzagOrder) {
     JpgParam *h = nullptr;
     ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
     uint16_t table[64];
     for (int i = 0; i < 64; i++)
         table[i] = uint16_t(i + 1);
-    EXPECT_EQ(jpgWriteSetDefaultQuantizationTable(h, 2, table), JPG_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(jpgWriteSetDefaultQuantizationTable(h, 0, nullptr), JPG_STATUS_INVALID_HANDLE);
-    EXPECT_EQ(jpgWriteSetDefaultQuantizationTable(nullptr, 0, table), JPG_STATUS_INVALID_HANDLE);
-    for (uint16_t bad : {0, 256}) {
-        uint16_t broken[64];
-        std::copy(table, table + 64, broken);
-        broken[40] = bad;
-        EXPECT_EQ(jpgWriteSetDefaultQuantizationTable(h, 0, broken), JPG_STATUS_INVALID_PARAMETER);
-        EXPECT_EQ(h->quant[0][0], 16u) << "the previous table stays";
-    }
     ASSERT_EQ(jpgWriteSetDefaultQuantizationTable(h, 0, table), JPG_STATUS_OK);
     ASSERT_EQ(jpgWriteSetQuantizationFactor(h, 50), JPG_STATUS_OK);
     Image img(8, 8, 1, 8, 99);

@@ -1,6 +1,8 @@
 // Input conversion: the RGB -> YCbCr values, both down-sampling rules, the
-// block layout, the edge mirroring and mean filling, and the routine table.
+// block layout, the edge mirroring and mean filling, and the refusals.
 #include <gtest/gtest.h>
+
+#include <functional>
 
 #include "test_support.h"
 #include "write/encoder.h"
@@ -88,15 +90,11 @@ TEST(InputColor, DownSamplingRules) {
     EXPECT_EQ(m.block(4)[0], 0);  // (-5 + 2) / 4 truncates to 0
     EXPECT_EQ(m.block(4)[63], 0);
     EXPECT_EQ(m.block(0)[0], -128);  // 1x1 factors copy
-}
-
-TEST(InputColor, HQAverageOfPositiveAndTwoByOneGroups) {
-    Mcu m(16, 8, 1, 2, 1, {{1, 1}});
-    for (int x = 0; x < 16; x++)
-        for (int y = 0; y < 8; y++)
-            m.pixels[16 * y + x] = static_cast<uint8_t>(128 + (x % 2 ? 2 : 1));  // 1, 2 -> (3 + 1) / 2
-    ASSERT_EQ(jpgWriteXXX2RectHQ(&m.ctx, 0, 0), JPG_STATUS_OK);
-    EXPECT_EQ(m.block(0)[0], 2);
+    Mcu p(16, 8, 1, 2, 1, {{1, 1}});  // a 2x1 group of positive values 1, 2: (3 + 1) / 2
+    for (int i = 0; i < 16 * 8; i++)
+        p.pixels[i] = static_cast<uint8_t>(128 + (i % 2 ? 2 : 1));
+    ASSERT_EQ(jpgWriteXXX2RectHQ(&p.ctx, 0, 0), JPG_STATUS_OK);
+    EXPECT_EQ(p.block(0)[0], 2);
 }
 
 // A one-pixel-wide image mirrors its single column across all eight.
@@ -152,37 +150,29 @@ TEST(InputColor, BlocksOutsideTakeTheMeanOfTheBlockBefore) {
     }
 }
 
-TEST(InputColor, RoutineTable) {
-    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x00020201), jpgWriteXXX2Rect);
-    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x80020204), jpgWriteXXX2RectHQ);
-    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x01010103), jpgWriteRGB2RGBRect);
-    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x81010103), jpgWriteRGB2RGBRectHQ);
-    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x02020203), jpgWriteRGB2YUVRect);
-    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x82020203), jpgWriteRGB2YUVRectHQ);
-    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x03020203), nullptr);
-    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x22020203), nullptr);  // not 8-bit
-    EXPECT_EQ(jpgGetWriteColorConvertGenericFunc(0x02020201), nullptr);  // YCbCr of one channel
-    EXPECT_EQ(jpgGetWriteColorConvertFunc(0x02020203, 0), jpgWriteRGB2YUVRect);
-}
-
-TEST(InputColor, PositionsOutsideTheImageAreRefused) {
-    Mcu m(8, 8, 1, 1, 1, {{1, 1}});
-    EXPECT_EQ(jpgWriteXXX2Rect(&m.ctx, 8, 0), JPG_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(jpgWriteXXX2Rect(&m.ctx, 0, 8), JPG_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(jpgWriteRGB2YUVRect(&m.ctx, 0, 0), JPG_STATUS_INVALID_PARAMETER);  // one channel
-}
-
-// Factors that do not tile the MCU are refused instead of looping or
-// writing outside the block buffer.
-TEST(InputColor, InconsistentContextsAreRefused) {
-    Mcu m(8, 8, 1, 1, 1, {{1, 1}});
-    m.ctx.factors[0][0] = 2;  // larger than the MCU's largest factor
-    EXPECT_EQ(jpgWriteXXX2Rect(&m.ctx, 0, 0), JPG_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(GenericSubSamplingAndBlockDivisionHQ(&m.ctx), JPG_STATUS_INVALID_PARAMETER);
-    m.ctx.factors[0][0] = 0;
-    EXPECT_EQ(GenericSubSamplingAndBlockDivision(&m.ctx), JPG_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(GenericEdgeOptimize(&m.ctx, 1, 1), JPG_STATUS_INVALID_PARAMETER);
-    m.ctx.factors[0][0] = 1;
-    EXPECT_EQ(GenericEdgeOptimize(&m.ctx, 0, 1), JPG_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(GenericEdgeOptimize(nullptr, 1, 1), JPG_STATUS_INVALID_HANDLE);
+// Positions outside the image, a YCbCr conversion of one channel and factors
+// that do not tile the MCU are refused instead of looping or writing outside
+// the block buffer.
+TEST(InputColor, Refusals) {
+    struct Case {
+        const char *what;
+        int factor;  // the first component's, in an 8x8 MCU of one channel
+        std::function<JpgStatus(JpgWriteConvertContext *)> call;
+        JpgStatus expected;
+    };
+    const Case cases[] = {
+        {"x past the width", 1, [](auto *c) { return jpgWriteXXX2Rect(c, 8, 0); }, JPG_STATUS_INVALID_PARAMETER},
+        {"y past the rows", 1, [](auto *c) { return jpgWriteXXX2Rect(c, 0, 8); }, JPG_STATUS_INVALID_PARAMETER},
+        {"YCbCr of one channel", 1, [](auto *c) { return jpgWriteRGB2YUVRect(c, 0, 0); }, JPG_STATUS_INVALID_PARAMETER},
+        {"factor above the MCU's", 2, [](auto *c) { return jpgWriteXXX2Rect(c, 0, 0); }, JPG_STATUS_INVALID_PARAMETER},
+        {"factor above the MCU's, averaging", 2, GenericSubSamplingAndBlockDivisionHQ, JPG_STATUS_INVALID_PARAMETER},
+        {"factor 0", 0, GenericSubSamplingAndBlockDivision, JPG_STATUS_INVALID_PARAMETER},
+        {"factor 0, edges", 0, [](auto *c) { return GenericEdgeOptimize(c, 1, 1); }, JPG_STATUS_INVALID_PARAMETER},
+        {"no valid column", 1, [](auto *c) { return GenericEdgeOptimize(c, 0, 1); }, JPG_STATUS_INVALID_PARAMETER},
+        {"no context", 1, [](auto *) { return GenericEdgeOptimize(nullptr, 1, 1); }, JPG_STATUS_INVALID_HANDLE},
+    };
+    for (const Case &c : cases) {
+        Mcu m(8, 8, 1, 1, 1, {{c.factor, 1}});
+        EXPECT_EQ(c.call(&m.ctx), c.expected) << c.what;
+    }
 }

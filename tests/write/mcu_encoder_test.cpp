@@ -164,28 +164,3 @@ TEST(McuEncoder, StripsOfMcuRowsGiveTheSameStream) {
         }
     }
 }
-
-TEST(McuEncoder, RoutineLookup) {
-    EXPECT_NE(jpgGetWriteMCUGenericFunc(0x301), nullptr);
-    EXPECT_EQ(jpgGetWriteMCUGenericFunc(0x303), nullptr);
-    EXPECT_EQ(jpgGetWriteMCUFunc(0x303, 0), nullptr);
-    EXPECT_EQ(jpgWriteEpilogEntropyCodedSegment(nullptr), JPG_STATUS_INVALID_HANDLE);
-}
-
-TEST(McuEncoder, QualitiesOneToHundredAreValid) {
-    Image img = readPnm(corpus("samples/testorig.ppm"));
-    size_t previous = 0;
-    for (uint32_t q = 1; q <= 100; q += 11) {
-        EncodeOptions o;
-        o.quality = q;
-        o.method = q % 2;
-        auto jpeg = encode(img, o);
-        EXPECT_TRUE(jpegtranAccepts(jpeg)) << q;
-        EXPECT_GT(jpeg.size(), previous) << "size grows with the quality";
-        previous = jpeg.size();
-        Image out = djpegStrict(jpeg);
-        EXPECT_EQ(out.width, img.width) << q;
-        if (q == 100)
-            EXPECT_GT(psnr(out, img), 30.0);
-    }
-}
