@@ -45,7 +45,7 @@ TEST(BitWriter, FileHoldsExactlyTheBitsPut) {
         words.push_back({i, 32});
     const std::vector<std::vector<std::pair<uint32_t, int32_t>>> cases = {
         {}, {ones.begin(), ones.begin() + 8}, {ones.begin(), ones.begin() + 9}, {ones.begin(), ones.begin() + 32},
-        ones, {{5, 3}, {0xDEADBEEF, 32}, {0x3, 2}}, words};
+        ones, {{5, 3}, {0, 0}, {0xDEADBEEF, 32}, {0x3, 2}}, words};  // n = 0 puts nothing
     std::string path = kivtest::tempPath("bits.bin");
     for (const auto &puts : cases) {
         std::vector<uint8_t> expected;
@@ -117,6 +117,16 @@ TEST(BitReader, BlocksAreDeliveredOnlyAtByteBoundaries) {
     EXPECT_EQ(complibBSGetBlock(s.get(), out, 0, &count), JPG_STATUS_INVALID_PARAMETER);
     EXPECT_EQ(complibBSGetBlock(nullptr, out, 1, &count), JPG_STATUS_INVALID_HANDLE);
     EXPECT_EQ(complibBSGetBlock(s.get(), nullptr, 1, &count), JPG_STATUS_INVALID_HANDLE);
+    // The bit address: 8 bits per byte loaded (all 7), less the 27 still in
+    // the accumulator and the 32768 of a 4096-byte read-ahead. Then three
+    // pending bytes come out of the accumulator in order.
+    Stream t;
+    openMemory(t, data);
+    complibGetBits(t.get(), 5);
+    EXPECT_EQ(complibGetBitAddress(t.get()), uint32_t(8 * 7 - 27 - 32768));
+    complibGetBits(t.get(), 3);
+    ASSERT_EQ(complibBSGetBlock(t.get(), out, 3, &count), JPG_STATUS_OK);
+    EXPECT_EQ(std::vector<uint8_t>(out, out + 3), (std::vector<uint8_t>{0x34, 0x56, 0x78}));
 }
 
 TEST(MemoryStream, ReadsAreCutAtTheEnd) {
@@ -217,4 +227,13 @@ TEST(FileStream, DuplicateCopiesARange) {
     auto copied = kivtest::readFile(to);
     ASSERT_GE(copied.size(), 9000u);
     EXPECT_TRUE(std::equal(copied.begin(), copied.begin() + 9000, bytes.begin() + 100));
+    // Opened again for appending, over the object's stale descriptor: the
+    // write reaches the named file.
+    src->fd = -1;
+    ASSERT_EQ(complibAppendBitstreamFile(src.get()), JPG_STATUS_OK);
+    const uint8_t mark[2] = {0xAB, 0xCD};
+    EXPECT_EQ(complibWriteBitstreamFile(src.get(), mark, 2), 2);
+    complibCloseBitstreamFile(src.get());
+    kivtest::Bytes again = kivtest::readFile(from);
+    EXPECT_TRUE(again.size() >= 2 && again[0] == 0xAB && again[1] == 0xCD);
 }

@@ -395,7 +395,10 @@ TEST(MarkerParser, QuantizationGettersAndReparsing) {
     ASSERT_EQ(jpgReadGetQuantizationTableNR(h.p, &v0, &v1), JPG_STATUS_OK);
     EXPECT_EQ(v0, h.p->quant[h.p->components[0].quantSelector][63]);
     EXPECT_EQ(v1, h.p->quant[h.p->components[1].quantSelector][63]);
-    EXPECT_EQ(jpgReadGetImageSize(h.p, &v0, nullptr), JPG_STATUS_INVALID_HANDLE);
+    for (JpgStatus (*getPair)(JpgParam *, uint32_t *, uint32_t *) : {jpgReadGetImageSize, jpgReadGetMcuSize}) {
+        EXPECT_EQ(getPair(h.p, &v0, nullptr), JPG_STATUS_INVALID_HANDLE);  // either output missing
+        EXPECT_EQ(getPair(h.p, nullptr, &v0), JPG_STATUS_INVALID_HANDLE);
+    }
     EXPECT_EQ(jpgReadGetCodingProcess(nullptr, &v0), JPG_STATUS_INVALID_HANDLE);
     EXPECT_EQ(jpgReadGetQuantizationTableNR(ReadHandle(validGrey()).p, &v0, &v1), JPG_STATUS_ERROR);
     // The header parsed again replaces the buffers: the same pixels.

@@ -6,6 +6,7 @@
 // coding.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 
 #include "core/tables.h"
@@ -90,6 +91,34 @@ TEST(EncoderTables, ClientQuantizationTableIsWrittenInZigzagOrder) {
     Bytes t = dqtTables(finishToMemory(h))[0];
     for (int k = 0; k < 64; k++)
         EXPECT_EQ(t[k], kiv::kZigzag[k] + 1) << k;
+    // Scaled by quality 25 (200 %): an entry of 128 reaches 256 and is held to 255.
+    ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
+    std::fill(table, table + 64, uint16_t(128));
+    table[0] = 127;
+    ASSERT_EQ(jpgWriteSetDefaultQuantizationTable(h, 0, table), JPG_STATUS_OK);
+    ASSERT_EQ(jpgWriteSetQuantizationFactor(h, 25), JPG_STATUS_OK);
+    ASSERT_EQ(jpgWriteFromRect(h, &r, 8), JPG_STATUS_OK);
+    t = dqtTables(finishToMemory(h))[0];
+    EXPECT_EQ(t[0], 254);
+    EXPECT_EQ(t[1], 255);
+}
+
+// The fixed fine pair of the encoder's fine-table mode, in zig-zag order.
+TEST(EncoderTables, FineTablesAreTheFixedPair) {
+    Bytes luma = {4}, chroma = {4};
+    luma.insert(luma.end(), 33, 1);
+    for (uint8_t v : {2, 2, 2, 2, 2, 2, 2, 2, 1, 1, 2, 3, 2, 2, 2, 3, 3, 3, 3, 1, 2, 3, 3, 3, 3, 3, 2, 3, 3, 3})
+        luma.push_back(v);
+    chroma.insert(chroma.end(), 9, 1);
+    chroma.insert(chroma.end(), {3, 2, 1, 2});
+    chroma.insert(chroma.end(), 50, 3);
+    JpgParam *h = nullptr;
+    ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
+    h->mode |= kModeFineQuant;
+    Image img = colour(16, 16);
+    ComplibRect r = img.rect();
+    ASSERT_EQ(jpgWriteFromRect(h, &r, 16), JPG_STATUS_OK);
+    EXPECT_EQ(dqtTables(finishToMemory(h)), (std::map<int, Bytes>{{0, luma}, {1, chroma}}));
 }
 
 // Four channels with the default factor have no valid sampling; tables 2
