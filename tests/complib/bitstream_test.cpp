@@ -187,6 +187,7 @@ TEST(FileStream, BaseOffsetMakesSeeksRelative) {
     uint8_t b = 0;
     EXPECT_EQ(complibReadBitstreamFile(s.get(), &b, 1), 1);
     EXPECT_EQ(b, 15);
+    EXPECT_EQ(complibSeekBitstreamFile(s.get(), 2, 1), 8);
     // From the end an offset counts backwards and is positive.
     EXPECT_EQ(complibSeekBitstreamFile(s.get(), 4, 2), 86);
     EXPECT_EQ(complibReadBitstreamFile(s.get(), &b, 1), 1);

@@ -72,6 +72,7 @@ TEST(ImageRect, AddressesWrapNegativeCoordinates) {
     // x is scaled by the pixel size in bits.
     EXPECT_EQ(complibRectGetAddress(&rect, -1, -1), base + 2 * 12 + 3 * 24);
     EXPECT_EQ(complibRectGetAddress(&rect, 4, 0), nullptr);
+    EXPECT_EQ(complibRectGetAddress(&rect, -5, 0), nullptr);
     EXPECT_EQ(complibRectGetAddress(&rect, 0, -4), nullptr);
     EXPECT_EQ(complibRectGetAddress(nullptr, 0, 0), nullptr);
     complibRectFree(&rect);

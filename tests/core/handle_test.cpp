@@ -118,6 +118,7 @@ TEST(Flags, ProcessorFlagIsTheRequestMaskedByTheCapabilities) {
 // up (the output equals the portable one's, so only this shows the level is
 // used), and nothing for unknown IDs.
 TEST(Dispatch, VectorLevelsHandOutTheirOwnRoutines) {
+    EXPECT_EQ(jpgGetWriteMCUGenericFunc(0x301), jpgGetWriteMCUFunc(0x301, 0));
     std::vector<JpgMcuFunc> seen;
     for (uint32_t flag : kivtest::processorFlags()) {
         SCOPED_TRACE(kivtest::processorName(flag));

@@ -10,7 +10,7 @@
 
 namespace {
 
-// 8 x F(u, v) of ISO/IEC 10918-1 A.3.3, in double precision.
+// 8 x F(u, v), the two-dimensional DCT of the block, in double precision.
 void referenceDct(const int16_t *in, double *out) {
     for (int v = 0; v < 8; v++)
         for (int u = 0; u < 8; u++) {
