@@ -118,6 +118,20 @@ TEST(Upsampling, BrokenFactorsStayInside) {
     jpgReadUpSamplingToNN(z.p);
     for (uint32_t y = 0; y < 16; y++)
         EXPECT_EQ(z.upsampled(2, y, y), 128);
+    // Without the buffers of a decode, every exported upsampler returns
+    // untouched, whichever buffer is missing.
+    SyntheticFrame m({0x22, 0x11, 0x11});
+    int16_t **pointers = m.p->blockPointers;
+    int16_t *buffer = m.p->dec.upsampleBuffer;
+    for (int missing = 0; missing < 2; missing++) {
+        m.p->blockPointers = missing ? nullptr : pointers;
+        m.p->dec.upsampleBuffer = missing ? buffer : nullptr;
+        for (void (*up)(JpgParam *) : {jpgReadUpSamplingTo11, jpgReadUpSamplingTo12, jpgReadUpSamplingTo21,
+                                       jpgReadUpSamplingTo22, jpgReadUpSamplingToNN})
+            up(m.p);
+    }
+    m.p->blockPointers = pointers;
+    m.p->dec.upsampleBuffer = buffer;
 }
 
 // Scaled upsampling replicates: output sample (y, x) is source sample
