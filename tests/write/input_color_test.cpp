@@ -170,6 +170,8 @@ TEST(InputColor, Refusals) {
         {"factor 0, edges", 0, [](auto *c) { return GenericEdgeOptimize(c, 1, 1); }, JPG_STATUS_INVALID_PARAMETER},
         {"no valid column", 1, [](auto *c) { return GenericEdgeOptimize(c, 0, 1); }, JPG_STATUS_INVALID_PARAMETER},
         {"no context", 1, [](auto *) { return GenericEdgeOptimize(nullptr, 1, 1); }, JPG_STATUS_INVALID_HANDLE},
+        {"no channels", 1, [](auto *c) { c->bytesPerPixel = 0; return GenericSubSamplingAndBlockDivision(c); },
+         JPG_STATUS_INVALID_PARAMETER},
     };
     for (const Case &c : cases) {
         Mcu m(8, 8, 1, 1, 1, {{c.factor, 1}});
