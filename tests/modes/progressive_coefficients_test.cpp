@@ -239,6 +239,30 @@ TEST(ProgressiveStreams, UnusualScansDecodeLikeTheBaselineCopy) {
     EXPECT_EQ(differences(swapped.image, dcOnly.image), 0u);
 }
 
+// An EOB run ends at a restart marker: the block behind the marker decodes
+// its own data, as if the run had been a single end of block.
+TEST(ProgressiveStreams, EndOfBandRunEndsAtARestartMarker) {
+    auto stream = [](bool run) {
+        BitWriter first, second;
+        ac(first, run ? 0x10 : 0x00);
+        if (run)
+            first.put(0, 1);  // a run of two blocks, one past the interval
+        ac(second, 0x01, 1);
+        ac(second, 0x00);
+        Bytes data = first.finish(), rest = second.finish();
+        data.insert(data.end(), {0xFF, 0xD0});
+        data.insert(data.end(), rest.begin(), rest.end());
+        StreamBuilder s;
+        s.soi().dqt().sof(0xC2, 8, 8, 16, {{1, 0x11, 0}}).dht(0x00, kDc4).dht(0x10, kAc4);
+        s.sos({{1, 0x00}}, 0, 0, 0).raw(dcScanData(2)).dri(1).sos({{1, 0x00}}, 1, 63, 0).raw(data);
+        return s.eoi().bytes;
+    };
+    Decoded withRun = decode(stream(true)), plain = decode(stream(false));
+    ASSERT_EQ(plain.status, JPG_STATUS_OK);
+    EXPECT_EQ(withRun.status, JPG_STATUS_OK);
+    EXPECT_EQ(differences(withRun.image, plain.image), 0u);
+}
+
 TEST(ProgressiveStreams, MalformedScansFailWithTheirStatus) {
     BitWriter size2, badAc;
     ac(size2, 0x22, 1);
