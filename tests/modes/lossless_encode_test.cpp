@@ -95,6 +95,26 @@ TEST(LosslessEncode, ArgumentChecks) {
     }
     ReadHandle reader(encode(s, losslessOptions(1)));  // a read handle is no encoder
     EXPECT_EQ(jpgWriteSpatialFromRect(reader.p, &fits, 6), JPG_STATUS_WRONG_MODE);
+    {
+        // The widest frame a stream can state, and a bottom-up source that
+        // states no allocation: both accepted, the second giving the same stream.
+        Writer w;
+        Image wide(0xFFFF, 1, 1);
+        ComplibRect r = wide.rect();
+        EXPECT_EQ(jpgWriteSpatialFromRect(w.h, &r, 1), JPG_STATUS_OK);
+        Image flipped = s;
+        for (int y = 0; y < s.height; y++)
+            std::copy_n(s.row(y), s.stride(), flipped.row(s.height - 1 - y));
+        JpgParam *h = nullptr;
+        ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
+        ASSERT_EQ(jpgWriteSetSpatialPredictor(h, 1), JPG_STATUS_OK);
+        ComplibRect up = flipped.rect();
+        up.pixels = flipped.row(s.height - 1);
+        up.stride = -up.stride;
+        up.allocSize = 0;
+        ASSERT_EQ(jpgWriteSpatialFromRect(h, &up, s.height), JPG_STATUS_OK);
+        EXPECT_EQ(finishToMemory(h), encode(s, losslessOptions(1)));
+    }
 }
 
 void expectRoundTrip(const Image &s, const EncodeOptions &o, uint32_t decodeBatch, const std::string &what) {
