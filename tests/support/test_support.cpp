@@ -600,18 +600,11 @@ bool libjpegDecodeCmyk(const std::string &jpeg, Image *image, bool raw) {
 // ---------------------------------------------------------------- streams
 
 std::vector<Segment> headerSegments(const Bytes &jpeg) {
-    std::vector<Segment> segments;
-    for (size_t p = 2; p + 4 <= jpeg.size() && jpeg[p] == 0xFF;) {
-        uint16_t marker = uint16_t(jpeg[p] << 8 | jpeg[p + 1]);
-        size_t length = size_t(jpeg[p + 2]) << 8 | jpeg[p + 3];
-        if (p + 2 + length > jpeg.size())
-            break;
-        segments.push_back({marker, p, Bytes(jpeg.begin() + long(p) + 4, jpeg.begin() + long(p + 2 + length))});
-        p += 2 + length;
-        if (marker == 0xFFDA)
-            break;
-    }
-    return segments;
+    std::vector<Segment> out;
+    for (Segment &s : allSegments(jpeg))
+        if (s.marker != 0xFFD8 && (out.empty() || out.back().marker != 0xFFDA))
+            out.push_back(std::move(s));
+    return out;
 }
 
 std::vector<Segment> allSegments(const Bytes &b) {
@@ -647,6 +640,21 @@ size_t scanData(const Bytes &b, int scan) {
         if (scan-- == 0)
             return at + 2 + (size_t(b[at + 2]) << 8 | b[at + 3]);
     return 0;
+}
+
+MemoryWriter::MemoryWriter(uint32_t fill) {
+    bs.flags = COMPLIB_BS_MEMORY;
+    complibCreateBitstreamFile(&bs);
+    bs.putStart = staging.data();
+    bs.fill = fill;
+}
+
+MemoryWriter::~MemoryWriter() { complibMemFree(bs.memCursor); }
+
+Bytes MemoryWriter::output() const {
+    Bytes all = bs.memCursor != nullptr ? Bytes(bs.memCursor, bs.memCursor + bs.memLength) : Bytes{};
+    all.insert(all.end(), staging.begin(), staging.begin() + bs.fill);
+    return all;
 }
 
 RawReader::RawReader(Bytes bytes) : data(std::move(bytes)) {

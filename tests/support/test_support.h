@@ -173,17 +173,27 @@ bool libjpegDecodeCmyk(const std::string &jpeg, Image *image, bool raw = false);
 
 // ---------------------------------------------------------------- streams
 
-// The segments up to the first SOS: marker, offset of its 0xFF, body.
+// A marker: its code, the offset of its 0xFF, its body.
 struct Segment {
     uint16_t marker;
     size_t offset;
     Bytes body;
 };
-std::vector<Segment> headerSegments(const Bytes &jpeg);
-// Every marker of a stream (RSTn, SOI and EOI without a body).
-std::vector<Segment> allSegments(const Bytes &jpeg);
+std::vector<Segment> allSegments(const Bytes &jpeg);  // every marker (RSTn, SOI, EOI without a body)
+std::vector<Segment> headerSegments(const Bytes &jpeg);  // those behind SOI up to the first SOS
 size_t findMarker(const Bytes &b, uint8_t code, size_t from = 2);  // npos when absent
 size_t scanData(const Bytes &b, int scan = 0);  // first byte behind scan's SOS, 0 when absent
+
+// A memory write stream with its own 64 KiB staging buffer, as the encoder's
+// bit writer uses it, the staging buffer `fill` bytes full.
+struct MemoryWriter {
+    ComplibBitstream bs{};
+    Bytes staging = Bytes(0x10000);
+    explicit MemoryWriter(uint32_t fill = 0);
+    ~MemoryWriter();
+    Bytes staged() const { return {staging.begin(), staging.begin() + bs.fill}; }
+    Bytes output() const;  // what reached the memory block, then what is staged
+};
 
 // The reference bit reader: a read handle over raw bytes, as after a prolog,
 // read with the exported byte-at-a-time routines (jpgReadGetBits).

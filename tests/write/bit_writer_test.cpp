@@ -7,28 +7,11 @@
 
 #include <cstring>
 #include <iterator>
-#include <memory>
 #include <string>
 
 #include "test_support.h"
 
-namespace {
-
-// A memory write stream with its own 64 KiB staging buffer.
-struct Writer {
-    std::unique_ptr<ComplibBitstream> bs = std::make_unique<ComplibBitstream>();
-    std::vector<uint8_t> staging = std::vector<uint8_t>(0x10000);
-    Writer() {
-        *bs = {};
-        bs->flags = COMPLIB_BS_MEMORY;
-        complibCreateBitstreamFile(bs.get());
-        bs->putStart = staging.data();
-    }
-    ~Writer() { complibMemFree(bs->memCursor); }
-    std::vector<uint8_t> staged() const { return {staging.begin(), staging.begin() + bs->fill}; }
-};
-
-}  // namespace
+using Writer = kivtest::MemoryWriter;
 
 // Codes are packed most significant bit first, 0xFF bytes are stuffed with
 // 0x00, a word spanning the accumulator keeps its low bits, and a marker pads
@@ -51,10 +34,10 @@ TEST(BitWriter, PackingStuffingAndMarkerPadding) {
         SCOPED_TRACE("case " + std::to_string(i));
         Writer w;
         for (auto [bits, count] : cases[i].puts)
-            ASSERT_EQ(count ? jpgWritePutBits(w.bs.get(), bits, count) : jpgWritePutMarkerCode(w.bs.get(), bits),
+            ASSERT_EQ(count ? jpgWritePutBits(&w.bs, bits, count) : jpgWritePutMarkerCode(&w.bs, bits),
                       JPG_STATUS_OK);
         EXPECT_EQ(w.staged(), cases[i].staged);
-        EXPECT_EQ(w.bs->bitCount, cases[i].bitCount);
+        EXPECT_EQ(w.bs.bitCount, cases[i].bitCount);
     }
 }
 
@@ -63,20 +46,20 @@ TEST(BitWriter, PackingStuffingAndMarkerPadding) {
 TEST(BitWriter, FullStagingBufferIsHandedOverInOnePiece) {
     Writer w;
     std::vector<uint8_t> data(0x10000, 0x5A);
-    ASSERT_EQ(jpgWritePutBytes(w.bs.get(), data.data(), 0x10000), JPG_STATUS_OK);
-    EXPECT_EQ(w.bs->fill, 0u);
-    EXPECT_EQ(w.bs->memLength, 0x10000u);
-    ASSERT_EQ(jpgWritePutBytes(w.bs.get(), data.data(), 0x10000 - 2), JPG_STATUS_OK);
-    EXPECT_EQ(w.bs->memLength, 0x10000u);
-    jpgWritePutBits(w.bs.get(), 0xFFFFFFFFu >> 1, 31);
-    jpgWritePutBits(w.bs.get(), 1, 1);
-    EXPECT_EQ(w.bs->memLength, 0x20000u);
-    EXPECT_EQ(w.bs->fill, 6u);
-    EXPECT_EQ(w.bs->memCursor[0x1FFFE], 0xFF);
-    EXPECT_EQ(w.bs->memCursor[0x1FFFF], 0x00);
-    ASSERT_EQ(jpgWriteFlushBits(w.bs.get()), JPG_STATUS_OK);
-    EXPECT_EQ(w.bs->memLength, 0x20006u);
-    EXPECT_EQ(jpgWritePutBytes(w.bs.get(), data.data(), 0), JPG_STATUS_FAILED);
+    ASSERT_EQ(jpgWritePutBytes(&w.bs, data.data(), 0x10000), JPG_STATUS_OK);
+    EXPECT_EQ(w.bs.fill, 0u);
+    EXPECT_EQ(w.bs.memLength, 0x10000u);
+    ASSERT_EQ(jpgWritePutBytes(&w.bs, data.data(), 0x10000 - 2), JPG_STATUS_OK);
+    EXPECT_EQ(w.bs.memLength, 0x10000u);
+    jpgWritePutBits(&w.bs, 0xFFFFFFFFu >> 1, 31);
+    jpgWritePutBits(&w.bs, 1, 1);
+    EXPECT_EQ(w.bs.memLength, 0x20000u);
+    EXPECT_EQ(w.bs.fill, 6u);
+    EXPECT_EQ(w.bs.memCursor[0x1FFFE], 0xFF);
+    EXPECT_EQ(w.bs.memCursor[0x1FFFF], 0x00);
+    ASSERT_EQ(jpgWriteFlushBits(&w.bs), JPG_STATUS_OK);
+    EXPECT_EQ(w.bs.memLength, 0x20006u);
+    EXPECT_EQ(jpgWritePutBytes(&w.bs, data.data(), 0), JPG_STATUS_FAILED);
 }
 
 // A memory output that cannot grow refuses with OUTPUT_FULL and keeps both
@@ -84,22 +67,22 @@ TEST(BitWriter, FullStagingBufferIsHandedOverInOnePiece) {
 TEST(BitWriter, MemoryThatCannotGrowKeepsWhatItHas) {
     Writer w;
     std::vector<uint8_t> data(0x10000, 7);
-    ASSERT_EQ(jpgWritePutBytes(w.bs.get(), data.data(), 0x10000), JPG_STATUS_OK);
-    uint8_t *block = w.bs->memCursor;
+    ASSERT_EQ(jpgWritePutBytes(&w.bs, data.data(), 0x10000), JPG_STATUS_OK);
+    uint8_t *block = w.bs.memCursor;
     // Pretend the block is at the largest size a 32-bit length can describe.
-    w.bs->memCapacity = 0xFFFF0000u;
-    w.bs->memLength = 0xFFFF0000u;
-    ASSERT_EQ(jpgWritePutBytes(w.bs.get(), data.data(), 0x10000), JPG_STATUS_OUTPUT_FULL);
-    EXPECT_EQ(w.bs->state, 2u);
-    EXPECT_EQ(w.bs->memCursor, block);
-    EXPECT_EQ(w.bs->fill, 0x10000u);
-    EXPECT_EQ(jpgWritePutBytes(w.bs.get(), data.data(), 5), JPG_STATUS_OUTPUT_FULL);
-    EXPECT_EQ(jpgWritePutBits(w.bs.get(), 0xFFFFFFFF, 31), JPG_STATUS_OK);
-    EXPECT_EQ(jpgWritePutBits(w.bs.get(), 1, 1), JPG_STATUS_OUTPUT_FULL);
-    EXPECT_EQ(w.bs->fill, 0x10000u) << "nothing is written past the staging buffer";
-    EXPECT_EQ(jpgWriteFlushBits(w.bs.get()), JPG_STATUS_OUTPUT_FULL);
-    w.bs->memCapacity = 0x10000;
-    w.bs->memLength = 0x10000;
+    w.bs.memCapacity = 0xFFFF0000u;
+    w.bs.memLength = 0xFFFF0000u;
+    ASSERT_EQ(jpgWritePutBytes(&w.bs, data.data(), 0x10000), JPG_STATUS_OUTPUT_FULL);
+    EXPECT_EQ(w.bs.state, 2u);
+    EXPECT_EQ(w.bs.memCursor, block);
+    EXPECT_EQ(w.bs.fill, 0x10000u);
+    EXPECT_EQ(jpgWritePutBytes(&w.bs, data.data(), 5), JPG_STATUS_OUTPUT_FULL);
+    EXPECT_EQ(jpgWritePutBits(&w.bs, 0xFFFFFFFF, 31), JPG_STATUS_OK);
+    EXPECT_EQ(jpgWritePutBits(&w.bs, 1, 1), JPG_STATUS_OUTPUT_FULL);
+    EXPECT_EQ(w.bs.fill, 0x10000u) << "nothing is written past the staging buffer";
+    EXPECT_EQ(jpgWriteFlushBits(&w.bs), JPG_STATUS_OUTPUT_FULL);
+    w.bs.memCapacity = 0x10000;
+    w.bs.memLength = 0x10000;
 }
 
 TEST(BitWriter, FileThatCannotBeWrittenGivesOutputFull) {
@@ -124,14 +107,14 @@ TEST(BitWriter, HuffmanPutsUseTheMagnitudeRule) {
     JpgHuffmanCode codes[12];
     for (uint16_t n = 0; n < 12; n++)
         codes[n] = {n, n, 3};
-    ASSERT_EQ(jpgWritePut8BitDCHuffman(w.bs.get(), codes, static_cast<uint32_t>(-3)), JPG_STATUS_OK);
+    ASSERT_EQ(jpgWritePut8BitDCHuffman(&w.bs, codes, static_cast<uint32_t>(-3)), JPG_STATUS_OK);
     // category 2 (010), extra bits -3 + 3 = 00: 01000 -> 5 bits pending
-    EXPECT_EQ(w.bs->bitCount, 27);
-    EXPECT_EQ(w.bs->accumulator & 0x1F, 0b01000u);
-    EXPECT_EQ(jpgWritePut8BitDCHuffman(w.bs.get(), codes, 5000), JPG_STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(w.bs.bitCount, 27);
+    EXPECT_EQ(w.bs.accumulator & 0x1F, 0b01000u);
+    EXPECT_EQ(jpgWritePut8BitDCHuffman(&w.bs, codes, 5000), JPG_STATUS_INVALID_PARAMETER);
     JpgAcSymbol table[256] = {};
     table[0x21] = {0b110u << 1, 0x21, 4};
-    ASSERT_EQ(jpgWritePut8BitACHuffman(w.bs.get(), table, 1, 2), JPG_STATUS_OK);
-    EXPECT_EQ(w.bs->accumulator & 0xF, 0b1101u);
-    EXPECT_EQ(jpgWritePut8BitACHuffman(w.bs.get(), table, 1, 16), JPG_STATUS_INVALID_PARAMETER);
+    ASSERT_EQ(jpgWritePut8BitACHuffman(&w.bs, table, 1, 2), JPG_STATUS_OK);
+    EXPECT_EQ(w.bs.accumulator & 0xF, 0b1101u);
+    EXPECT_EQ(jpgWritePut8BitACHuffman(&w.bs, table, 1, 16), JPG_STATUS_INVALID_PARAMETER);
 }

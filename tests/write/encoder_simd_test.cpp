@@ -237,29 +237,7 @@ TEST(EncoderSimd, TransformQuantizeKernelsMatchPortable) {
     }
 }
 
-namespace {
-
-// A memory write stream with its own staging buffer, as the bit writer uses.
-struct SinkWriter {
-    ComplibBitstream bs{};
-    std::vector<uint8_t> staging = std::vector<uint8_t>(0x10000);
-    explicit SinkWriter(uint32_t fill) {
-        bs.flags = COMPLIB_BS_MEMORY;
-        complibCreateBitstreamFile(&bs);
-        bs.putStart = staging.data();
-        bs.fill = fill;
-    }
-    ~SinkWriter() { complibMemFree(bs.memCursor); }
-    std::vector<uint8_t> output() {
-        std::vector<uint8_t> all;
-        if (bs.memCursor != nullptr)
-            all.assign(bs.memCursor, bs.memCursor + bs.memLength);
-        all.insert(all.end(), staging.begin(), staging.begin() + bs.fill);
-        return all;
-    }
-};
-
-}  // namespace
+using SinkWriter = kivtest::MemoryWriter;
 
 TEST(EncoderSimd, BitSinkWritesWhatPutBitsWrites) {
     std::mt19937 rng(6);

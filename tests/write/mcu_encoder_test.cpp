@@ -10,16 +10,8 @@ using namespace kivtest;
 
 namespace {
 
-// A bit writer over its own staging buffer.
-struct Writer {
-    ComplibBitstream bs{};
-    std::vector<uint8_t> staging = std::vector<uint8_t>(0x10000);
-    Writer() {
-        bs.flags = COMPLIB_BS_MEMORY;
-        complibCreateBitstreamFile(&bs);
-        bs.putStart = staging.data();
-    }
-    ~Writer() { complibMemFree(bs.memCursor); }
+// A bit writer whose bits can be read back as text.
+struct Writer : MemoryWriter {
     // The bits written so far (after a final pad), stuffing removed.
     std::string bits() {
         jpgWritePutMarkerCode(&bs, 0xFFD9);
