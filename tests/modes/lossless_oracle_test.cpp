@@ -120,17 +120,14 @@ TEST(LosslessOracle, FfmpegStreamsDecodeHere) {
     if (!haveTool("ffmpeg"))
         GTEST_SKIP() << "ffmpeg is not installed";
     // The sample photograph (PPM, RGB) and random pixels with alpha.
-    std::vector<uint8_t> ppm = readFile(corpus("samples/testorig.ppm"));
-    ASSERT_GE(ppm.size(), 15u + 227 * 149 * 3);
-    std::vector<uint8_t> bgr(ppm.end() - 227 * 149 * 3, ppm.end());
-    for (size_t i = 0; i < bgr.size(); i += 3)
-        std::swap(bgr[i], bgr[i + 2]);
+    Image photo = readPnm(corpus("samples/testorig.ppm"));
+    ASSERT_EQ(photo.width, 227);
     std::mt19937 rng(5);
     std::vector<uint8_t> bgra(41 * 19 * 4);
     for (auto &x : bgra)
         x = uint8_t(rng());
     for (int pred = 1; pred <= 3; pred++) {  // the predictors ffmpeg offers
-        expectFfmpegStreamDecodes(bgr, 227, 149, 3, pred);
+        expectFfmpegStreamDecodes(photo.pixels, 227, 149, 3, pred);
         expectFfmpegStreamDecodes(bgra, 41, 19, 4, pred);
     }
 }

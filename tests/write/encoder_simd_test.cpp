@@ -150,7 +150,10 @@ void expectDctsAgree(const int16_t *input) {
 
 }  // namespace
 
-TEST(EncoderSimd, ForwardDctMatchesPortableOnRandomBlocks) {
+// Random blocks of small to full range, every sign pattern of rows and
+// columns at full magnitude (each coefficient is largest for one of them),
+// and random blocks of the extreme levels.
+TEST(EncoderSimd, ForwardDctMatchesPortable) {
     if (vectorDcts().empty())
         GTEST_SKIP() << "no vector level on this processor";
     std::mt19937 rng(4);
@@ -163,16 +166,7 @@ TEST(EncoderSimd, ForwardDctMatchesPortableOnRandomBlocks) {
             expectDctsAgree(block);
         }
     }
-}
-
-TEST(EncoderSimd, ForwardDctMatchesPortableOnExtremeBlocks) {
-    if (vectorDcts().empty())
-        GTEST_SKIP() << "no vector level on this processor";
-    std::mt19937 rng(5);
     const int32_t limit = kiv::kFdctSampleLimit;
-    int16_t block[64];
-    // Every sign pattern of rows and columns at full magnitude (each
-    // coefficient is largest for one of them), and random sign patterns.
     for (uint32_t rows = 0; rows < 256; rows++)
         for (uint32_t cols = 0; cols < 256; cols += 7) {
             for (int i = 0; i < 64; i++)
