@@ -97,29 +97,21 @@ TEST(InputColor, DownSamplingRules) {
     EXPECT_EQ(p.block(0)[0], 2);
 }
 
-// A one-pixel-wide image mirrors its single column across all eight.
-TEST(InputColor, OnePixelWideMirrorsToEightColumns) {
-    for (auto convert : {jpgWriteXXX2Rect, jpgWriteXXX2RectHQ}) {
-        Mcu m(1, 8, 1, 1, 1, {{1, 1}});
-        for (int y = 0; y < 8; y++)
-            m.pixels[y] = static_cast<uint8_t>(100 + y);
-        ASSERT_EQ(convert(&m.ctx, 0, 0), JPG_STATUS_OK);
-        for (int y = 0; y < 8; y++)
-            for (int x = 0; x < 8; x++)
-                EXPECT_EQ(m.block(0)[8 * y + x], 100 + y - 128) << x << "," << y;
-    }
-}
-
+// The valid part is mirrored, doubling each time: a single column or row
+// fills all eight, three columns go 0 1 2 | 2 1 0 | 0 1.
 TEST(InputColor, MirroringDoublesTheValidPart) {
-    Mcu m(3, 3, 1, 1, 1, {{1, 1}});
-    m.pixels = {131, 132, 133, 134, 135, 136, 137, 138, 139};
-    m.ctx.pixels = m.pixels.data();
-    ASSERT_EQ(jpgWriteXXX2Rect(&m.ctx, 0, 0), JPG_STATUS_OK);
-    // columns 0 1 2 | 2 1 0 | 0 1 ; rows likewise
-    const int cols[8] = {0, 1, 2, 2, 1, 0, 0, 1};
-    for (int y = 0; y < 8; y++)
-        for (int x = 0; x < 8; x++)
-            EXPECT_EQ(m.block(0)[8 * y + x], 3 + 3 * cols[y] + cols[x]) << x << "," << y;
+    for (auto convert : {jpgWriteXXX2Rect, jpgWriteXXX2RectHQ})
+        for (uint32_t size : {1u, 3u}) {
+            Mcu m(size, size, 1, 1, 1, {{1, 1}});
+            for (uint32_t i = 0; i < size * size; i++)
+                m.pixels[i] = static_cast<uint8_t>(131 + i);
+            ASSERT_EQ(convert(&m.ctx, 0, 0), JPG_STATUS_OK);
+            const int cols[8] = {0, 1, 2, 2, 1, 0, 0, 1};
+            for (int y = 0; y < 8; y++)
+                for (int x = 0; x < 8; x++)
+                    EXPECT_EQ(m.block(0)[8 * y + x], size == 1 ? 3 : 3 + 3 * cols[y] + cols[x])
+                        << size << ": " << x << "," << y;
+        }
 }
 
 // A 1x1 three-channel image in a 2x2 MCU: the blocks holding the pixel are
