@@ -224,12 +224,8 @@ TEST_F(HostileInput, DamagedScanStructuresDecodeTheSameInFreshMemory) {
         for (const auto &p : paths) {
             kivtest::DecodeOutcome runs[2];
             for (int run = 0; run < 2; run++) {
-                kivtest::DecodePlan plan;
-                plan.path = p[0];
-                plan.extra = p[1];
-                plan.batch = 16;
-                plan.flags = 2;
-                plan.fill = run == 0 ? 0xA5 : 0x5A;
+                kivtest::DecodePlan plan{.path = p[0], .batch = 16, .flags = 2, .extra = p[1],
+                                         .fill = uint8_t(run == 0 ? 0xA5 : 0x5A)};
                 mallopt(M_PERTURB, run == 0 ? 0x11 : 0xEE);
                 runs[run] = kivtest::DecodeWithPlan(in.bytes.data(), in.bytes.size(), plan);
             }

@@ -58,29 +58,6 @@ Bytes Encode(bool lossless, const std::function<void(JpgParam *)> &between = {})
     return Finish(enc);
 }
 
-// Whole-image decode with the driver the stream needs, 16 lines and then
-// the rest; `between` runs on the decoder after the first 16 lines.
-kivtest::Decoded Decode(const Bytes &jpeg, const std::function<void(JpgParam *)> &between = {}) {
-    kivtest::Decoded d;
-    kivtest::ReadHandle h(jpeg);
-    if ((d.status = h.status) != JPG_STATUS_OK)
-        return d;
-    uint32_t process = 0;
-    jpgReadGetCodingProcess(h.p, &process);
-    bool lossless = process == JPG_PROCESS_LOSSLESS;
-    d.image = Image(int(h.p->width), int(h.p->height), int(h.p->numComponents), lossless ? int(h.p->precision) : 8);
-    for (auto [first, rows] : {std::pair{0, 16}, {16, d.image.height - 16}}) {
-        ComplibRect s = Rows(d.image, first, rows);
-        if (d.status == JPG_STATUS_OK)
-            d.status = lossless ? jpgReadSpatialToRect(h.p, &s, uint32_t(rows))
-                       : process == JPG_PROCESS_PROGRESSIVE ? jpgReadProgressiveToRect(h.p, &s, uint32_t(rows), 0)
-                                                            : jpgReadToRect(h.p, &s, uint32_t(rows));
-        if (first == 0 && between)
-            between(h.p);
-    }
-    return d;
-}
-
 // The decoder entry points that the api seed programs (ApiPrograms below)
 // do not reach; those check every getter, setter, driver, seek, segment call
 // and epilog of one family on a handle of the other.
@@ -126,26 +103,22 @@ std::vector<std::pair<const char *, std::function<JpgStatus(JpgParam *)>>> Encod
 }
 
 TEST(WrongMode, DecoderCallsOnAnEncoderChangeNothing) {
-    Bytes clean = Encode(false);
     Bytes misused = Encode(false, [](JpgParam *enc) {
         for (auto &[name, call] : DecoderCalls())
             EXPECT_EQ(call(enc), JPG_STATUS_WRONG_MODE) << name;
     });
-    EXPECT_EQ(misused, clean) << "the stream of an encoder that refused every decoder call";
-    kivtest::Decoded d = Decode(misused);
-    EXPECT_EQ(d.status, JPG_STATUS_OK);
-    EXPECT_TRUE(d.image == Decode(clean).image);
+    EXPECT_EQ(misused, Encode(false)) << "the stream of an encoder that refused every decoder call";
 }
 
 TEST(WrongMode, EncoderCallsOnADecoderChangeNothing) {
     for (bool lossless : {false, true}) {
         Bytes jpeg = Encode(lossless);
-        kivtest::Decoded clean = Decode(jpeg);
+        kivtest::ReadHandle h(jpeg);
+        ASSERT_EQ(h.status, JPG_STATUS_OK);
+        for (auto &[name, call] : EncoderCalls())
+            EXPECT_EQ(call(h.p), JPG_STATUS_WRONG_MODE) << name;
+        kivtest::Decoded clean = kivtest::decode(jpeg), misused = kivtest::decodeOpen(h.p);
         ASSERT_EQ(clean.status, JPG_STATUS_OK);
-        kivtest::Decoded misused = Decode(jpeg, [](JpgParam *dec) {
-            for (auto &[name, call] : EncoderCalls())
-                EXPECT_EQ(call(dec), JPG_STATUS_WRONG_MODE) << name;
-        });
         EXPECT_EQ(misused.status, JPG_STATUS_OK) << lossless;
         EXPECT_TRUE(misused.image == clean.image) << lossless;
     }

@@ -170,27 +170,6 @@ TEST(Wrapper, UnfinishedEncoderIsReleased) {
     // reports a leak otherwise).
 }
 
-TEST(Wrapper, ProgressivePassesRefineToTheFinalImage) {
-    Decoder d;
-    ASSERT_TRUE(d.openBytes(readFile(corpus("samples/testprog.jpg"))).ok());
-    EXPECT_EQ(d.header().process, kivjpeg::Process::Progressive);
-    Image pass;
-    bool done = false;
-    int passes = 0;
-    while (!done) {
-        Status s = d.nextPass(pass, &done);
-        ASSERT_TRUE(s.ok()) << s.describe();
-        passes++;
-        ASSERT_LT(passes, 64);
-    }
-    EXPECT_GT(passes, 1);
-    Image full;
-    std::vector<uint8_t> sequential = readFile(corpus("samples/testorig.jpg"));
-    ASSERT_TRUE(kivjpeg::decodeMemory(sequential.data(), sequential.size(), &full).ok());
-    EXPECT_EQ(pass.data, full.data);
-    EXPECT_EQ(d.nextPass(pass, &done).code(), JPG_STATUS_ERROR);
-}
-
 }  // namespace
 
 namespace {
