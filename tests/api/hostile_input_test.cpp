@@ -178,15 +178,11 @@ std::vector<Input> ScanDamage() {
     std::string script = kivtest::writeTemp("luma-then-chroma.txt", "0: 0-63, 0, 0; 1 2: 0-63, 0, 0;");
     const Bytes prog = transcode("-progressive -restart 2"), multi = transcode("-scans '" + script + "' -restart 3");
     out.push_back({"progressive, interval 7", transcode("-progressive -restart 7")});
-    auto markers = [](const Bytes &s, uint8_t low, uint8_t high) {
-        std::vector<size_t> at;
-        for (size_t i = 2; i + 1 < s.size(); i++)
-            if (s[i] == 0xFF && s[i + 1] >= low && s[i + 1] <= high)
-                at.push_back(i);
-        return at;
-    };
     for (const auto &[name, stream] : {std::make_pair("progressive", prog), std::make_pair("multi-scan", multi)}) {
-        std::vector<size_t> rst = markers(stream, 0xD0, 0xD7), sos = markers(stream, 0xDA, 0xDA);
+        std::vector<size_t> rst, sos;
+        for (const kivtest::Segment &segment : kivtest::allSegments(stream))
+            if ((segment.marker & 0xFFF8) == 0xFFD0 || segment.marker == 0xFFDA)
+                (segment.marker == 0xFFDA ? sos : rst).push_back(segment.offset);
         Bytes missing, repeated = stream, swapped = stream, inBand = stream, twice = stream, foreign = stream;
         for (size_t i = 0; i < stream.size(); i++)
             if (std::find(rst.begin(), rst.end(), i) != rst.end())

@@ -158,23 +158,26 @@ TEST(WrongMode, DeadHandlesAreRefused) {
 
 enum class Driver { ToRect, McuToRect, McuRow, Scaled, ScaledMcu, Progressive, Spatial, Write, WriteSpatial };
 
+// The rectangle a driver fills or reads in one call: the whole image, half
+// of it scaled, or the first MCU row.
 struct DriverCase {
     const char *name;
     Driver driver;
     bool decoder;
     bool lossless;
+    int w, h;
 };
 
 constexpr DriverCase kDrivers[] = {
-    {"jpgReadToRect", Driver::ToRect, true, false},
-    {"jpgReadMcuToRect", Driver::McuToRect, true, false},
-    {"jpgReadDecodeMcuRow", Driver::McuRow, true, false},
-    {"jpgReadScaleOutputToRect", Driver::Scaled, true, false},
-    {"jpgReadScaleOutputMcuToRect", Driver::ScaledMcu, true, false},
-    {"jpgReadProgressiveToRect", Driver::Progressive, true, false},
-    {"jpgReadSpatialToRect", Driver::Spatial, true, true},
-    {"jpgWriteFromRect", Driver::Write, false, false},
-    {"jpgWriteSpatialFromRect", Driver::WriteSpatial, false, true},
+    {"jpgReadToRect", Driver::ToRect, true, false, kW, kH},
+    {"jpgReadMcuToRect", Driver::McuToRect, true, false, kW, 16},
+    {"jpgReadDecodeMcuRow", Driver::McuRow, true, false, kW, 16},
+    {"jpgReadScaleOutputToRect", Driver::Scaled, true, false, kW / 2, kH / 2},
+    {"jpgReadScaleOutputMcuToRect", Driver::ScaledMcu, true, false, kW / 2, 8},
+    {"jpgReadProgressiveToRect", Driver::Progressive, true, false, kW, kH},
+    {"jpgReadSpatialToRect", Driver::Spatial, true, true, kW, kH},
+    {"jpgWriteFromRect", Driver::Write, false, false, kW, kH},
+    {"jpgWriteSpatialFromRect", Driver::WriteSpatial, false, true, kW, kH},
 };
 
 // `rows` counts lines at the driver's scale.
@@ -190,26 +193,6 @@ JpgStatus Drive(Driver d, JpgParam *p, ComplibRect *r, uint32_t rows) {
     case Driver::Write: return jpgWriteFromRect(p, r, rows);
     default: return jpgWriteSpatialFromRect(p, r, int32_t(rows));
     }
-}
-
-// The rectangle a driver fills or reads in one call: the whole image, half
-// of it scaled, or the first MCU row.
-struct Size {
-    int w, h;
-};
-Size SizeFor(const DriverCase &c) {
-    switch (c.driver) {
-    case Driver::Scaled: return {kW / 2, kH / 2};
-    case Driver::McuToRect: case Driver::McuRow: return {kW, 16};
-    case Driver::ScaledMcu: return {kW / 2, 8};
-    default: return {kW, kH};
-    }
-}
-
-// A stream for the decoders, and the same image progressive via jpegtran.
-Bytes StreamFor(const DriverCase &c) {
-    Bytes jpeg = Encode(c.lossless);
-    return c.driver == Driver::Progressive ? kivtest::jpegtran(jpeg, "-progressive") : jpeg;
 }
 
 // The buffer behind a rectangle: 64 guard bytes on each side and 6 bytes of
@@ -254,27 +237,25 @@ struct Guarded {
 // call: a decoder's pixels (nothing written outside the rectangle) or an
 // encoder's stream.
 Bytes Complete(const DriverCase &c, JpgParam *p) {
-    Size size = SizeFor(c);
     if (!c.decoder) {
         Image pixels = Source(c.lossless);
         ComplibRect r = pixels.rect();
         EXPECT_EQ(Drive(c.driver, p, &r, uint32_t(kH)), JPG_STATUS_OK) << c.name;
         return Finish(p);
     }
-    Guarded g(c, size.w, size.h);
-    EXPECT_EQ(Drive(c.driver, p, &g.rect, uint32_t(size.h)), JPG_STATUS_OK) << c.name;
+    Guarded g(c, c.w, c.h);
+    EXPECT_EQ(Drive(c.driver, p, &g.rect, uint32_t(c.h)), JPG_STATUS_OK) << c.name;
     EXPECT_TRUE(g.Untouched(false)) << c.name << ": written outside the rectangle";
     return g.Rows();
 }
 
 JpgParam *Open(const DriverCase &c, const Bytes &jpeg) {
     JpgParam *p = nullptr;
-    if (c.decoder)
-        EXPECT_EQ(jpgReadPrologFromMemory(jpeg.data(), int32_t(jpeg.size()), 0, &p), JPG_STATUS_OK);
-    else
-        EXPECT_EQ(jpgWritePrologToMemory(0, &p), JPG_STATUS_OK);
-    if (!c.decoder)
-        EXPECT_EQ(jpgWriteSetImageSize(p, kW, kH), JPG_STATUS_OK);
+    JpgStatus s = c.decoder ? jpgReadPrologFromMemory(jpeg.data(), int32_t(jpeg.size()), 0, &p)
+                            : jpgWritePrologToMemory(0, &p);
+    if (s == JPG_STATUS_OK && !c.decoder)
+        s = jpgWriteSetImageSize(p, kW, kH);
+    EXPECT_EQ(s, JPG_STATUS_OK) << c.name;
     return p;
 }
 
@@ -311,7 +292,10 @@ const Defect kDefects[] = {
 
 TEST(RectangleDefects, EveryDriverRefusesEachDefectAndThenWorks) {
     for (const DriverCase &c : kDrivers) {
-        Bytes jpeg = c.decoder ? StreamFor(c) : Bytes{};
+        // A stream for the decoders, and the same image progressive via jpegtran.
+        Bytes jpeg = !c.decoder                        ? Bytes{}
+                     : c.driver != Driver::Progressive ? Encode(c.lossless)
+                                                       : kivtest::jpegtran(Encode(false), "-progressive");
         if (c.decoder && jpeg.empty()) {
             ADD_FAILURE() << c.name << ": no stream (jpegtran missing?)";
             continue;
@@ -321,21 +305,20 @@ TEST(RectangleDefects, EveryDriverRefusesEachDefectAndThenWorks) {
         if (c.decoder)
             jpgReadEpilog(reference);
         JpgParam *p = Open(c, jpeg);
-        const Size size = SizeFor(c);
         for (const Defect &d : kDefects) {
-            Guarded g(c, size.w, size.h);
+            Guarded g(c, c.w, c.h);
             d.apply(g.rect, c);
             JpgStatus expected = c.decoder ? d.decoder : c.lossless ? d.losslessEncoder : d.encoder;
-            EXPECT_EQ(Drive(c.driver, p, &g.rect, uint32_t(size.h)), expected) << c.name << ", " << d.name;
+            EXPECT_EQ(Drive(c.driver, p, &g.rect, uint32_t(c.h)), expected) << c.name << ", " << d.name;
             EXPECT_TRUE(g.Untouched()) << c.name << ", " << d.name;
         }
         // A decoder also refuses a bottom-up rectangle that states no allocation.
         if (c.decoder) {
-            Guarded g(c, size.w, size.h);
-            g.rect.pixels += size_t(size.h - 1) * g.rect.stride;
+            Guarded g(c, c.w, c.h);
+            g.rect.pixels += size_t(c.h - 1) * g.rect.stride;
             g.rect.stride = -g.rect.stride;
             g.rect.allocSize = 0;
-            EXPECT_EQ(Drive(c.driver, p, &g.rect, uint32_t(size.h)), JPG_STATUS_INVALID_PARAMETER) << c.name;
+            EXPECT_EQ(Drive(c.driver, p, &g.rect, uint32_t(c.h)), JPG_STATUS_INVALID_PARAMETER) << c.name;
             EXPECT_TRUE(g.Untouched()) << c.name;
         }
         EXPECT_EQ(Complete(c, p), expected) << c.name << ": the handle after the refusals";
