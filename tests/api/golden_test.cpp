@@ -183,15 +183,8 @@ TEST_P(Golden, MatchesManifestAndOracle) {
         << "; computed: " << manifest.file << " " << manifest.options << " " << size << " " << hash;
 }
 
-std::vector<size_t> indices() {
-    std::vector<size_t> list(entries().size());
-    for (size_t i = 0; i < list.size(); ++i)
-        list[i] = i;
-    return list;
-}
-
 INSTANTIATE_TEST_SUITE_P(Manifest, Golden,
-                         ::testing::Combine(::testing::ValuesIn(indices()), ::testing::ValuesIn(processorFlags())),
+                         ::testing::Combine(::testing::Range(size_t(0), entries().size()), ::testing::ValuesIn(processorFlags())),
                          [](const auto &info) {
                              const Entry &e = entries()[std::get<0>(info.param)];
                              std::string name = e.file + "_" + e.options + "_" + processorName(std::get<1>(info.param));

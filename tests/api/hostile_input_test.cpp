@@ -35,12 +35,13 @@ struct Layout {
     size_t scanData = 0;
 };
 
-Layout Parse(const Bytes &s) {
-    Layout layout;
-    for (const kivtest::Segment &segment : kivtest::headerSegments(s))
-        layout.segments.push_back(segment.offset);
-    layout.scanData = kivtest::scanData(s);
-    return layout;
+
+kivtest::DecodeOutcome TimedDecode(const uint8_t *data, size_t size, const kivtest::DecodePlan &plan,
+                                   double *seconds) {
+    auto start = std::chrono::steady_clock::now();
+    kivtest::DecodeOutcome out = kivtest::DecodeWithPlan(data, size, plan);
+    *seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return out;
 }
 
 struct Input {
@@ -94,10 +95,8 @@ protected:
     // and checks that it ends with a library status in time.
     void Check(const std::string &what, const Bytes &bytes) {
         const kivtest::DecodePlan &plan = plans_[next_++ % plans_.size()];
-        auto start = std::chrono::steady_clock::now();
-        kivtest::DecodeOutcome out = kivtest::DecodeWithPlan(bytes.data(), bytes.size(), plan);
-        double seconds =
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        double seconds = 0;
+        kivtest::DecodeOutcome out = TimedDecode(bytes.data(), bytes.size(), plan, &seconds);
         cases_++;
         EXPECT_TRUE(kivtest::IsDocumentedStatus(out.prolog)) << what << std::hex << " prolog 0x" << out.prolog;
         EXPECT_TRUE(kivtest::IsDocumentedStatus(out.last)) << what << std::hex << " last 0x" << out.last;
@@ -107,9 +106,13 @@ protected:
     // Runs `damage` on every input (but the largest, unless `all`) and its layout.
     template <typename F>
     void ForEachInput(bool all, F damage) {
-        for (const Input &in : Inputs())
+        for (const Input &in : Inputs()) {
+            Layout layout{{}, kivtest::scanData(in.bytes)};
+            for (const kivtest::Segment &segment : kivtest::headerSegments(in.bytes))
+                layout.segments.push_back(segment.offset);
             if (all || in.bytes.size() <= 200000)
-                damage(in, Parse(in.bytes));
+                damage(in, layout);
+        }
     }
 
     const std::vector<kivtest::DecodePlan> plans_ = Plans();
@@ -335,17 +338,11 @@ TEST(HostileInputStatus, DecompressionBombsEndQuickly) {
         {"lossless no height", kivtest::LosslessBomb(65535, 0, 8, 1, 200), 0, true},
     };
     for (const Bomb &bomb : bombs) {
-        kivtest::DecodePlan plan;
-        plan.path = bomb.path;
-        plan.batch = 16;
-        plan.extra = 0x7F;
-        plan.pixelCap = UINT64_MAX;  // the caller asks for every line
-        plan.maxCalls = 1 << 20;
-        auto start = std::chrono::steady_clock::now();
-        kivtest::DecodeOutcome out = kivtest::DecodeWithPlan(bomb.stream.data(),
-                                                             bomb.stream.size(), plan);
-        double seconds =
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        // The caller asks for every line.
+        kivtest::DecodePlan plan{.path = bomb.path, .batch = 16, .extra = 0x7F, .pixelCap = UINT64_MAX,
+                                 .maxCalls = 1 << 20};
+        double seconds = 0;
+        kivtest::DecodeOutcome out = TimedDecode(bomb.stream.data(), bomb.stream.size(), plan, &seconds);
         EXPECT_LT(seconds, 10.0) << bomb.what;
         EXPECT_TRUE(kivtest::IsDocumentedStatus(out.prolog)) << bomb.what;
         if (!bomb.truncated)
@@ -461,11 +458,8 @@ TEST(Regressions, DecodeFindingsEndWithAStatus) {
         plan.pixelCap = uint64_t(1) << 18;
         plan.maxCalls = 2048;
         plan.tempDir = kivtest::tempDir();
-        auto start = std::chrono::steady_clock::now();
-        kivtest::DecodeOutcome out =
-            kivtest::DecodeWithPlan(input.data() + used, input.size() - used, plan);
-        double seconds =
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        double seconds = 0;
+        kivtest::DecodeOutcome out = TimedDecode(input.data() + used, input.size() - used, plan, &seconds);
         EXPECT_TRUE(kivtest::IsDocumentedStatus(out.prolog)) << file.path().filename();
         EXPECT_TRUE(kivtest::IsDocumentedStatus(out.last)) << file.path().filename();
         EXPECT_LT(seconds, 5.0) << file.path().filename();

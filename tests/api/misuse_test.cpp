@@ -224,17 +224,10 @@ struct Guarded {
                 return false;
         return true;
     }
-    Bytes Rows() const {
-        Bytes out;
-        for (size_t i = 0; i < bytes.size(); i++)
-            if (InRow(i))
-                out.push_back(bytes[i]);
-        return out;
-    }
 };
 
 // What a fresh handle, or one that refused calls before, delivers in one
-// call: a decoder's pixels (nothing written outside the rectangle) or an
+// call: a decoder's whole buffer (nothing written outside the rectangle) or an
 // encoder's stream.
 Bytes Complete(const DriverCase &c, JpgParam *p) {
     if (!c.decoder) {
@@ -246,7 +239,7 @@ Bytes Complete(const DriverCase &c, JpgParam *p) {
     Guarded g(c, c.w, c.h);
     EXPECT_EQ(Drive(c.driver, p, &g.rect, uint32_t(c.h)), JPG_STATUS_OK) << c.name;
     EXPECT_TRUE(g.Untouched(false)) << c.name << ": written outside the rectangle";
-    return g.Rows();
+    return g.bytes;
 }
 
 JpgParam *Open(const DriverCase &c, const Bytes &jpeg) {
@@ -331,15 +324,13 @@ TEST(RectangleDefects, EveryDriverRefusesEachDefectAndThenWorks) {
 // the rectangle's height: a strip inside a short buffer is decoded, a
 // request that could reach past the buffer is refused.
 TEST(RectangleDefects, RowsAskedForMustFitTheAllocation) {
-    Bytes jpeg = Encode(false);
-    JpgParam *p = nullptr;
-    ASSERT_EQ(jpgReadPrologFromMemory(jpeg.data(), int32_t(jpeg.size()), 0, &p), JPG_STATUS_OK);
+    kivtest::ReadHandle h(Encode(false));
+    ASSERT_EQ(h.status, JPG_STATUS_OK);
     Image pixels(kW, 16, 3);
     ComplibRect r = pixels.rect();
     r.height = kH;
-    EXPECT_EQ(jpgReadToRect(p, &r, 16), JPG_STATUS_OK);
-    EXPECT_EQ(jpgReadToRect(p, &r, kH), JPG_STATUS_INVALID_PARAMETER) << "24 rows into 16 rows of memory";
-    jpgReadEpilog(p);
+    EXPECT_EQ(jpgReadToRect(h.p, &r, 16), JPG_STATUS_OK);
+    EXPECT_EQ(jpgReadToRect(h.p, &r, kH), JPG_STATUS_INVALID_PARAMETER) << "24 rows into 16 rows of memory";
 }
 
 // A bottom-up source (negative stride, pixels at the first row to read)

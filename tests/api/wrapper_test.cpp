@@ -1,5 +1,6 @@
-// The header-only C++ wrapper kivjpeg.hpp: status values, RAII handles (moves, early destruction; leaks show under the sanitizer
-// build), and that decode/encode through it match the C calls it wraps.
+// The header-only C++ wrapper kivjpeg.hpp: status values, RAII handles
+// (moves, early destruction; leaks show under the sanitizer build), and that
+// decode/encode through it match the C calls it wraps.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -39,8 +40,6 @@ TEST(Wrapper, EveryStatusHasADistinctNameAndMessage) {
     }
     EXPECT_EQ(names.size(), std::size(kAll));
     EXPECT_EQ(messages.size(), std::size(kAll));
-    EXPECT_EQ(Status(JPG_STATUS_BAD_DATA).describe(),
-              "JPG_STATUS_BAD_DATA: the stream contradicts the JPEG syntax");
     EXPECT_STREQ(Status(0x12345678).name(), "JPG_STATUS_UNKNOWN");
 }
 
@@ -57,9 +56,7 @@ Image gradient(uint32_t w, uint32_t h, PixelOrder order) {
 
 TEST(Wrapper, FailuresAreValuesAndLeaveNoHandle) {
     Decoder d;
-    std::vector<uint8_t> junk = {1, 2, 3, 4};
-    Status s = d.openBytes(junk);
-    EXPECT_EQ(s.code(), JPG_STATUS_BAD_DATA);
+    EXPECT_EQ(d.openBytes({1, 2, 3, 4}).code(), JPG_STATUS_BAD_DATA);
     EXPECT_FALSE(d.isOpen());
     EXPECT_EQ(d.openBytes({}).code(), JPG_STATUS_INVALID_PARAMETER);
     EXPECT_EQ(d.openFile("/nonexistent/file.jpg").code(), JPG_STATUS_FILE_OPEN_FAILED);
@@ -89,14 +86,8 @@ TEST(Wrapper, DecoderMatchesTheCCalls) {
     Image viaWrapper;
     ASSERT_TRUE(d.decode(viaWrapper).ok());
     EXPECT_EQ(viaWrapper.order, PixelOrder::BGR);
-
-    JpgParam *p = nullptr;
-    ASSERT_EQ(jpgReadPrologFromMemory(bytes.data(), int32_t(bytes.size()), 0, &p), JPG_STATUS_OK);
-    Image direct(227, 149, 3);
-    ComplibRect r = direct.rect();
-    ASSERT_EQ(jpgReadToRect(p, &r, 149), JPG_STATUS_OK);
-    jpgReadEpilog(p);
-    EXPECT_EQ(viaWrapper.data, direct.data);
+    const std::vector<uint8_t> direct = kivtest::decode(bytes).image.pixels;  // jpgReadToRect
+    EXPECT_EQ(viaWrapper.data, direct);
 
     // Moving hands the handle over; the moved-from decoder is closed.
     Decoder moved = std::move(d);
@@ -108,7 +99,7 @@ TEST(Wrapper, DecoderMatchesTheCCalls) {
     Image inStrips = strips.makeImage();
     for (uint32_t y = 0; y < 149; y += 32)
         ASSERT_TRUE(strips.decodeRows(inStrips, y, std::min(32u, 149 - y)).ok()) << y;
-    EXPECT_EQ(inStrips.data, direct.data);
+    EXPECT_EQ(inStrips.data, direct);
     for (Scale s : {Scale::Half, Scale::Quarter, Scale::Eighth}) {
         Image out;
         ASSERT_TRUE(kivjpeg::decodeMemory(bytes.data(), bytes.size(), &out, s).ok());
