@@ -5,9 +5,8 @@
 // same input against an independent oracle (djpeg, cjpeg, jpegtran, or an
 // exact round trip), so that a failure says where and by how much.
 //
-// Adding a case: add a line with size and hash "-", then run
-//   KIV_GOLDEN_UPDATE=1 test_api --gtest_filter='*Golden*'
-// which rewrites tests/golden.txt with the values computed here.
+// Adding a case: add a line with size and hash "-"; the failure prints the
+// line with the values computed here (at the portable level).
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -37,38 +36,26 @@ struct Entry {
     }
 };
 
-Entry parseEntry(const std::string &file, const std::string &options) {
-    Entry e{file, options, "", "", "", {}};
-    std::stringstream parts(options);
-    std::getline(parts, e.mode, ',');
-    for (std::string part; std::getline(parts, part, ',');) {
-        size_t eq = part.find('=');
-        e.settings[part.substr(0, eq)] = eq == std::string::npos ? "" : part.substr(eq + 1);
-    }
-    return e;
-}
-
-std::vector<Entry> &entries() {
-    static std::vector<Entry> list = [] {
+const std::vector<Entry> &entries() {
+    static const std::vector<Entry> list = [] {
         std::vector<Entry> all;
         std::ifstream in(kManifest);
         for (std::string line; std::getline(in, line);) {
             std::stringstream fields(line);
-            std::string file, options, size, hash;
-            if (line.empty() || line[0] == '#' || !(fields >> file >> options >> size >> hash))
+            Entry e;
+            if (line.empty() || line[0] == '#' || !(fields >> e.file >> e.options >> e.size >> e.hash))
                 continue;
-            all.push_back(parseEntry(file, options));
-            all.back().size = size;
-            all.back().hash = hash;
+            std::stringstream parts(e.options);
+            std::getline(parts, e.mode, ',');
+            for (std::string part; std::getline(parts, part, ',');) {
+                size_t eq = part.find('=');
+                e.settings[part.substr(0, eq)] = eq == std::string::npos ? "" : part.substr(eq + 1);
+            }
+            all.push_back(e);
         }
         return all;
     }();
     return list;
-}
-
-bool updating() {
-    const char *value = std::getenv("KIV_GOLDEN_UPDATE");
-    return value != nullptr && std::string(value) == "1";
 }
 
 // FNV-1a, 64 bits: the same value on every target for the same bytes.
@@ -155,37 +142,25 @@ std::string toleranceForDecode(const Entry &e, const Image &ours) {
     return baseline.image == ours ? "" : "differs from the sequential transcode: " + compare(ours, baseline.image).where;
 }
 
-// Luma of 8-bit B, G, R (ITU-R BT.601 weights, rounded).
-Image luma(const Image &bgr) {
-    Image y(bgr.width, bgr.height, 1);
-    for (size_t i = 0; i < y.pixels.size(); ++i) {
-        const uint8_t *p = &bgr.pixels[i * 3];
-        y.pixels[i] = uint8_t((117 * p[0] + 601 * p[1] + 306 * p[2] + 512) >> 10);
-    }
-    return y;
-}
-
 std::string toleranceForEncode(const Entry &e, const Image &image, const Bytes &stream) {
     if (e.mode == "lossless-encode")
         return decode(stream).image == image ? "" : "lossless round trip differs";
-    Image ours = djpegStrict(stream), theirs;
     int s = e.value("s", 420);
-    theirs = djpegStrict(cjpeg(image, "-dct int -quality " + std::to_string(e.value("q", 90)) + " -sample " +
-                                          (s == 444 ? "1x1" : s == 422 ? "2x1" : "2x2")));
+    std::string options = "-dct int -quality " + std::to_string(e.value("q", 90)) + " -sample " +
+                          (s == 444 ? "1x1" : s == 422 ? "2x1" : "2x2");
+    Image ours = djpegStrict(stream), theirs = djpegStrict(cjpeg(image, options));
     if (ours.empty() || theirs.empty())
         return "djpeg refuses a stream";
-    // Luma must be as good as cjpeg's less 1 dB. Colour is held to cjpeg's
-    // bar less 1.5 dB at 4:4:4; when chroma is down-sampled, this encoder
-    // keeps one sample per group (or a rounded mean) where cjpeg smooths,
-    // so the bar there is 8 dB lower.
-    std::string problem = below("the source luma", luma(ours), luma(image), psnr(luma(image), luma(theirs)) - 1.0);
-    return !problem.empty() ? problem : below("the source", ours, image, psnr(image, theirs) - (s == 444 ? 1.5 : 8.0));
+    // Held to cjpeg's bar less 1.5 dB at 4:4:4; when chroma is down-sampled,
+    // this encoder keeps one sample per group (or a rounded mean) where
+    // cjpeg smooths, so the bar there is 8 dB lower.
+    return below("the source", ours, image, psnr(image, theirs) - (s == 444 ? 1.5 : 8.0));
 }
 
 class Golden : public ::testing::TestWithParam<std::tuple<size_t, uint32_t>> {};
 
 TEST_P(Golden, MatchesManifestAndOracle) {
-    Entry &manifest = entries()[std::get<0>(GetParam())];
+    const Entry &manifest = entries()[std::get<0>(GetParam())];
     uint32_t processor = std::get<1>(GetParam());
     SCOPED_TRACE(manifest.file + " " + manifest.options + " " + processorName(processor));
     std::string size, hash, problem;
@@ -203,27 +178,13 @@ TEST_P(Golden, MatchesManifestAndOracle) {
         hash = hashText(d.image.pixels);
     }
     EXPECT_EQ(problem, "") << "tolerance check against the oracle";
-    // An update takes the portable level's values; the other levels, which
-    // run after it, must reproduce them.
-    if (updating() && processor == 0) {
-        manifest.size = size;
-        manifest.hash = hash;
-        return;
-    }
-    EXPECT_EQ(size, manifest.size) << "size differs from tests/golden.txt";
-    EXPECT_EQ(hash, manifest.hash) << "checksum differs from tests/golden.txt"
-                                   << (problem.empty() ? " (the oracle check still passes)" : "");
-}
-
-std::vector<size_t> indices() {
-    std::vector<size_t> list(entries().size());
-    for (size_t i = 0; i < list.size(); ++i)
-        list[i] = i;
-    return list;
+    EXPECT_TRUE(size == manifest.size && hash == manifest.hash)
+        << "differs from tests/golden.txt" << (problem.empty() ? " (the oracle check still passes)" : "")
+        << "; computed: " << manifest.file << " " << manifest.options << " " << size << " " << hash;
 }
 
 INSTANTIATE_TEST_SUITE_P(Manifest, Golden,
-                         ::testing::Combine(::testing::ValuesIn(indices()), ::testing::ValuesIn(processorFlags())),
+                         ::testing::Combine(::testing::Range(size_t(0), entries().size()), ::testing::ValuesIn(processorFlags())),
                          [](const auto &info) {
                              const Entry &e = entries()[std::get<0>(info.param)];
                              std::string name = e.file + "_" + e.options + "_" + processorName(std::get<1>(info.param));
@@ -233,44 +194,7 @@ INSTANTIATE_TEST_SUITE_P(Manifest, Golden,
                              return name;
                          });
 
-// The manifest itself: parsed completely, every line unique, every file
-// present, and filled in (no "-" left from adding a line).
-TEST(GoldenManifest, IsWellFormed) {
-    ASSERT_FALSE(entries().empty()) << kManifest;
-    std::map<std::string, int> seen;
-    for (const Entry &e : entries()) {
-        EXPECT_EQ(seen[e.file + " " + e.options]++, 0) << "duplicate " << e.file << " " << e.options;
-        EXPECT_TRUE(std::ifstream(corpus(e.file)).good()) << e.file;
-        if (!updating())
-            EXPECT_NE(e.hash, "-") << e.file << " " << e.options;
-    }
-}
-
-// Writes the manifest back with the computed values after an update run,
-// keeping the comments.
-class ManifestWriter : public ::testing::Environment {
-public:
-    void TearDown() override {
-        if (!updating())
-            return;
-        std::ifstream in(kManifest);
-        std::stringstream out;
-        size_t next = 0;
-        for (std::string line; std::getline(in, line);) {
-            if (line.empty() || line[0] == '#' || next >= entries().size()) {
-                out << line << "\n";
-                continue;
-            }
-            const Entry &e = entries()[next++];
-            char text[256];
-            std::snprintf(text, sizeof text, "%-26s %-32s %-12s %s", e.file.c_str(), e.options.c_str(),
-                          e.size.c_str(), e.hash.c_str());
-            out << text << "\n";
-        }
-        std::ofstream(kManifest) << out.str();
-    }
-};
-
-const auto *const kWriter = ::testing::AddGlobalTestEnvironment(new ManifestWriter);
+// The manifest itself: read completely (a missing file fails its own case).
+TEST(GoldenManifest, IsRead) { EXPECT_GE(entries().size(), 38u) << kManifest; }
 
 }  // namespace

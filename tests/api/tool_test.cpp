@@ -1,12 +1,12 @@
 // The kivjpeg command-line tool, run as a program: info against an
-// independent marker walk on every corpus stream, decode and encode round
-// trips with djpeg as an oracle, and one test per option that fails if the
-// option were ignored.
+// independent marker walk on every corpus stream, one test per option that
+// fails if the option were ignored, and one table of the exit statuses and
+// messages. The pixels the library computes are guarded by the golden and
+// oracle tests; here only what the tool adds (formats, options, reports).
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -58,15 +58,12 @@ std::map<std::string, std::string> infoJson(const std::string &file, int *rc = n
     return map;
 }
 
-// `kivjpeg compare`: PSNR (+inf for identical images, NaN on failure) and
-// the largest sample difference (-1 on failure).
-double psnr(const std::string &a, const std::string &b, int *maxDifference = nullptr) {
+// `kivjpeg compare`: PSNR (+inf for identical images, NaN on failure).
+double psnr(const std::string &a, const std::string &b) {
     std::string out;
     std::smatch m;
     if (kiv("compare '" + a + "' '" + b + "'", &out) != 0)
         return NAN;
-    if (maxDifference != nullptr)
-        *maxDifference = std::regex_search(out, m, std::regex("max difference ([0-9]+)")) ? std::stoi(m[1]) : 0;
     if (out.find("identical") != std::string::npos)
         return INFINITY;
     return std::regex_search(out, m, std::regex("PSNR ([0-9.]+) dB")) ? std::stod(m[1]) : NAN;
@@ -82,14 +79,30 @@ std::vector<std::string> corpusFiles(bool jpeg) {
     return files;
 }
 
-// ================================================================= info
+const std::string kOrig = corpus("samples/testorig.ppm"), kJpg = corpus("samples/testorig.jpg");
+
+// ================================================================= info, segments
 
 // The library opens Huffman-coded non-hierarchical frames with up to four
-// components, DCT frames only at 8 bits.
-TEST(ToolInfo, MatchesAnIndependentMarkerWalkOnEveryCorpusStream) {
+// components, DCT frames only at 8 bits; the others are refused by name.
+// Decoding writes the frame's size (four components as PAM), or names the
+// status and leaves no file.
+TEST(ToolCorpus, InfoMatchesAMarkerWalkAndDecodeTheFrameSize) {
     for (const std::string &file : corpusFiles(true)) {
         SCOPED_TRACE(file);
         std::vector<Segment> segs = allSegments(readFile(file)), listed;
+        std::string pam = tempPath("corpus.pam"), out;
+        fs::remove(pam);
+        int decoded = kiv("decode '" + file + "' " + pam, &out);
+        EXPECT_TRUE(decoded == 0 || (decoded == 1 && out.find("JPG_STATUS_") != std::string::npos)) << out;
+        EXPECT_EQ(fs::exists(pam), decoded == 0);
+        if (decoded == 0) {
+            Image image = readPnm(pam, true);
+            const Bytes &f = frameOf(segs)->body;
+            EXPECT_EQ(image.width, int(be16(f, 3)));
+            EXPECT_EQ(image.height, int(be16(f, 1)));
+            EXPECT_EQ(image.channels, f[5]);
+        }
         uint32_t restarts = 0;
         for (const Segment &s : segs)
             if ((s.marker & 0xFFF8) == 0xFFD0)
@@ -100,7 +113,6 @@ TEST(ToolInfo, MatchesAnIndependentMarkerWalkOnEveryCorpusStream) {
         int rc = 0;
         auto info = infoJson(file, &rc);
         if (!frame || frame->marker > 0xFFC3 || frame->body[5] > 4 || (frame->marker != 0xFFC3 && frame->body[0] != 8)) {
-            std::string out;
             EXPECT_EQ(kiv("info '" + file + "'", &out), 1);
             EXPECT_NE(out.find("JPG_STATUS_"), std::string::npos) << out;
             continue;
@@ -112,11 +124,6 @@ TEST(ToolInfo, MatchesAnIndependentMarkerWalkOnEveryCorpusStream) {
         EXPECT_EQ(info["precision"], std::to_string(f[0]));
         EXPECT_EQ(info["components.count"], std::to_string(f[5]));
         EXPECT_EQ(info["frame"], "SOF" + std::to_string(frame->marker - 0xFFC0));
-        for (uint32_t c = 0; c < f[5]; c++) {
-            uint32_t s = f[5] == 1 ? 0x11 : f[7 + 3 * c];
-            EXPECT_EQ(info["components." + std::to_string(c) + ".h"], std::to_string(s >> 4));
-            EXPECT_EQ(info["components." + std::to_string(c) + ".v"], std::to_string(s & 15));
-        }
         ASSERT_EQ(info["segments.count"], std::to_string(listed.size()));
         size_t scans = 0;
         for (size_t i = 0; i < listed.size(); i++) {
@@ -140,23 +147,17 @@ TEST(ToolInfo, MatchesAnIndependentMarkerWalkOnEveryCorpusStream) {
         EXPECT_EQ(info["scans.count"], std::to_string(scans));
         EXPECT_EQ(info["restart_markers"], std::to_string(restarts));
     }
-    for (const std::string &other : corpusFiles(false)) {
-        std::string out;
-        EXPECT_EQ(kiv("info '" + other + "'", &out), 1) << other;
-        EXPECT_NE(out.find("JPG_STATUS_BAD_DATA"), std::string::npos) << out;
-        EXPECT_NE(out.find("not a JPEG file"), std::string::npos) << out;
-    }
 }
 
 TEST(ToolInfo, TextListsHeaderTablesAndSegments) {
     std::string out;
-    ASSERT_EQ(run(tool() + " info - < " + corpus("samples/testorig.jpg"), &out), 0) << out;
+    ASSERT_EQ(run(tool() + " info - < " + kJpg, &out), 0) << out;
     for (const char *want : {"process:     baseline (SOF0)", "size:        227 x 149", "precision:   8 bits",
                              "components:  3 (4:2:0)", "component 0: id 1, sampling 2x2", "mcu:         16 x 16",
                              "quantization table of component 0", "DQT", "DHT", "SOF0", "SOS", "EOI"})
         EXPECT_NE(out.find(want), std::string::npos) << want << "\n" << out;
     // The first row of the luminance table, in natural order, from the DQT.
-    for (const Segment &s : headerSegments(readFile(corpus("samples/testorig.jpg"))))
+    for (const Segment &s : headerSegments(readFile(kJpg)))
         if (s.marker == 0xFFDB && (s.body[0] & 15) == 0) {
             char row[64];
             snprintf(row, sizeof row, " %4u %4u %4u", s.body[1], s.body[2], s.body[6]);
@@ -175,114 +176,94 @@ TEST(ToolSegments, ListsAndExtracts) {
     EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 28), "Compressed test data stream ");
     ASSERT_EQ(kiv("segments " + a1 + " --extract FFE0 " + payload, &out), 0);  // by code
     EXPECT_EQ(readFile(payload).size(), 44u);
-    EXPECT_EQ(kiv("segments " + a1 + " --extract APP1 " + payload, &out), 1);  // a marker it lacks
-    EXPECT_EQ(kiv("segments " + a1 + " --extract BOGUS " + payload, &out), 1);
+}
+
+// ================================================================= exit statuses
+
+// Each failure as a command, its exit status (1 error, 2 an image written
+// from a damaged stream) and the words the user is told.
+TEST(ToolExit, EveryFailureHasItsStatusAndMessage) {
+    auto write = [](const std::string &name, const Bytes &bytes) {
+        writeFile(tempPath(name), bytes);
+        return tempPath(name);
+    };
+    // Frame headers alone: the prolog refuses them before any scan.
+    auto frameOnly = [&](uint8_t sof, uint8_t precision, uint8_t components = 1) {
+        return write("sof" + std::to_string(sof & 15) + ".jpg",
+                     {0xFF, 0xD8, 0xFF, sof, 0x00, 0x0B, precision, 0x00, 0x10, 0x00, 0x10, components, 0x01,
+                      0x11, 0x00, 0xFF, 0xD9});
+    };
+    Bytes half = readFile(kJpg), prog = readFile(corpus("samples/testprog.jpg"));
+    half.resize(half.size() / 2);
+    prog.resize(prog.size() * 2 / 3);
+    const std::string cut = write("cut.jpg", half), cutProg = write("cut-prog.jpg", prog), x = tempPath("x.pam"),
+                      a1 = corpus("conformance/A1.jpg"), ppm = tempPath("x.ppm"), cutOut = tempPath("cut.ppm"), enc = "encode " + kOrig + " " + x;
+    const struct {
+        std::string command;
+        int status;
+        std::string message;
+    } cases[] = {
+        {"info " + corpus("samples/testimgari.jpg"), 1,
+         "arithmetic-coded sequential DCT (SOF9) is not supported (JPG_STATUS_NOT_SUPPORTED)"},
+        {"decode " + corpus("samples/monkey12.jpg") + " " + x, 1,
+         "12-bit extended sequential DCT (SOF1) is not supported (JPG_STATUS_NOT_SUPPORTED)"},
+        {"decode " + frameOnly(0xC2, 12) + " " + x, 1, "12-bit progressive DCT (SOF2) is not supported"},
+        {"info " + frameOnly(0xC5, 8), 1, "hierarchical sequential DCT (SOF5) is not supported"},
+        {"decode " + frameOnly(0xCB, 8) + " " + x, 1, "arithmetic-coded lossless (SOF11) is not supported"},
+        {"decode " + frameOnly(0xC0, 8, 9) + " " + x, 1, "JPG_STATUS_BAD_DATA: the stream contradicts the JPEG syntax"},
+        {"decode " + corpus("conformance/B2.jpg") + " " + x, 1, "JPG_STATUS_BAD_DATA"},
+        {"info " + kOrig, 1, "JPG_STATUS_BAD_DATA: the stream contradicts the JPEG syntax (not a JPEG file"},
+        {"decode /nonexistent.jpg " + x, 1, "nonexistent"},
+        {"decode " + cut + " " + x, 2, "JPG_STATUS_"},
+        {"decode " + cutProg + " " + cutOut, 2, "JPG_STATUS_"},
+        {"decode a b --bogus", 1, "unknown option --bogus"},
+        {"frobnicate", 1, "usage: kivjpeg"},
+        {"decode " + kJpg + " " + tempPath("x.xyz"), 1, "use .png, .ppm"},
+        {"decode " + kJpg + " " + ppm + " --scale 1/3", 1, "--scale takes 1/2, 1/4 or 1/8"},
+        {"decode " + kJpg + " " + ppm + " --passes " + tempPath("passes-x"), 1, "needs a progressive stream"},
+        {enc + " --quality 0", 1, "--quality takes 1 to 100"},
+        {enc + " --quality 101", 1, "--quality takes 1 to 100"},
+        {enc + " --sampling 421", 1, "--sampling takes"},
+        {enc + " --lossless --predictor 8", 1, "--predictor takes 1 to 7"},
+        {enc + " --predictor 2", 1, "--predictor needs --lossless"},
+        {"segments " + a1 + " --extract APP1 " + x, 1, "APP1"},  // a marker it lacks
+        {"segments " + a1 + " --extract BOGUS " + x, 1, "BOGUS"},
+        {"compare " + kOrig + " " + corpus("samples/shira_bird8.bmp"), 1, "differ in size"},
+        {"demo " + tempPath("demo-x") + " --size 0x5", 1, "--size"},
+    };
+    for (const auto &c : cases) {
+        std::string out;
+        EXPECT_EQ(kiv(c.command, &out), c.status) << c.command << "\n" << out;
+        EXPECT_NE(out.find(c.message), std::string::npos) << c.command << "\n" << out;
+    }
+    // What a damaged stream gave is still written.
+    EXPECT_EQ(readPnm(cutOut).width, 227);
 }
 
 // ================================================================= decode
 
-// Four components are written as PAM; what the library refuses is named.
-TEST(ToolDecode, EveryCorpusStreamDecodesOrNamesItsStatus) {
-    for (const std::string &file : corpusFiles(true)) {
-        SCOPED_TRACE(file);
-        std::string pam = tempPath("corpus.pam"), out;
-        fs::remove(pam);
-        int rc = kiv("decode '" + file + "' " + pam, &out);
-        if (rc == 0) {
-            Bytes f = frameOf(allSegments(readFile(file)))->body;
-            Image image = readPnm(pam, true);
-            EXPECT_EQ(image.width, int(be16(f, 3)));
-            EXPECT_EQ(image.height, int(be16(f, 1)));
-            EXPECT_EQ(image.channels, f[5]);
-            continue;
-        }
-        EXPECT_EQ(rc, 1) << out;
-        EXPECT_NE(out.find("JPG_STATUS_"), std::string::npos) << out;
-        EXPECT_FALSE(fs::exists(pam));
-    }
-}
-
-TEST(ToolDecode, FailuresNameTheStatus) {
-    // Frame headers alone: the prolog refuses them before any scan.
-    auto frameOnly = [](uint8_t sof, uint8_t precision) {
-        std::string path = tempPath("sof" + std::to_string(sof & 15) + ".jpg");
-        writeFile(path, {0xFF, 0xD8, 0xFF, sof, 0x00, 0x0B, precision, 0x00, 0x10, 0x00, 0x10, 0x01, 0x01, 0x11, 0x00,
-                         0xFF, 0xD9});
-        return path;
-    };
-    const std::pair<std::string, std::string> unsupported[] = {
-        {corpus("samples/testimgari.jpg"), "arithmetic-coded sequential DCT (SOF9) is not supported"},
-        {corpus("samples/monkey12.jpg"), "12-bit extended sequential DCT (SOF1) is not supported"},
-        {corpus("conformance/E1.jpg"), "12-bit extended sequential DCT (SOF1) is not supported"},
-        {frameOnly(0xC2, 12), "12-bit progressive DCT (SOF2) is not supported"},
-        {frameOnly(0xC5, 8), "hierarchical sequential DCT (SOF5) is not supported"},
-        {frameOnly(0xCB, 8), "arithmetic-coded lossless (SOF11) is not supported"},
-    };
-    std::string out, x = tempPath("x.pam");
-    for (const auto &[file, message] : unsupported)
-        for (const std::string command : {"info '" + file + "'", "decode '" + file + "' " + x}) {
-            EXPECT_EQ(kiv(command, &out), 1) << command;
-            EXPECT_NE(out.find(message + " (JPG_STATUS_NOT_SUPPORTED)"), std::string::npos) << out;
-        }
-    EXPECT_EQ(kiv("decode /nonexistent.jpg " + x, &out), 1);
-    EXPECT_NE(out.find("nonexistent"), std::string::npos);
-    std::string bad = tempPath("bad.jpg");
-    writeFile(bad, {0xFF, 0xD8, 0xFF, 0xC0, 0x00, 0x0B, 0x08, 0x00, 0x10, 0x00, 0x10, 0x09, 0x01, 0x11, 0x00, 0xFF, 0xD9});
-    EXPECT_EQ(kiv("decode " + bad + " " + x, &out), 1);
-    EXPECT_NE(out.find("JPG_STATUS_BAD_DATA: the stream contradicts the JPEG syntax"), std::string::npos) << out;
-    EXPECT_EQ(kiv("decode " + corpus("conformance/B2.jpg") + " " + x, &out), 1);
-    EXPECT_NE(out.find("JPG_STATUS_BAD_DATA"), std::string::npos) << out;
-    Bytes half = readFile(corpus("samples/testorig.jpg"));
-    half.resize(half.size() / 2);
-    writeFile(bad, half);
-    int rc = kiv("decode " + bad + " " + x, &out);
-    EXPECT_TRUE(rc == 1 || rc == 2) << rc;
-    EXPECT_NE(out.find("JPG_STATUS_"), std::string::npos) << out;
-    EXPECT_EQ(kiv("decode a b --bogus", &out), 1);
-    EXPECT_NE(out.find("unknown option --bogus"), std::string::npos);
-    EXPECT_EQ(kiv("frobnicate", &out), 1);
-}
-
-TEST(ToolDecode, EveryOutputFormatHoldsTheSamePixels) {
-    std::string in = corpus("samples/testorig.jpg"), ppm = tempPath("fmt.ppm"), out;
-    ASSERT_EQ(kiv("decode " + in + " " + ppm, &out), 0) << out;
-    Image p = readPnm(ppm);
-    EXPECT_EQ(p.width, 227);
-    EXPECT_EQ(p.height, 149);
-    EXPECT_EQ(p.channels, 3);
+TEST(ToolDecode, EveryOutputFormatAndScaleHoldsThePixels) {
+    std::string ppm = tempPath("fmt.ppm"), out;
+    ASSERT_EQ(kiv("decode " + kJpg + " " + ppm, &out), 0) << out;
     std::vector<std::string> others = {tempPath("fmt.bmp"), tempPath("fmt.pam")};
     if (toolHasPng())
         others.push_back(tempPath("fmt.png"));
     for (auto &o : others) {
-        ASSERT_EQ(kiv("decode " + in + " " + o, &out), 0) << out;
+        ASSERT_EQ(kiv("decode " + kJpg + " " + o, &out), 0) << out;
         EXPECT_EQ(psnr(ppm, o), INFINITY) << o;
     }
     // Standard output with --format, standard input with "-".
     std::string piped = tempPath("fmt-piped.ppm");
-    ASSERT_EQ(run("cat " + in + " | " + tool() + " decode - - --format pnm > " + piped), 0);
+    ASSERT_EQ(run("cat " + kJpg + " | " + tool() + " decode - - --format pnm > " + piped), 0);
     EXPECT_EQ(readFile(piped), readFile(ppm));
-    ASSERT_EQ(run(tool() + " decode " + in + " - --format bmp > " + piped), 0);
+    ASSERT_EQ(run(tool() + " decode " + kJpg + " - --format bmp > " + piped), 0);
     EXPECT_EQ(readFile(piped)[0], 'B');
-    EXPECT_EQ(kiv("decode " + in + " " + tempPath("fmt.xyz"), &out), 1);
-}
-
-TEST(ToolDecode, ScaleReducesTheImage) {
-    std::string in = corpus("samples/testorig.jpg"), out;
     for (int f : {2, 4, 8}) {
-        std::string scaled = tempPath("scale-" + std::to_string(f) + ".ppm");
-        ASSERT_EQ(kiv("decode " + in + " " + scaled + " --scale 1/" + std::to_string(f), &out), 0) << out;
-        Image p = readPnm(scaled);
+        ASSERT_EQ(kiv("decode " + kJpg + " " + ppm + " --scale 1/" + std::to_string(f), &out), 0) << out;
+        Image p = readPnm(ppm);
         EXPECT_EQ(p.width, 227 / f);
         EXPECT_EQ(p.height, 149 / f);
     }
-    EXPECT_EQ(kiv("decode " + in + " " + tempPath("x.ppm") + " --scale 1/3", &out), 1);
-    std::string prog = tempPath("scale-prog.ppm");
-    // A progressive stream cut short: the image so far, exit status 2.
-    Bytes cut = readFile(corpus("samples/testprog.jpg"));
-    cut.resize(cut.size() * 2 / 3);
-    writeFile(tempPath("cut-prog.jpg"), cut);
-    EXPECT_EQ(kiv("decode " + tempPath("cut-prog.jpg") + " " + prog, &out), 2) << out;
-    EXPECT_EQ(readPnm(prog).width, 227);
 }
 
 TEST(ToolDecode, PassesWritesOneImagePerProgressiveScan) {
@@ -300,7 +281,6 @@ TEST(ToolDecode, PassesWritesOneImagePerProgressiveScan) {
     EXPECT_EQ(files.front(), dir + "/pass-01.pnm");
     EXPECT_LT(psnr(files.front(), files.back()), 60.0);  // the first pass is coarser
     EXPECT_EQ(psnr(files.back(), last), INFINITY);
-    EXPECT_EQ(kiv("decode " + corpus("samples/testorig.jpg") + " " + last + " --passes " + dir, &out), 1);
 }
 
 // Four-component Adobe streams written by libjpeg from CMYK: a PAM holds ink
@@ -317,11 +297,8 @@ TEST(ToolDecode, AdobeCmykBecomesInkOrRgb) {
         std::string jpg = tempPath(kind + ".jpg"), pam = tempPath(kind + ".pam"), raw = tempPath(kind + "-raw.pam"),
                     ppm = tempPath(kind + ".ppm"), out;
         ASSERT_TRUE(writeCmykJpeg(picture, jpg, kind, 90, "444"));
-        ASSERT_EQ(kiv("info " + jpg, &out), 0) << out;
-        EXPECT_NE(out.find("components:  4"), std::string::npos) << out;
-        ASSERT_EQ(kiv("decode " + jpg + " " + pam, &out), 0) << out;
-        ASSERT_EQ(kiv("decode " + jpg + " " + raw + " --no-color-conversion", &out), 0) << out;
-        ASSERT_EQ(kiv("decode " + jpg + " " + ppm, &out), 0) << out;
+        for (const std::string &to : {pam, raw + " --no-color-conversion", ppm})
+            ASSERT_EQ(kiv("decode " + jpg + " " + to, &out), 0) << out;
         Bytes header = readFile(pam);
         EXPECT_NE(std::string(header.begin(), header.begin() + 80).find("TUPLTYPE CMYK"), std::string::npos);
         Image ink = readPnm(pam, true), coded = readPnm(raw, true), rgb = readPnm(ppm, true);
@@ -335,13 +312,10 @@ TEST(ToolDecode, AdobeCmykBecomesInkOrRgb) {
             for (int ch = 0; ch < 3; ch++)
                 ASSERT_EQ(rgb.pixels[3 * i + ch], ((255 - k[ch]) * (255 - k[3]) + 127) / 255) << "pixel " << i;
         }
-        if (kind == "ycck")  // the coded Y, Cb, Cr are far from the converted C, M, Y
-            EXPECT_LT(psnr(pam, raw), 20.0);
         std::string fromPam = tempPath(kind + "-im-pam.ppm");  // ImageMagick reads our PAM
         ASSERT_EQ(run("convert " + pam + " " + fromPam), 0);
-        int most = -1;
-        EXPECT_FALSE(std::isnan(psnr(ppm, fromPam, &most)));
-        EXPECT_LE(most, 1);  // RGB rounding only
+        ASSERT_EQ(kiv("compare " + ppm + " " + fromPam, &out), 0) << out;
+        EXPECT_TRUE(std::regex_search(out, std::regex("identical|max difference [01]\\b"))) << out;  // RGB rounding
     }
 }
 
@@ -349,121 +323,74 @@ TEST(ToolDecode, AdobeCmykBecomesInkOrRgb) {
 
 struct Encoded {
     std::string path;
-    std::vector<Segment> segs;
     std::map<std::string, std::string> info;
-    const Segment *find(uint16_t marker) const {
-        for (const Segment &s : segs)
-            if (s.marker == marker)
-                return &s;
-        return nullptr;
-    }
 };
 
 Encoded encodeFile(const std::string &input, const std::string &name, const std::string &options) {
-    Encoded e{tempPath(name), {}, {}};
+    Encoded e{tempPath(name), {}};
     std::string out;
     EXPECT_EQ(kiv("encode " + input + " " + e.path + " " + options, &out), 0) << options << "\n" << out;
-    e.segs = allSegments(readFile(e.path));
     e.info = infoJson(e.path);
     return e;
 }
 
-const std::string kOrig = corpus("samples/testorig.ppm");
-
-TEST(ToolEncode, RoundTripsEveryInputFormat) {
-    std::string pgm = tempPath("rt-source.pgm"), png = tempPath("rt-source.png"), out;
-    Image p = readPnm(kOrig), g(p.width, p.height, 1);
-    for (size_t i = 0; i < g.pixels.size(); i++)
-        g.pixels[i] = uint8_t((29 * p.pixels[3 * i] + 150 * p.pixels[3 * i + 1] + 77 * p.pixels[3 * i + 2]) >> 8);
-    writePnm(pgm, g);
-    std::vector<std::string> inputs = {kOrig, corpus("samples/shira_bird8.bmp"), corpus("samples/vgl_6434_0018a.bmp"), pgm};
-    if (toolHasPng() && kiv("decode " + corpus("samples/testorig.jpg") + " " + png, &out) == 0)
+TEST(ToolEncode, ReadsEveryInputFormat) {
+    // Grey PGM input is in LosslessKeepsThePrecision.
+    std::string png = tempPath("rt-source.png"), out;
+    std::vector<std::string> inputs = {kOrig, corpus("samples/shira_bird8.bmp"), corpus("samples/vgl_6434_0018a.bmp")};
+    if (toolHasPng() && kiv("decode " + kJpg + " " + png, &out) == 0)
         inputs.push_back(png);
-    for (auto &in : inputs) {
-        Encoded e = encodeFile(in, "rt.jpg", "--sampling 444");
-        EXPECT_GT(psnr(in, e.path), 30.0) << in;
-    }
+    for (auto &in : inputs)
+        EXPECT_GT(psnr(in, encodeFile(in, "rt.jpg", "--sampling 444").path), 30.0) << in;
     std::string piped = tempPath("rt-piped.jpg");  // from standard input
     ASSERT_EQ(run("cat " + kOrig + " | " + tool() + " encode - " + piped), 0);
     EXPECT_EQ(readFile(piped), readFile(encodeFile(kOrig, "rt-path.jpg", "").path));
 }
 
-TEST(ToolEncode, QualityScalesTablesAndSize) {
-    Encoded low = encodeFile(kOrig, "q20.jpg", "--quality 20"), high = encodeFile(kOrig, "q95.jpg", "--quality 95");
-    ASSERT_NE(low.find(0xFFDB), nullptr);
-    ASSERT_NE(high.find(0xFFDB), nullptr);
-    // Annex K luminance DC entry 16 scaled: q20 -> 5000/20=250% -> 40; q95 -> 10% -> 2.
-    EXPECT_EQ(low.find(0xFFDB)->body[1], 40);
-    EXPECT_EQ(high.find(0xFFDB)->body[1], 2);
-    EXPECT_LT(readFile(low.path).size(), readFile(high.path).size());
-    EXPECT_GT(psnr(kOrig, high.path), psnr(kOrig, low.path));
-    std::string out;
-    for (const char *bad : {"--quality 0", "--quality 101", "--sampling 421", "--lossless --predictor 8", "--predictor 2"})
-        EXPECT_EQ(kiv("encode " + kOrig + " " + tempPath("x.jpg") + " " + bad, &out), 1) << bad;
-}
-
-TEST(ToolEncode, SamplingChoosesTheFactors) {
+// Each option as the stream's header shows it through info: "names" is the
+// marker segments in order, "q0" the first luminance quantizer (Annex K's
+// 16 scaled: 250% at q20, 10% at q95).
+TEST(ToolEncode, EveryOptionReachesTheStream) {
     const struct {
-        const char *name, *h, *v, *components;
-    } cases[] = {{"444", "1", "1", "3"}, {"422", "2", "1", "3"}, {"420", "2", "2", "3"},
-                 {"440", "1", "2", "3"}, {"411", "4", "1", "3"}, {"gray", "1", "1", "1"}};
-    for (auto &c : cases) {
-        Encoded e = encodeFile(kOrig, std::string("s") + c.name + ".jpg", std::string("--sampling ") + c.name);
-        EXPECT_EQ(e.info["components.count"], c.components) << c.name;
-        EXPECT_EQ(e.info["components.0.h"], c.h) << c.name;
-        EXPECT_EQ(e.info["components.0.v"], c.v) << c.name;
-        if (std::string(c.components) == "3") {
-            EXPECT_EQ(e.info["components.1.h"], "1");
-            EXPECT_EQ(e.info["components.2.v"], "1");
-        }
-        EXPECT_GT(psnr(kOrig, e.path), 28.0) << c.name;
+        std::string options;
+        std::map<std::string, std::string> want;
+    } cases[] = {
+        {"--quality 20", {{"q0", "40"}}},
+        {"--quality 95", {{"q0", "2"}}},
+        {"--sampling 444", {{"components.count", "3"}, {"components.0.h", "1"}, {"components.0.v", "1"}}},
+        {"--sampling 422", {{"components.0.h", "2"}, {"components.0.v", "1"}, {"components.1.h", "1"}}},
+        {"--sampling 420", {{"components.0.h", "2"}, {"components.0.v", "2"}, {"components.2.v", "1"}}},
+        {"--sampling 440", {{"components.0.h", "1"}, {"components.0.v", "2"}}},
+        {"--sampling 411", {{"components.0.h", "4"}, {"components.0.v", "1"}}},
+        {"--sampling gray", {{"components.count", "1"}}},
+        {"--restart 4 --sampling 420", {{"restart_interval", "4"}, {"names", "SOI APP0 DQT DHT SOF0 DRI SOS EOI"}}},
+        {"--comment 'KivJPEG test comment'", {{"names", "SOI APP0 COM DQT"}, {"segments.2.length", "22"}}},
+        {"--no-jfif", {{"names", "SOI DQT"}, {"restart_interval", "0"}}},
+        {"--lossless --predictor 1", {{"process", "lossless"}, {"scans.0.ss", "1"}}},
+        {"--lossless --predictor 7", {{"scans.0.ss", "7"}}},
+    };
+    for (const auto &c : cases) {
+        Encoded e = encodeFile(kOrig, "option.jpg", c.options);
+        e.info["q0"] = e.info["components.0.quantization_zigzag.0"];
+        for (int i = 0; i < std::stoi(e.info["segments.count"]); i++)
+            e.info["names"] += (i ? " " : "") + e.info["segments." + std::to_string(i) + ".name"];
+        for (const auto &[key, value] : c.want)
+            if (key == "names")
+                EXPECT_EQ(e.info[key].rfind(value, 0), 0u) << c.options << ": " << e.info[key];
+            else
+                EXPECT_EQ(e.info[key], value) << c.options << ": " << key;
     }
     // --hq averages when subsampling; without subsampling there is nothing to average.
     EXPECT_NE(readFile(encodeFile(kOrig, "plain.jpg", "--sampling 420").path),
               readFile(encodeFile(kOrig, "hq.jpg", "--sampling 420 --hq").path));
-    EXPECT_GT(psnr(kOrig, tempPath("hq.jpg")), 30.0);
     EXPECT_EQ(readFile(encodeFile(kOrig, "plain444.jpg", "--sampling 444").path),
               readFile(encodeFile(kOrig, "hq444.jpg", "--sampling 444 --hq").path));
 }
 
-TEST(ToolEncode, RestartCommentAndJfifSegments) {
-    Encoded e = encodeFile(kOrig, "rst.jpg", "--restart 4 --sampling 420");
-    EXPECT_EQ(e.info["restart_interval"], "4");
-    const uint32_t mcus = ((227 + 15) / 16) * ((149 + 15) / 16);  // 15 x 10
-    EXPECT_EQ(e.info["restart_markers"], std::to_string((mcus + 3) / 4 - 1));
-    ASSERT_NE(e.find(0xFFDD), nullptr);
-    std::string text = "KivJPEG test comment 123";
-    Encoded plain = encodeFile(kOrig, "com.jpg", "--comment '" + text + "'");
-    EXPECT_EQ(plain.find(0xFFDD), nullptr);
-    EXPECT_EQ(plain.info["restart_markers"], "0");
-    EXPECT_EQ(psnr(plain.path, e.path), INFINITY);  // restart markers change no pixel
-    ASSERT_NE(plain.find(0xFFFE), nullptr);
-    std::string payload = tempPath("com.txt"), out;
-    ASSERT_EQ(kiv("segments " + plain.path + " --extract COM " + payload, &out), 0) << out;
-    Bytes got = readFile(payload);
-    EXPECT_EQ(std::string(got.begin(), got.end()), text);
-    ASSERT_NE(plain.find(0xFFE0), nullptr);
-    EXPECT_EQ(std::string(plain.find(0xFFE0)->body.begin(), plain.find(0xFFE0)->body.begin() + 5), std::string("JFIF\0", 5));
-    Encoded bare = encodeFile(kOrig, "bare.jpg", "--no-jfif");
-    EXPECT_EQ(bare.find(0xFFE0), nullptr);
-    EXPECT_EQ(bare.find(0xFFFE), nullptr);
-}
-
-TEST(ToolEncode, LosslessIsExactWithThePredictorAsked) {
-    std::vector<size_t> sizes;
-    for (int p : {1, 7}) {
-        Encoded e = encodeFile(kOrig, "ll" + std::to_string(p) + ".jpg", "--lossless --predictor " + std::to_string(p));
-        EXPECT_EQ(e.info["process"], "lossless");
-        EXPECT_EQ(e.info["scans.0.ss"], std::to_string(p));  // Ss carries the predictor
-        EXPECT_EQ(psnr(kOrig, e.path), INFINITY) << p;
-        sizes.push_back(readFile(e.path).size());
-    }
-    EXPECT_NE(sizes[0], sizes[1]);
-}
-
-// 16-bit source from the corpus, 12- and 6-bit ones made here; a baseline
-// encode of deep input reduces it to 8 bits and says so.
-TEST(ToolEncode, LosslessKeepsThePrecisionOfTheInput) {
+// 16-bit source from the corpus, 12- and 6-bit ones made here keep their
+// precision through PGM and PNG (sBIT); a baseline encode of deep input
+// reduces it to 8 bits and says so.
+TEST(ToolEncode, LosslessKeepsThePrecision) {
     Image deep = readPnm(corpus("samples/monkey16.pgm")), twelve(deep.width, deep.height, 1, 12),
           six(deep.width, deep.height, 1, 6);
     for (size_t i = 0; i < deep.samples(); i++) {
@@ -483,8 +410,6 @@ TEST(ToolEncode, LosslessKeepsThePrecisionOfTheInput) {
         if (toolHasPng()) {
             std::string png = tempPath(std::string("deep") + bits + ".png");
             ASSERT_EQ(kiv("decode " + e.path + " " + png, &out), 0) << out;
-            EXPECT_EQ(psnr(png, file), INFINITY);
-            // Re-encoding the PNG keeps the precision (sBIT).
             EXPECT_EQ(encodeFile(png, std::string("deep") + bits + "-png.jpg", "--lossless").info["precision"], bits);
         }
     }
@@ -527,8 +452,6 @@ TEST(ToolCompare, ReportsPsnrMaxDifferenceAndDiffImage) {
     EXPECT_EQ(d.width, 227);
     EXPECT_EQ(d.pixels[1000], 40);
     EXPECT_EQ(d.pixels[1001], 0);
-    EXPECT_EQ(kiv("compare " + a + " " + corpus("samples/shira_bird8.bmp"), &out), 1);
-    EXPECT_NE(out.find("differ in size"), std::string::npos);
 }
 
 TEST(ToolDemo, RunsAndWritesItsFiles) {
@@ -543,7 +466,6 @@ TEST(ToolDemo, RunsAndWritesItsFiles) {
     EXPECT_EQ(info["width"], "120");
     EXPECT_EQ(info["height"], "80");
     EXPECT_EQ(psnr(dir + "/lossless-p7.jpg", dir + (toolHasPng() ? "/original.png" : "/original.pnm")), INFINITY);
-    EXPECT_EQ(kiv("demo " + dir + " --size 0x5", &out), 1);
 }
 
 }  // namespace
