@@ -133,63 +133,56 @@ TEST(MarkerParser, SampleAndPhotographHeadersMatchDjpeg) {
     }
 }
 
-TEST(MarkerParser, FilePrologReadsAnEmbeddedStream) {
-    Bytes jpeg = readFile(corpus("samples/testorig.jpg"));
-    Bytes file(100, 0x55);
-    file.insert(file.end(), jpeg.begin(), jpeg.end());
-    file.insert(file.end(), 50, 0xAA);  // trailing bytes behind the stream's end
-    std::string path = tempPath("embedded.bin");
-    writeFile(path, file);
-    JpgParam *p = nullptr;
-    ASSERT_EQ(jpgReadPrologFromFile(path.c_str(), 100, int32_t(jpeg.size()), 0, &p), JPG_STATUS_OK);
-    uint32_t w, h;
-    jpgReadGetImageSize(p, &w, &h);
-    EXPECT_EQ(w, 227u);
-    EXPECT_EQ(h, 149u);
-    EXPECT_EQ(jpgReadEpilog(p), JPG_STATUS_OK);
-    EXPECT_EQ(jpgReadPrologFromFile(std::string(300, 'a').c_str(), 0, 0, 0, &p), JPG_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(p, nullptr);
-    EXPECT_EQ(jpgReadPrologFromFile(tempPath("missing.jpg").c_str(), 0, 0, 0, &p), JPG_STATUS_FILE_OPEN_FAILED);
-    EXPECT_EQ(jpgReadPrologFromFile(path.c_str(), 0, int32_t(file.size()) + 1, 0, &p), JPG_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(jpgReadPrologFromFile(path.c_str(), -1, 0, 0, &p), JPG_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(jpgReadPrologFromFile(nullptr, 0, 0, 0, &p), JPG_STATUS_INVALID_HANDLE);
-    // Without EOI at the end the file needs flags bit 2.
-    std::string noEnd = tempPath("noend.jpg");
-    writeFile(noEnd, Bytes(jpeg.begin(), jpeg.end() - 2));
-    EXPECT_EQ(jpgReadPrologFromFile(noEnd.c_str(), 0, 0, 0x2, &p), JPG_STATUS_BAD_DATA);
-    ASSERT_EQ(jpgReadPrologFromFile(noEnd.c_str(), 0, 0, 0x4, &p), JPG_STATUS_OK);
-    jpgReadEpilog(p);
-}
-
 // The search for EOI reads the stream backwards a block of 64 KiB at a
 // time: a stream followed by data of any length opens from memory and from
-// a file at an offset, EOI across a block boundary included; without EOI
-// anywhere it is refused.
+// a file at an offset (with or without its length), EOI across a block
+// boundary included; without EOI anywhere it is refused unless the search
+// is off (flags bit 2).
 TEST(MarkerParser, EndOfImageBehindTrailingData) {
     Bytes jpeg = readFile(corpus("samples/testorig.jpg"));
+    std::string path = tempPath("trailer.jpg");
+    JpgParam *p = nullptr;
+    uint32_t w = 0, h = 0;
     for (size_t trailer : {0, 1, 65534, 65535, 65536, 200000}) {
+        SCOPED_TRACE(trailer);
         Bytes file(100 + jpeg.size() + trailer, 0x55);
         std::fill_n(file.begin(), 100, 0xFF);
         std::copy(jpeg.begin(), jpeg.end(), file.begin() + 100);
-        std::string path = tempPath("trailer.jpg");
         writeFile(path, file);
-        JpgParam *p = nullptr;
-        EXPECT_EQ(jpgReadPrologFromFile(path.c_str(), 100, 0, 0, &p), JPG_STATUS_OK) << trailer;
-        if (p != nullptr)
-            jpgReadEpilog(p);
-        EXPECT_EQ(ReadHandle(Bytes(file.begin() + 100, file.end())).status, JPG_STATUS_OK) << trailer;
+        for (int32_t length : {0, int32_t(jpeg.size())}) {
+            ASSERT_EQ(jpgReadPrologFromFile(path.c_str(), 100, length, 0, &p), JPG_STATUS_OK);
+            jpgReadGetImageSize(p, &w, &h);
+            EXPECT_EQ(w * h, 227u * 149u);
+            EXPECT_EQ(jpgReadEpilog(p), JPG_STATUS_OK);
+        }
+        EXPECT_EQ(ReadHandle(Bytes(file.begin() + 100, file.end())).status, JPG_STATUS_OK);
         file[100 + jpeg.size() - 1] = 0xD8;  // the only EOI gone
         writeFile(path, file);
-        EXPECT_EQ(jpgReadPrologFromFile(path.c_str(), 100, 0, 0, &p), JPG_STATUS_BAD_DATA) << trailer;
-        EXPECT_EQ(jpgReadPrologFromFile(path.c_str(), 100, 0, 0x4, &p), JPG_STATUS_OK) << trailer;
-        if (p != nullptr)
-            jpgReadEpilog(p);
+        EXPECT_EQ(jpgReadPrologFromFile(path.c_str(), 100, 0, 0x2, &p), JPG_STATUS_BAD_DATA);
+        ASSERT_EQ(jpgReadPrologFromFile(path.c_str(), 100, 0, 0x4, &p), JPG_STATUS_OK);
+        jpgReadEpilog(p);
     }
 }
 
-TEST(MarkerParser, MemoryPrologArguments) {
+TEST(MarkerParser, PrologArguments) {
     Bytes jpeg = readFile(corpus("samples/testorig.jpg"));
+    std::string path = tempPath("prolog.jpg");
+    writeFile(path, jpeg);
+    const std::string tooLong(300, 'a'), missing = tempPath("missing.jpg");
+    const struct {
+        const char *file;
+        int32_t offset, length;
+        JpgStatus status;
+    } files[] = {{tooLong.c_str(), 0, 0, JPG_STATUS_INVALID_PARAMETER},  // more than the handle holds
+                 {missing.c_str(), 0, 0, JPG_STATUS_FILE_OPEN_FAILED},
+                 {path.c_str(), 0, int32_t(jpeg.size()) + 1, JPG_STATUS_INVALID_PARAMETER},
+                 {path.c_str(), -1, 0, JPG_STATUS_INVALID_PARAMETER},
+                 {nullptr, 0, 0, JPG_STATUS_INVALID_HANDLE}};
     JpgParam *p = reinterpret_cast<JpgParam *>(1);
+    for (const auto &c : files) {
+        EXPECT_EQ(jpgReadPrologFromFile(c.file, c.offset, c.length, 0, &p), c.status) << (c.file ? c.file : "null");
+        EXPECT_EQ(p, nullptr);
+    }
     EXPECT_EQ(jpgReadPrologFromMemory(nullptr, 10, 0, &p), JPG_STATUS_INVALID_HANDLE);
     EXPECT_EQ(jpgReadPrologFromMemory(jpeg.data(), 0, 0, &p), JPG_STATUS_INVALID_PARAMETER);
     Bytes noEnd(jpeg.begin(), jpeg.end() - 2);
@@ -201,38 +194,28 @@ TEST(MarkerParser, MemoryPrologArguments) {
     }
 }
 
-TEST(MarkerParser, GeometryAndBuffers) {
-    StreamBuilder s;
-    s.soi().dqt(0).dqt(1).sof(0xC0, 8, 50, 100, {{1, 0x22, 0}, {2, 0x11, 1}, {3, 0x11, 1}})
-        .dht(0x00, kLuminanceDc).dht(0x10, kLuminanceAc).sos({{1, 0x00}, {2, 0x00}, {3, 0x00}}).raw({0}).eoi();
-    ReadHandle h(s.bytes);
-    ASSERT_EQ(h.status, JPG_STATUS_OK) << hex(h.status);
-    JpgParam *p = h.p;
-    EXPECT_EQ(p->mcusPerRow, 7u);
-    EXPECT_EQ(p->mcuRows, 4u);
-    EXPECT_EQ(p->totalMcus, 28u);
-    EXPECT_EQ(p->mcusLeft, 28u);
-    EXPECT_EQ(p->blocksPerMcu, 6u);
-    EXPECT_EQ(p->samplingFactors, 0x22111100u);
-    EXPECT_EQ(p->dec.mcuNext, p->mcuBuffer + 6 * 64);
-    EXPECT_EQ(p->dec.upsampleBuffer, p->dec.mcuNext + 6 * 64);
-    for (uint32_t pos = 0; pos < 4; pos++)
-        for (uint32_t c = 0; c < 4; c++)
-            EXPECT_EQ(p->blockMap[4 * pos + c], c * 4 + pos);
-    EXPECT_EQ(p->components[1].quant, p->quant[1]);
-    EXPECT_TRUE(p->mode & kModeYCbCr);  // identifiers 1, 2, 3
-    EXPECT_EQ(p->firstScanOffset, s.bytes.size() - 3);
-    EXPECT_EQ(p->routines.mcu, jpgReadDecodeBaselineMcu);
-    // A single component is coded one block per MCU whatever its factors.
-    StreamBuilder grey;
-    grey.soi().dqt(0).sof(0xC0, 8, 16, 16, {{1, 0x22, 0}}).dht(0x00, kLuminanceDc).dht(0x10, kLuminanceAc)
-        .sos({{1, 0x00}}).raw({0x00}).eoi();
-    ReadHandle g(grey.bytes);
-    uint32_t w, hgt, factor;
-    jpgReadGetMcuSize(g.p, &w, &hgt);
-    jpgReadGetSubsamplingFactor(g.p, &factor);
-    EXPECT_EQ(w * hgt, 64u);
-    EXPECT_EQ(factor, 0x11u);
+// MCU geometry of a 4:2:0 frame of 50 x 100; a single component is coded
+// one block per MCU whatever its factors.
+TEST(MarkerParser, McuGeometry) {
+    const std::vector<FrameComponent> colour = {{1, 0x22, 0}, {2, 0x11, 0}, {3, 0x11, 0}}, grey = {{1, 0x22, 0}};
+    for (const auto &comps : {colour, grey}) {
+        StreamBuilder s;
+        s.soi().dqt(0).sof(0xC0, 8, 50, 100, comps).dht(0x00, kLuminanceDc).dht(0x10, kLuminanceAc);
+        std::vector<ScanComponent> scan;
+        for (const FrameComponent &c : comps)
+            scan.push_back({c.id, 0x00});
+        ReadHandle h(s.sos(scan).raw({0}).eoi().bytes);
+        ASSERT_EQ(h.status, JPG_STATUS_OK) << hex(h.status);
+        uint32_t w, hgt, factor;
+        jpgReadGetMcuSize(h.p, &w, &hgt);
+        jpgReadGetSubsamplingFactor(h.p, &factor);
+        bool g = comps.size() == 1;
+        EXPECT_EQ(w * hgt, g ? 64u : 256u);
+        EXPECT_EQ(factor, g ? 0x11u : 0x221111u);
+        EXPECT_EQ(h.p->totalMcus, g ? 13u * 7u : 7u * 4u);
+        EXPECT_EQ(h.p->blocksPerMcu, g ? 1u : 6u);
+        EXPECT_EQ(h.p->firstScanOffset, s.bytes.size() - 3);
+    }
 }
 
 TEST(MarkerParser, ApplicationSegmentsAndColourSpace) {
