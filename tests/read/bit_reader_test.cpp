@@ -348,48 +348,27 @@ void compareBlocks(const Bytes &bytes, int32_t limit, const std::string &what, b
     }
 }
 
-class BlockDecoder : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (!haveTool("cjpeg"))
-            GTEST_SKIP() << "cjpeg not installed";
-    }
-};
-
-TEST_F(BlockDecoder, WholeAndTruncatedDecodesMatchTheReference) {
+// Per stream: the whole decode and the decode of every cut (the end-of-data
+// fill must reach the same bits at the same moment); block by block at every
+// scale, whole and truncated; corrupted by flipped bytes, inserted 0xFF
+// bytes and stray markers in the entropy data.
+TEST(BlockDecoder, WholeTruncatedAndCorruptedStreamsMatchTheReference) {
+    if (!haveTool("cjpeg"))
+        GTEST_SKIP() << "cjpeg not installed";
+    std::mt19937 rng(77);
     int i = 0;
     for (const Bytes &bytes : caseStreams()) {
-        const char *what = kCases[i++].options;
+        const std::string what = kCases[i++].options;
         ASSERT_EQ(decodeWith(bytes, false).status, JPG_STATUS_OK) << what;
         expectSameDecode(bytes, what);
-        // The end-of-data fill must reach the same bits at the same moment.
-        size_t start = scanData(bytes);
+        const size_t start = scanData(bytes);
         for (size_t cut = start; cut < bytes.size(); cut += cut + 64 < bytes.size() ? 97 : 3)
-            expectSameDecode(Bytes(bytes.begin(), bytes.begin() + long(cut)), std::string(what) + " cut at " +
-                                                                                  std::to_string(cut));
-    }
-    for (const char *name : {"samples/testorig.jpg", "samples/testimgint.jpg"})
-        expectSameDecode(readFile(corpus(name)), name);
-}
-
-TEST_F(BlockDecoder, BlocksMatchTheReferenceAtEveryScale) {
-    int i = 0;
-    for (const Bytes &bytes : caseStreams()) {
-        std::string what = kCases[i++].options;
+            expectSameDecode(Bytes(bytes.begin(), bytes.begin() + long(cut)), what + " cut at " + std::to_string(cut));
         for (int32_t limit : {-1, 0, 1, 4, 24, 64})
             compareBlocks(bytes, limit, what + " limit " + std::to_string(limit));
-        size_t start = scanData(bytes);
         Bytes cut(bytes.begin(), bytes.begin() + long(start + (bytes.size() - start) * 2 / 3));
         compareBlocks(cut, -1, what + " truncated");
         compareBlocks(cut, 0, what + " truncated, 1/8");
-    }
-}
-
-// Flipped bytes, inserted 0xFF bytes and stray markers in the entropy data.
-TEST_F(BlockDecoder, CorruptedStreamsMatchTheReference) {
-    std::mt19937 rng(77);
-    for (const Bytes &bytes : caseStreams()) {
-        size_t start = scanData(bytes);
         for (int trial = 0; trial < 24; trial++) {
             Bytes bad = bytes;
             for (int n = 0; n < 1 + trial % 4; n++) {
@@ -401,10 +380,12 @@ TEST_F(BlockDecoder, CorruptedStreamsMatchTheReference) {
                 default: bad[at] = 0xFF, bad[at + 1] = uint8_t(rng()); break;
                 }
             }
-            expectSameDecode(bad, "trial " + std::to_string(trial));
-            compareBlocks(bad, trial % 2 ? -1 : 0, "trial " + std::to_string(trial), false);
+            expectSameDecode(bad, what + " trial " + std::to_string(trial));
+            compareBlocks(bad, trial % 2 ? -1 : 0, what + " trial " + std::to_string(trial), false);
         }
     }
+    for (const char *name : {"samples/testorig.jpg", "samples/testimgint.jpg"})
+        expectSameDecode(readFile(corpus(name)), name);
 }
 
 // A comment segment of `padding` bytes (at least 4) after SOI moves the
@@ -419,7 +400,9 @@ Bytes padded(const Bytes &bytes, size_t padding) {
 
 // Refills land on each byte of a run of data, on both bytes of stuffed
 // 0xFF 0x00 pairs and of restart markers; from memory and from a file.
-TEST_F(BlockDecoder, BufferBoundaryAtEveryOffset) {
+TEST(BlockDecoder, BufferBoundaryAtEveryOffset) {
+    if (!haveTool("cjpeg"))
+        GTEST_SKIP() << "cjpeg not installed";
     Bytes bytes = cjpeg(picture(400, 320, 3, 70, 9), "-quality 97 -sample 2x2 -restart 3B");
     Decoded whole = decodeWith(bytes, false);
     ASSERT_EQ(whole.status, JPG_STATUS_OK);
