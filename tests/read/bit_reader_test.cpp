@@ -165,30 +165,6 @@ TEST(BitSupply, SessionsMatchTheExportedReader) {
     }
 }
 
-// The end-of-data fill sets the bits still held, at the same moment for
-// both readers, also when the fast path filled the word just before.
-TEST(BitSupply, EndOfDataAfterFastLoads) {
-    for (size_t size = 8; size < 40; size++) {
-        Bytes data(size);
-        for (size_t i = 0; i < size; i++)
-            data[i] = uint8_t(0x11 * (i % 15));
-        for (int n : {1, 3, 7, 11, 16}) {
-            RawReader a(data), b(data);
-            kiv::BitState bits(b.p);
-            for (int i = 0; a.p->bs.state != 1; i++) {
-                bits.needAhead(n, 16);
-                ASSERT_EQ(bits.peek(n), jpgReadShowBits(a.p, n)) << size << " " << n << " " << i;
-                bits.skip(n);
-                jpgReadGetBits(a.p, n);
-                ASSERT_EQ(b.p->bs.state, a.p->bs.state) << size << " " << n << " " << i;
-            }
-            bits.store();
-            EXPECT_EQ(b.p->bs.accumulator, a.p->bs.accumulator);
-            EXPECT_EQ(b.p->bs.bitCount, a.p->bs.bitCount);
-        }
-    }
-}
-
 // ---- The reference block decoder: the lookup rules of the tables, read bit by bit ----
 
 constexpr uint32_t kInvalid = 0xFFFF0000u;

@@ -1,8 +1,8 @@
 // Scaled output: the size query, the level setter and the refusals on
 // hand-built handles; whole streams at 1/8, 1/4, 1/2 and full size against
-// djpeg -scale, colour and luma alone (the luma of 1/8 exactly), against the block averages of the full
-// decode, and switching levels on one handle (batches, other drivers and
-// cut streams: decode_driver_test.cpp).
+// djpeg -scale, colour and luma alone (the luma of 1/8 exactly), and
+// switching levels on one handle (batches, other drivers and cut streams:
+// decode_driver_test.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -110,28 +110,6 @@ TEST(ScaledOutput, MatchesDjpegScaledOutput) {
                 EXPECT_LE(std::abs(mine.height - theirs.height), 1);
                 EXPECT_GE(psnr(mine, theirs), luma ? kLumaMinimum[level] : kColourMinimum[level]);
             }
-}
-
-// At level 0 a full-resolution component is the average of each 8x8 block
-// of the full-size decode, up to the clamping of single pixels.
-TEST(ScaledOutput, LevelZeroIsTheBlockAverageOfTheFullImage) {
-    for (const std::string &file : testFiles()) {
-        DecodeOptions o;
-        o.noConversion = true;
-        Image full = decode(readFile(file), o).image;
-        o.level = 0;
-        Image eighth = decode(readFile(file), o).image;
-        ASSERT_FALSE(eighth.empty()) << file;
-        int maxError = 0;
-        for (int y = 0; y < eighth.height; y++)
-            for (int x = 0; x < eighth.width; x++) {
-                int sum = 0;
-                for (int i = 0; i < 64; i++)
-                    sum += int(full.at(8 * x + i % 8, 8 * y + i / 8, 0));
-                maxError = std::max(maxError, std::abs((sum + 32) / 64 - int(eighth.at(x, y, 0))));
-            }
-        EXPECT_LE(maxError, 3) << file;
-    }
 }
 
 TEST(ScaledOutput, SwitchingLevelsRewindsAndRepeatsThePixels) {
