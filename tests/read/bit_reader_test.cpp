@@ -110,61 +110,6 @@ bool sameHeldBits(const JpgParam *a, const JpgParam *b) {
     return n <= 0 || a->bs.accumulator >> (32 - n) == b->bs.accumulator >> (32 - n);
 }
 
-// Long runs without 0xFF (the fast path) between stuffed pairs, markers and
-// fill bytes; more than one input buffer, and the data runs out.
-Bytes mixedData(std::mt19937 &rng, size_t size) {
-    Bytes data;
-    while (data.size() < size) {
-        size_t run = rng() % 3 == 0 ? rng() % 40 : rng() % 4;
-        for (size_t i = 0; i < run; i++)
-            data.push_back(uint8_t(rng() % 255));
-        switch (rng() % 4) {
-        case 0: data.insert(data.end(), {0xFF, 0x00}); break;
-        case 1: data.insert(data.end(), {0xFF, uint8_t(0xD0 + rng() % 8)}); break;
-        case 2: data.push_back(0xFF); break;
-        default: break;
-        }
-    }
-    return data;
-}
-
-// Sessions of the word-wide supply (stored and reloaded at random points,
-// exported reads between them) read what the exported reader alone reads,
-// up to and past the end of the data.
-TEST(BitSupply, SessionsMatchTheExportedReader) {
-    std::mt19937 rng(11);
-    for (int round = 0; round < 4; round++) {
-        Bytes data = mixedData(rng, round < 2 ? 3000 : 140000);
-        RawReader a(data), b(data);
-        int64_t reads = int64_t(data.size()) * 8 / 6;
-        for (int64_t i = 0; i < reads;) {
-            kiv::BitState bits(b.p);
-            for (int j = int(rng() % 50); j >= 0; j--, i++) {
-                int n = 1 + int(rng() % 16);
-                if (rng() % 2) {
-                    bits.needAhead(n, 16);
-                    ASSERT_EQ(bits.peek(n), jpgReadShowBits(a.p, n)) << round << " " << i;
-                    bits.skip(n);
-                    jpgReadGetBits(a.p, n);
-                } else {
-                    ASSERT_EQ(bits.receive(n), jpgReadGetBits(a.p, n)) << round << " " << i;
-                }
-                ASSERT_EQ(b.p->bs.state, a.p->bs.state) << round << " " << i;
-            }
-            bits.store();
-            ASSERT_LE(b.p->bs.bitCount, 32);
-            ASSERT_EQ(bitPosition(b.p), bitPosition(a.p)) << round << " " << i;
-            ASSERT_TRUE(sameHeldBits(a.p, b.p));
-            ASSERT_EQ(b.p->bs.bitCount % 8, a.p->bs.bitCount % 8);
-            if (rng() % 8 == 0) {
-                ASSERT_EQ(jpgReadShowMarkerCode(b.p), jpgReadShowMarkerCode(a.p));
-                int n = 1 + int(rng() % 16);
-                ASSERT_EQ(jpgReadGetBits(b.p, n), jpgReadGetBits(a.p, n));
-            }
-        }
-    }
-}
-
 // ---- The reference block decoder: the lookup rules of the tables, read bit by bit ----
 
 constexpr uint32_t kInvalid = 0xFFFF0000u;

