@@ -85,10 +85,7 @@ Block plain4x4(Block block) {
 
 using Transform = void (*)(int16_t *);
 
-struct Named {
-    std::string name;
-    Transform run;
-};
+using Named = std::pair<std::string, Transform>;  // a transform and its name
 
 // The portable transform and that of every processor level.
 template <typename ForLevel>
@@ -110,8 +107,8 @@ void expectAll(const std::vector<Named> &transforms, Block (*reference)(Block), 
     Block expected = reference(input);
     for (const Named &t : transforms) {
         Block block = input;
-        t.run(block.data());
-        ASSERT_EQ(block, expected) << t.name << " " << what;
+        t.second(block.data());
+        ASSERT_EQ(block, expected) << t.first << " " << what;
     }
 }
 
