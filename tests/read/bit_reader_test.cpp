@@ -1,11 +1,11 @@
 // Entropy-coded segment reader and the baseline block decoder. The exported
-// byte-at-a-time reader (jpgReadGetBits, ISO/IEC 10918-1 F.2.2): byte
-// stuffing, markers inside the data, raw reads, the end-of-data states,
-// offsets and rewinding. The word-wide supply of the decoders and the block
-// decoder against a plain reference built on the exported reader: the same
-// bits, coefficients, statuses and stream positions, and the same pixels for
-// whole decodes of truncated and corrupted streams and across refills of
-// the input buffer at every offset.
+// byte-at-a-time reader (jpgReadGetBits) on hand-made data: byte stuffing,
+// markers inside the data, raw reads, the end-of-data states; offsets and
+// rewinding. The block decoder (on the word-wide supply) against a plain
+// reference built on the exported reader: the same coefficients, statuses
+// and stream positions, and the same pixels for whole decodes of truncated
+// and corrupted streams and across refills of the input buffer at every
+// offset.
 #include <gtest/gtest.h>
 
 #include <cstring>
