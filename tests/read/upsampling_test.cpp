@@ -1,8 +1,7 @@
-// Upsampling on hand-built MCUs: the co-sited doubling
-// rule (midpoints round halves up, right neighbour from the next MCU or the
-// last sample repeated), vertical replication, the fixed and the general
-// routine against a plain evaluation of the rule on every layout, and
-// replication-only scaled upsampling.
+// Upsampling on hand-built MCUs of random samples: the fixed and the general
+// routine against a plain evaluation of the co-sited rule (midpoints round
+// halves up, right neighbour from the next MCU or the last sample repeated,
+// rows replicated) on every layout, and replication-only scaled upsampling.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -45,34 +44,6 @@ int expectedFull(const SyntheticFrame &f, uint32_t c, uint32_t y, uint32_t x, bo
         return left;
     int right = sx + 1 < 8 * h ? f.sample(c, sy, sx + 1) : next ? f.sample(c, sy, 0, 8, true) : left;
     return int((left * (rh - m) + right * m + rh / 2) / rh);
-}
-
-TEST(Upsampling, MidpointsRoundHalvesUpAndTakeTheNextMcu) {
-    SyntheticFrame f({0x21, 0x11, 0x11});
-    for (int r = 0; r < 8; r++) {
-        for (int i = 0; i < 8; i++)
-            f.block(1, 0)[8 * r + i] = int16_t(i + r);  // neighbours differ by 1: halves
-        f.block(1, 0, true)[8 * r] = 100;
-    }
-    f.setNext(true);
-    jpgReadUpSamplingTo21(f.p);
-    for (int r = 0; r < 8; r++) {
-        for (int i = 0; i < 7; i++) {
-            EXPECT_EQ(f.upsampled(1, r, 2 * i), i + r);
-            EXPECT_EQ(f.upsampled(1, r, 2 * i + 1), i + r + 1) << "(a + b + 1) / 2 rounds up";
-        }
-        EXPECT_EQ(f.upsampled(1, r, 15), (7 + r + 100 + 1) / 2);
-    }
-    f.setNext(false);
-    jpgReadUpSamplingTo21(f.p);
-    for (int r = 0; r < 8; r++)
-        EXPECT_EQ(f.upsampled(1, r, 15), 7 + r) << "no next MCU: the last sample repeats";
-    SyntheticFrame v({0x12, 0x11, 0x11});  // vertical doubling only replicates rows
-    for (int i = 0; i < 64; i++)
-        v.block(2, 0)[i] = int16_t(i / 8 % 2 ? 255 : 0);
-    jpgReadUpSamplingTo12(v.p);
-    for (int y = 0; y < 16; y++)
-        EXPECT_EQ(v.upsampled(2, y, 3), (y / 2) % 2 ? 255 : 0) << y;
 }
 
 // Every layout, with and without a next MCU: the routine the selector picks
@@ -155,13 +126,6 @@ TEST(ScaledUpsampling, ReplicatesOnlyAtEveryLevel) {
                             << name(layout) << " level " << level << " c " << c << " " << y << "," << x;
             }
         }
-    SyntheticFrame f({0x22, 0x12, 0x11}, 0);
-    jpgReadScaleOutputUpSamplingTo22(f.p);
-    int16_t **cb = f.p->blockPointers + 4;
-    EXPECT_EQ(cb[0], f.block(1, 0));
-    EXPECT_EQ(cb[1], f.block(1, 0));
-    EXPECT_EQ(cb[2], f.block(1, 1));
-    EXPECT_EQ(cb[3], f.block(1, 1));
 }
 
 }  // namespace

@@ -5,8 +5,6 @@
 // each agree within 1.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-
 #include "core/codec.h"
 #include "test_support.h"
 
@@ -110,7 +108,7 @@ TEST(YcckOutput, EqualsTheYCbCrEquationsOnTheRawSamples) {
 // inverse DCTs round differently), our conversion of libjpeg's samples within
 // 1 of libjpeg's CMYK (its G rounds the sum of the two chroma terms once).
 // End to end the converter scales a sample difference of 1 by up to 1.772,
-// so whole decodes are only bounded loosely and printed.
+// so whole decodes are only bounded loosely.
 TEST(YcckOutput, AgreesWithLibjpegStageByStage) {
     if (libjpegCmyk().empty())
         GTEST_SKIP() << "libjpeg not found for this target";
@@ -118,8 +116,6 @@ TEST(YcckOutput, AgreesWithLibjpegStageByStage) {
     Image photo = photographAsCmyk();
     if (!photo.pixels.empty())
         pictures.push_back({"photograph", photo});
-    std::printf("%-11s %-5s %-3s %-4s %14s %10s %21s\n", "picture", "kind", "q", "samp",
-                "samples (max)", "conversion", "end to end (dB, max)");
     for (const auto &[name, picture] : pictures)
         for (const std::string kind : {"ycck", "cmyk"})
             for (int quality : {75, 100})
@@ -141,9 +137,6 @@ TEST(YcckOutput, AgreesWithLibjpegStageByStage) {
                     Difference conversion =
                         compare(kind == "ycck" ? ycckToCmyk(theirsRaw) : theirsRaw, theirs);
                     Difference whole = compare(ours, theirs, step);
-                    std::printf("%-11s %-5s %-3d %-4s %14d %10d %15.2f %5d\n", name.c_str(),
-                                kind.c_str(), quality, sampling.c_str(), samples.maxDiff,
-                                conversion.maxDiff, whole.psnr, whole.maxDiff);
                     EXPECT_LE(samples.maxDiff, 1);
                     EXPECT_LE(conversion.maxDiff, 1);
                     EXPECT_LE(whole.maxDiff, kind == "ycck" ? 4 : 1);
