@@ -99,7 +99,8 @@ void expectSameDecoding(const JpgHuffmanTable &t, const HuffmanDefinition &table
         if (!same) {
             ADD_FAILURE() << "window " << std::hex << w << ": reference valid " << want.valid << " symbol "
                           << want.symbol << " length " << std::dec << want.codeLength << ", tables valid "
-                          << got.valid << " symbol " << std::hex << got.symbol << " length " << std::dec << got.codeLength;
+                          << got.valid << " symbol " << std::hex << got.symbol << " length " << std::dec
+                          << got.codeLength;
             mismatches++;
         }
     }
