@@ -93,8 +93,6 @@ TEST(LosslessEncode, ArgumentChecks) {
         EXPECT_EQ(jpgWriteSpatialFromRect(w.h, &r, 10), JPG_STATUS_OK) << "rows cut at the image height";
         EXPECT_EQ(jpgWriteSpatialFromRect(w.h, &r, 1), JPG_STATUS_INVALID_PARAMETER) << "image complete";
     }
-    ReadHandle reader(encode(s, losslessOptions(1)));  // a read handle is no encoder
-    EXPECT_EQ(jpgWriteSpatialFromRect(reader.p, &fits, 6), JPG_STATUS_WRONG_MODE);
     {
         // The widest frame a stream can state, and a bottom-up source that
         // states no allocation: both accepted, the second giving the same stream.

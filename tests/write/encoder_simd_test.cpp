@@ -2,9 +2,9 @@
 // reciprocal division against real division over every dividend, the
 // forward DCT and the transform-and-quantize kernels of every processor
 // level this machine runs against the portable ones, the 64-bit bit sink
-// against jpgWritePutBits, the direct block conversion of full MCUs against
-// conversion into planes plus plain down-sampling, and whole encodes at
-// every level against the portable encoder where the golden manifest has none.
+// against jpgWritePutBits, and the direct block conversion of full MCUs
+// against conversion into planes plus plain down-sampling. (Whole encodes at
+// every level: the golden manifest.)
 #include <gtest/gtest.h>
 
 #include <random>
@@ -336,38 +336,5 @@ TEST(EncoderSimd, DirectYCbCrBlocksMatchPlanesAndDownSampling) {
         EXPECT_EQ(convert(&m.ctx, 16, 0), JPG_STATUS_INVALID_PARAMETER) << kivtest::processorName(flag);
         m.ctx.factors[1][0] = 1;
         EXPECT_EQ(convert(&m.ctx, 16, 0), JPG_STATUS_OK);
-    }
-}
-
-// Whole encodes at every level give the portable encoder's bytes, for what
-// the golden manifest's encode lines (4:2:0, 4:2:2 and 4:4:4 at qualities 50
-// to 95, averaging at 4:2:0, one restart interval, whole images) leave out:
-// 4:1:1 and 4:4:0 sampling, qualities 100 (divisors of 8, near the division
-// fallback) and 10, averaging at 4:4:4 and 4:1:1, and strips.
-TEST(EncoderSimd, EveryLevelEncodesLikeThePortableEncoder) {
-    kivtest::Image image = kivtest::readPnm(kivtest::corpus("samples/testorig.ppm"));
-    struct Setting {
-        uint32_t sampling, quality, method;
-        uint16_t restart;
-        uint32_t strip;
-    };
-    const Setting settings[] = {{0x411111, 100, 0, 0, 0}, {0x121111, 10, 0, 5, 0}, {0x111111, 90, 0, 0, 16},
-                                {0x221111, 90, 1, 0, 32}, {0x111111, 100, 1, 0, 0}, {0x411111, 75, 1, 2, 8}};
-    for (const Setting &s : settings) {
-        kivtest::EncodeOptions o;
-        o.sampling = s.sampling;
-        o.quality = s.quality;
-        o.method = s.method;
-        o.restart = s.restart;
-        o.strip = s.strip;
-        o.processor = 0;
-        std::vector<uint8_t> portable = kivtest::encode(image, o);
-        ASSERT_FALSE(portable.empty());
-        for (uint32_t flag : kivtest::processorFlags()) {
-            o.processor = flag;
-            EXPECT_EQ(kivtest::encode(image, o), portable) << kivtest::processorName(flag) << " sampling " << std::hex
-                                                           << s.sampling << std::dec << " q" << s.quality << " method "
-                                                           << s.method << " strip " << s.strip;
-        }
     }
 }
