@@ -32,17 +32,6 @@ TEST(Handle, CheckRejectsNullWrongMagicAndWrongSize) {
     h.p->magic = kJpgMagic;
 }
 
-TEST(Handle, PathIsCopiedOnlyWhenItFits) {
-    JpgParam *p = jpgProlog("/tmp/some.jpg");
-    ASSERT_NE(p, nullptr);
-    EXPECT_STREQ(p->bs.path, "/tmp/some.jpg");
-    jpgEpilog(p);
-    JpgParam *longest = jpgProlog(std::string(259, 'a').c_str());
-    ASSERT_NE(longest, nullptr);
-    jpgEpilog(longest);
-    EXPECT_EQ(jpgProlog(std::string(260, 'a').c_str()), nullptr);
-}
-
 TEST(Handle, EpilogReleasesEveryOwnedBuffer) {
     JpgParam *p = jpgProlog(nullptr);
     ASSERT_NE(p, nullptr);

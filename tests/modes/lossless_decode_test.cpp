@@ -23,11 +23,7 @@ Bytes patched(Bytes b, uint8_t code, size_t delta, uint8_t value) {
 size_t ssOffset(const Bytes &b) { return 5 + 2 * size_t(b[findMarker(b, 0xDA) + 4]); }
 
 Decoded decodeRows(const Bytes &b, uint32_t batch = 0, int32_t flags = 0) {
-    DecodeOptions o;
-    o.batch = batch;
-    o.flags = flags;
-    o.fill = 0xEE;
-    return decode(b, o);
+    return decode(b, {.batch = batch, .flags = flags, .fill = 0xEE});
 }
 
 Image samples(int w, int h, int c, int bits, std::vector<uint32_t> values) {

@@ -34,9 +34,7 @@ TEST(LosslessEncode, RestartMarkersCycle) {
     expected.push_back(0xD9);
     EXPECT_EQ(markerCodes(b), expected);
     EXPECT_EQ(be16(b, findMarker(b, 0xDD) + 4), 10u) << "two rows of five samples";
-    DecodeOptions batches;
-    batches.batch = 4;
-    EXPECT_TRUE(decode(b, batches).image == s);
+    EXPECT_TRUE(decode(b, {.batch = 4}).image == s);
     Image even = gradientImage(5, 20, 1, 8, 3);
     Bytes e = encode(even, losslessOptions(4, 2));
     std::vector<uint8_t> codes = markerCodes(e);
@@ -119,9 +117,7 @@ void expectRoundTrip(const Image &s, const EncodeOptions &o, uint32_t decodeBatc
     JpgStatus st;
     Bytes stream = encode(s, o, &st);
     ASSERT_EQ(st, JPG_STATUS_OK) << what;
-    DecodeOptions d;
-    d.batch = decodeBatch;
-    Decoded back = decode(stream, d);
+    Decoded back = decode(stream, {.batch = decodeBatch});
     ASSERT_EQ(back.status, JPG_STATUS_OK) << what;
     ASSERT_TRUE(back.image == s) << what;
 }

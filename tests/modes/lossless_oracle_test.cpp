@@ -97,9 +97,7 @@ void expectFfmpegStreamDecodes(const std::vector<uint8_t> &bgrx, uint32_t w, uin
               0);
     std::vector<uint8_t> stream = readFile(jpg);
     for (uint32_t batch : {0u, 7u}) {
-        DecodeOptions o;
-        o.batch = batch;
-        Decoded d = decode(stream, o);
+        Decoded d = decode(stream, {.batch = batch});
         ASSERT_EQ(d.status, JPG_STATUS_OK);
         ASSERT_EQ(d.image.bits, 9);
         ASSERT_EQ(uint32_t(d.image.channels), channels);

@@ -81,9 +81,7 @@ TEST(ProgressiveDecode, RectanglesAreNotOverrun) {
 // the baseline original gives them; a walk over the marker segments first
 // (or between passes) moves the input, and the decode rewinds to the first scan.
 TEST(ProgressiveDecode, NoColourConversionAndSegmentWalk) {
-    DecodeOptions o;
-    o.noConversion = true;
-    Image expected = decode(testorig(), o).image;
+    Image expected = decode(testorig(), {.noConversion = true}).image;
     ReadHandle h(testprog());
     ASSERT_EQ(jpgReadSetNoColorConversion(h.p), JPG_STATUS_OK);
     Image four(227, 149, 4);
@@ -96,9 +94,8 @@ TEST(ProgressiveDecode, NoColourConversionAndSegmentWalk) {
         ReadHandle walked(testprog());
         for (int i = 0; jpgReadSeekMarkerSegment(walked.p, i ? 1 : 0, &marker, &length) == JPG_STATUS_OK; i++)
             continue;  // to the last segment, behind the scans
-        DecodeOptions scale;
-        scale.level = level;
-        EXPECT_EQ(differences(decodeOpen(walked.p, scale).image, decode(testprog(), scale).image), 0u) << level;
+        Image expected = decode(testprog(), {.level = level}).image;
+        EXPECT_EQ(differences(decodeOpen(walked.p, {.level = level}).image, expected), 0u) << level;
     }
     Image final = decode(testprog()).image;
     // A walk between incremental passes: the next pass starts again from the
@@ -160,8 +157,7 @@ TEST(ProgressiveDecode, DisturbedRestartMarkers) {
          JPG_STATUS_ERROR},
     };
     for (const auto &c : cases) {
-        DecodeOptions o;
-        o.flags = 4;
+        DecodeOptions o{.flags = 4};
         Decoded normal = decode(c.stream, o);
         EXPECT_EQ(normal.status, c.normal) << c.name;
         o.incremental = true;

@@ -76,11 +76,7 @@ void expectSamePixels(const Bytes &jpeg, const Image (&levels)[4], const std::st
     if (!progressive && multiScan)
         fullSize.push_back(Driver::Progressive);
     auto expect = [&](Driver driver, int level, uint32_t batch) {
-        DecodeOptions o;
-        o.driver = driver;
-        o.level = level;
-        o.batch = batch;
-        Decoded d = decode(jpeg, o);
+        Decoded d = decode(jpeg, {.driver = driver, .level = level, .batch = batch});
         EXPECT_EQ(d.status, JPG_STATUS_OK) << what;
         EXPECT_EQ(differences(d.image, levels[level]), 0u)
             << what << " driver " << int(driver) << " level " << level << " batch " << batch;
@@ -105,9 +101,7 @@ TEST(ScanStructures, TranscodesDecodeToTheOriginalsPixels) {
             Bytes base = cjpeg(image, grey ? "-grayscale" : std::string("-sample ") + sampling + ",1x1,1x1");
             Image levels[4];
             for (int level = 0; level < 4; level++) {
-                DecodeOptions o;
-                o.level = level;
-                Decoded d = decode(base, o);
+                Decoded d = decode(base, {.level = level});
                 ASSERT_EQ(d.status, JPG_STATUS_OK);
                 levels[level] = d.image;
             }
@@ -169,10 +163,8 @@ TEST(ScanStructures, CutProgressiveStreamsShowTheScansReceived) {
     std::string script = writeTemp("cut-script.txt", kColourScripts.at("successive"));
     for (const char *restart : {"", " -restart 3"}) {
         Bytes prog = jpegtran(readFile(corpus("samples/testorig.jpg")), "-scans '" + script + "'" + restart);
-        DecodeOptions incremental;
-        incremental.incremental = true;
-        incremental.batch = *restart ? 48 : 0;  // every pass delivers the whole image, in any batches
-        Decoded all = decode(prog, incremental);
+        // Every pass delivers the whole image, in any batches.
+        Decoded all = decode(prog, {.batch = *restart ? 48u : 0u, .incremental = true});
         ASSERT_EQ(all.status, JPG_STATUS_ERROR);  // the pass after the last scan
         ASSERT_EQ(all.passes.size(), 10u);
         EXPECT_TRUE(all.guardIntact);
@@ -185,9 +177,7 @@ TEST(ScanStructures, CutProgressiveStreamsShowTheScansReceived) {
             size_t scan = 0;  // scans started before the cut
             for (size_t sos = findMarker(prog, 0xDA); sos < at; sos = findMarker(prog, 0xDA, sos + 2))
                 scan++;
-            DecodeOptions o;
-            o.flags = 4;
-            Decoded cut = decode(Bytes(prog.begin(), prog.begin() + long(at)), o);
+            Decoded cut = decode(Bytes(prog.begin(), prog.begin() + long(at)), {.flags = 4});
             EXPECT_EQ(cut.status, JPG_STATUS_UNEXPECTED_END) << what;
             const Image &after = all.passes[scan - 1], &before = scan >= 2 ? all.passes[scan - 2] : grey;
             int y = 0;

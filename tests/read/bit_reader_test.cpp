@@ -61,7 +61,8 @@ TEST(BitReader, CallsOnHandMadeData) {
          {{kGet, 3, 0x5}, {kShowMarker, 0, 0xFFD3}, {kFlushMarker, 0, 0}, {kShowMarker, 0, 0x12}, {kGet, 8, 0x12}}},
         {"a stuffed zero where a marker was expected: the byte after it takes its place", {0xFF, 0x00, 0x5C, 0x77},
          {{kShowMarker, 0, 0xFF00}, {kDeleteStuffing, 0, 0}, {kGet, 16, 0xFF5C}, {kGet, 8, 0x77}}},
-        {"flush to the byte boundary", {0xF0, 0x0F}, {{kGet, 3, 0x7}, {kFlushBits, 0, 0}, {kHeldMod8, 0, 0}, {kGet, 8, 0x0F}}},
+        {"flush to the byte boundary", {0xF0, 0x0F},
+         {{kGet, 3, 0x7}, {kFlushBits, 0, 0}, {kHeldMod8, 0, 0}, {kGet, 8, 0x0F}}},
     };
     for (const auto &c : cases) {
         RawReader r(c.data);

@@ -126,9 +126,7 @@ constexpr int32_t kNoEndSearch = 0x4;  // truncated streams open; the decoder me
 Bytes testorig() { return readFile(corpus("samples/testorig.jpg")); }
 Bytes testprog() { return readFile(corpus("samples/testprog.jpg")); }
 Bytes verticalPairs() {  // luma 1x2: every MCU stands alone
-    EncodeOptions o;
-    o.sampling = 0x121111;
-    return encode(picture(37, 29, 3, 4, 1), o);
+    return encode(picture(37, 29, 3, 4, 1), {.sampling = 0x121111});
 }
 Bytes lossless16() { return encode(randomImage(40, 30, 1, 16, 9), losslessOptions(4, 7)); }
 Bytes lossless6() { return encode(randomImage(7, 5, 2, 6, 3), losslessOptions(7, 1)); }
@@ -172,9 +170,8 @@ protected:
     void SetUp() override {
         stream = GetParam().stream();
         ASSERT_FALSE(stream.empty());
-        DecodeOptions o;
-        o.level = GetParam().level;
-        Decoded d = decode(stream, o);  // one call of the driver the frame's process needs
+        // One call of the driver the frame's process needs.
+        Decoded d = decode(stream, {.level = GetParam().level});
         ASSERT_EQ(d.status, JPG_STATUS_OK);
         whole = d.image;
         ReadHandle h(stream);
@@ -196,12 +193,8 @@ protected:
 TEST_P(DecodeDrivers, EveryBatchingGivesThePixelsOfOneCall) {
     const DriverCase &c = GetParam();
     for (uint32_t batch : c.batches) {
-        DecodeOptions o;
-        o.driver = c.driver;
-        o.level = c.level;
-        o.batch = batch;
         ReadHandle h(stream);
-        Decoded d = decodeOpen(h.p, o);
+        Decoded d = decodeOpen(h.p, {.driver = c.driver, .level = c.level, .batch = batch});
         EXPECT_EQ(d.status, JPG_STATUS_OK) << "batch " << batch;
         EXPECT_EQ(differences(d.image, whole), 0u) << "batch " << batch;
         EXPECT_TRUE(d.guardIntact) << "batch " << batch;
@@ -293,11 +286,8 @@ TEST_P(DecodeDrivers, TruncatedStreamsEndWithTheirStatus) {
             std::string what = "cut at " + std::to_string(cut) + (closed ? " + EOI" : "");
             if (closed)
                 part.insert(part.end(), {0xFF, 0xD9});
-            DecodeOptions o;
-            o.driver = c.driver;
-            o.level = c.level;
-            o.batch = c.driver == Driver::Mcus ? 0 : unit;
-            o.flags = closed ? 0 : kNoEndSearch;
+            DecodeOptions o{.driver = c.driver, .level = c.level, .batch = c.driver == Driver::Mcus ? 0 : unit,
+                            .flags = closed ? 0 : kNoEndSearch};
             Decoded d = decode(part, o);
             // Near the end the missing bytes may not be needed (at 1/8 the
             // last partial MCU row is not decoded): then the whole image; the

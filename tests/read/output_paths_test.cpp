@@ -17,23 +17,16 @@ TEST(OutputPaths, FastPathsMatchThePixelByPixelPath) {
     for (auto [channels, sampling] : {std::pair{3, 0x221111u}, {3, 0x211111u}, {3, 0x121111u}, {3, 0x111111u},
                                       {3, 0x222121u}, {1, 0u}})
         for (auto [w, h] : {std::pair{1, 1}, {7, 3}, {17, 33}, {35, 19}, {64, 16}, {50, 41}}) {
-            EncodeOptions e;
-            e.sampling = sampling;
-            Bytes jpeg = encode(picture(w, h, channels, 24, uint32_t(w * 131 + h)), e);
+            Bytes jpeg = encode(picture(w, h, channels, 24, uint32_t(w * 131 + h)), {.sampling = sampling});
             if (jpeg.empty())
                 continue;  // a sampling the encoder refuses
-            DecodeOptions o;
-            o.channels = 4;
-            o.processor = 0;
-            Image plain = decode(jpeg, o).image;
+            Image plain = decode(jpeg, {.channels = 4, .processor = 0}).image;
             ASSERT_EQ(plain.width, w);
             decoded++;
             for (uint32_t flag : processorFlags()) {
-                o.channels = 4;
-                o.processor = flag;
-                ASSERT_TRUE(decode(jpeg, o).image == plain) << processorName(flag) << " pixel by pixel";
-                o.channels = channels;
-                Decoded fast = decode(jpeg, o);
+                ASSERT_TRUE(decode(jpeg, {.channels = 4, .processor = flag}).image == plain)
+                    << processorName(flag) << " pixel by pixel";
+                Decoded fast = decode(jpeg, {.channels = channels, .processor = flag});
                 ASSERT_EQ(fast.status, JPG_STATUS_OK);
                 for (size_t i = 0; i < size_t(w) * h; i++)
                     for (int k = 0; k < channels; k++)

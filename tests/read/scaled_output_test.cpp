@@ -91,10 +91,7 @@ TEST(ScaledOutput, MatchesDjpegScaledOutput) {
         for (int level = 0; level <= 3; level++)
             for (bool luma : {false, true}) {
                 SCOPED_TRACE(file + " level " + std::to_string(level) + (luma ? " luma" : " colour"));
-                DecodeOptions o;
-                o.level = level;
-                o.noConversion = luma;
-                Decoded ours = decode(readFile(file), o);
+                Decoded ours = decode(readFile(file), {.level = level, .noConversion = luma});
                 ASSERT_EQ(ours.status, JPG_STATUS_OK);
                 Image theirs;
                 ASSERT_TRUE(djpeg(file, &theirs, std::string("-dct int -nosmooth -scale ") + kScale[level] +
@@ -114,12 +111,7 @@ TEST(ScaledOutput, MatchesDjpegScaledOutput) {
 TEST(ScaledOutput, SwitchingLevelsRewindsAndRepeatsThePixels) {
     Bytes data = readFile(corpus("samples/testorig.jpg"));
     ReadHandle h(data);
-    auto at = [&](int level) {
-        DecodeOptions o;
-        o.level = level;
-        o.driver = Driver::Scaled;
-        return decodeOpen(h.p, o);
-    };
+    auto at = [&](int level) { return decodeOpen(h.p, {.driver = Driver::Scaled, .level = level}); };
     Image half1 = at(2).image, full1 = at(3).image, half2 = at(2).image, quarter = at(1).image;
     // The same level again does not rewind: every line has been delivered.
     uint8_t spare[3 * 1024];

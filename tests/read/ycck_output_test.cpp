@@ -51,12 +51,7 @@ TEST(YcckOutput, AdobeTransformChoosesTheConverter) {
 // Decodes a whole stream into four channels at a scale level (3: full
 // size) through the driver its process needs, converted or as raw samples.
 Image decodeAt(const Bytes &jpeg, int level, bool raw) {
-    DecodeOptions o;
-    o.level = level;
-    o.noConversion = raw;
-    o.channels = 4;
-    o.fill = 0x55;
-    Decoded d = decode(jpeg, o);
+    Decoded d = decode(jpeg, {.level = level, .channels = 4, .noConversion = raw, .fill = 0x55});
     EXPECT_EQ(d.status, JPG_STATUS_OK) << "level " << level;
     return d.image;
 }

@@ -43,12 +43,8 @@ TEST_P(EncodeMatrix, EveryStreamIsStrictlyValid) {
     const MatrixCase &c = GetParam();
     for (auto [w, h] : {std::pair{1, 1}, {7, 3}, {17, 33}, {35, 19}, {64, 16}}) {
         Image img = picture(w, h, c.channels, 10, uint32_t(w * h));
-        EncodeOptions o;
-        o.sampling = c.sampling;
-        o.method = c.method;
-        o.noConversion = c.noConversion;
-        o.colorSpace = c.colorSpace;
-        o.restart = c.restart;
+        EncodeOptions o{.sampling = c.sampling, .method = c.method, .noConversion = c.noConversion,
+                        .colorSpace = c.colorSpace, .restart = c.restart};
         JpgStatus status = 0;
         auto jpeg = encode(img, o, &status);
         std::string what = "size " + std::to_string(w) + "x" + std::to_string(h) + " status " +
@@ -98,11 +94,8 @@ TEST(EncodeSampling, EveryAcceptedFactorIsValid) {
         if (status != JPG_STATUS_OK)
             continue;
         accepted++;
-        EncodeOptions o;
-        o.sampling = factor;
-        o.method = accepted % 2;
-        o.restart = static_cast<uint16_t>(accepted % 3);
-        auto jpeg = encode(three, o);
+        auto jpeg =
+            encode(three, {.sampling = factor, .method = uint32_t(accepted % 2), .restart = uint16_t(accepted % 3)});
         std::string errors;
         ASSERT_TRUE(jpegtranAccepts(jpeg, &errors)) << std::hex << factor << ": " << errors;
         ASSERT_EQ(djpegStrict(jpeg, &errors).width, 13) << std::hex << factor << ": " << errors;
@@ -111,9 +104,7 @@ TEST(EncodeSampling, EveryAcceptedFactorIsValid) {
     std::printf("%d three-component factors accepted and verified\n", accepted);
     Image four = picture(9, 10, 4, 10, 6);
     for (uint32_t factor : {0x11111111u, 0x22111111u, 0x21212121u, 0x12111112u, 0x41111111u, 0x22121111u}) {
-        EncodeOptions o;
-        o.sampling = factor;
-        auto jpeg = encode(four, o);
+        auto jpeg = encode(four, {.sampling = factor});
         EXPECT_TRUE(jpegtranAccepts(jpeg)) << std::hex << factor;
     }
 }

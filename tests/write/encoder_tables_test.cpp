@@ -51,9 +51,8 @@ std::map<int, Bytes> dhtTables(const Bytes &jpeg) {
 TEST(EncoderTables, TablesEqualTheReferenceEncodersForEveryQuality) {
     Image img = colour(16, 16);
     for (uint32_t q : {1u, 2u, 5u, 10u, 25u, 33u, 49u, 50u, 51u, 67u, 75u, 90u, 95u, 99u, 100u}) {
-        EncodeOptions o;
-        o.quality = q;
-        Bytes ours = encode(img, o), reference = cjpeg(img, "-quality " + std::to_string(q) + " -baseline");
+        Bytes ours = encode(img, {.quality = q});
+        Bytes reference = cjpeg(img, "-quality " + std::to_string(q) + " -baseline");
         ASSERT_EQ(dqtTables(ours).size(), 2u) << q;
         EXPECT_EQ(dqtTables(ours), dqtTables(reference)) << "quality " << q;
         ASSERT_EQ(dhtTables(ours).size(), 4u);
@@ -62,9 +61,7 @@ TEST(EncoderTables, TablesEqualTheReferenceEncodersForEveryQuality) {
 }
 
 TEST(EncoderTables, SegmentLayoutAndOrder) {
-    EncodeOptions o;
-    o.restart = 2;
-    std::vector<Segment> segments = headerSegments(encode(colour(9, 9), o));
+    std::vector<Segment> segments = headerSegments(encode(colour(9, 9), {.restart = 2}));
     std::vector<uint16_t> order;
     for (const Segment &s : segments)
         order.push_back(s.marker);

@@ -118,9 +118,7 @@ TEST(McuEncoder, DcQuantizationAndPrediction) {
 
 TEST(McuEncoder, RestartMarkersCycleAndSegmentsStartFresh) {
     Image img = grayRamp(8 * 20, 8);  // 20 MCUs
-    EncodeOptions o;
-    o.restart = 2;
-    auto jpeg = encode(img, o);
+    auto jpeg = encode(img, {.restart = 2});
     std::vector<uint16_t> expected;
     for (int i = 0; i < 10; i++)
         expected.push_back(static_cast<uint16_t>(0xFFD0 + i % 8));
@@ -130,8 +128,7 @@ TEST(McuEncoder, RestartMarkersCycleAndSegmentsStartFresh) {
     EXPECT_EQ(djpegStrict(jpeg).pixels, djpegStrict(plain).pixels) << "restart intervals change no pixel";
     EXPECT_TRUE(restartMarkers(plain).empty());
     EXPECT_EQ(findMarker(plain, 0xDD), std::string::npos);
-    o.restart = 65535;  // larger than the image: DRI only
-    Bytes large = encode(img, o);
+    Bytes large = encode(img, {.restart = 65535});  // larger than the image: DRI only
     EXPECT_TRUE(restartMarkers(large).empty());
     EXPECT_TRUE(jpegtranAccepts(large));
 }
@@ -142,11 +139,7 @@ TEST(McuEncoder, StripsOfMcuRowsGiveTheSameStream) {
     Image img = readPnm(corpus("samples/testorig.ppm"));
     for (uint16_t restart : {0, 3, 7}) {
         for (uint32_t method : {0u, 1u}) {
-            EncodeOptions whole;
-            whole.restart = restart;
-            whole.method = method;
-            whole.setSize = true;
-            EncodeOptions strips = whole;
+            EncodeOptions whole{.method = method, .restart = restart, .setSize = true}, strips = whole;
             strips.strip = 16;  // one MCU row of 4:2:0
             auto a = encode(img, whole);
             auto b = encode(img, strips);
