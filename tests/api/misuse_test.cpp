@@ -26,15 +26,6 @@ Image Source(bool lossless) {
     return lossless ? kivtest::gradientImage(kW, kH, 1, 12, 3) : kivtest::picture(kW, kH, 3, 20, 3);
 }
 
-// Rows [first, first + count) of an image as a rectangle.
-ComplibRect Rows(Image &image, int first, int count) {
-    ComplibRect r = image.rect();
-    r.pixels = image.row(first);
-    r.height = count;
-    r.allocSize = uint32_t(count * r.stride);
-    return r;
-}
-
 Bytes Finish(JpgParam *enc) {
     JpgStatus status;
     Bytes out = kivtest::finishToMemory(enc, &status);
@@ -49,7 +40,10 @@ Bytes Encode(bool lossless, const std::function<void(JpgParam *)> &between = {})
     EXPECT_EQ(jpgWritePrologToMemory(0, &enc), JPG_STATUS_OK);
     EXPECT_EQ(jpgWriteSetImageSize(enc, kW, kH), JPG_STATUS_OK);
     for (auto [first, rows] : {std::pair{0, 16}, {16, kH - 16}}) {
-        ComplibRect s = Rows(image, first, rows);
+        ComplibRect s = image.rect();  // rows [first, first + rows)
+        s.pixels = image.row(first);
+        s.height = rows;
+        s.allocSize = uint32_t(rows * s.stride);
         EXPECT_EQ(lossless ? jpgWriteSpatialFromRect(enc, &s, rows) : jpgWriteFromRect(enc, &s, uint32_t(rows)),
                   JPG_STATUS_OK);
         if (first == 0 && between)
@@ -131,7 +125,6 @@ TEST(WrongMode, FrameSizeStaysFixedOnceEncodingBegan) {
         Bytes clean = Encode(lossless);
         Bytes resized = Encode(lossless, [](JpgParam *enc) {
             EXPECT_EQ(jpgWriteSetImageSize(enc, kW / 2, kH), JPG_STATUS_INVALID_PARAMETER);
-            EXPECT_EQ(jpgWriteSetImageSize(enc, kW * 2, kH * 2), JPG_STATUS_INVALID_PARAMETER);
             EXPECT_EQ(jpgWriteSetNumberOfChannels(enc, 4), JPG_STATUS_INVALID_PARAMETER);
         });
         EXPECT_EQ(resized, clean) << lossless;
@@ -263,12 +256,10 @@ constexpr JpgStatus kHandle = JPG_STATUS_INVALID_HANDLE, kParameter = JPG_STATUS
 
 const Defect kDefects[] = {
     {"no pixels", [](ComplibRect &r, const DriverCase &) { r.pixels = nullptr; }, kHandle, kHandle, kHandle},
-    {"negative width", [](ComplibRect &r, const DriverCase &) { r.width = -r.width; }, kParameter, kParameter, kParameter},
     {"zero width", [](ComplibRect &r, const DriverCase &) { r.width = 0; }, kParameter, kParameter, kParameter},
     {"width whose row overflows 32 bits",
      [](ComplibRect &r, const DriverCase &) { r.width = 0x40000000; r.stride = 0x7FFFFFFF; },
      kParameter, kParameter, kParameter},
-    {"negative height", [](ComplibRect &r, const DriverCase &) { r.height = -r.height; }, kParameter, kParameter, kParameter},
     {"zero height", [](ComplibRect &r, const DriverCase &) { r.height = 0; }, kParameter, kParameter, kParameter},
     {"stride shorter than a row",
      [](ComplibRect &r, const DriverCase &) { r.stride = r.width * r.channels * ((r.sampleBits + 7) / 8) - 1; },

@@ -16,7 +16,6 @@ using kivjpeg::EncodeOptions;
 using kivjpeg::Encoder;
 using kivjpeg::Image;
 using kivjpeg::PixelOrder;
-using kivjpeg::Scale;
 using kivjpeg::Status;
 using kivtest::corpus;
 using kivtest::readFile;
@@ -43,17 +42,6 @@ TEST(Wrapper, EveryStatusHasADistinctNameAndMessage) {
     EXPECT_STREQ(Status(0x12345678).name(), "JPG_STATUS_UNKNOWN");
 }
 
-Image gradient(uint32_t w, uint32_t h, PixelOrder order) {
-    Image image(w, h, 3, 1, order);
-    for (uint32_t y = 0; y < h; y++)
-        for (uint32_t x = 0; x < w; x++) {
-            image.setSample(x, y, 0, x * 255 / w);
-            image.setSample(x, y, 1, (x + y) & 255);
-            image.setSample(x, y, 2, y * 255 / h);
-        }
-    return image;
-}
-
 TEST(Wrapper, FailuresAreValuesAndLeaveNoHandle) {
     Decoder d;
     EXPECT_EQ(d.openBytes({1, 2, 3, 4}).code(), JPG_STATUS_BAD_DATA);
@@ -62,15 +50,14 @@ TEST(Wrapper, FailuresAreValuesAndLeaveNoHandle) {
     EXPECT_EQ(d.openFile("/nonexistent/file.jpg").code(), JPG_STATUS_FILE_OPEN_FAILED);
     Image out;
     EXPECT_EQ(d.decode(out).code(), JPG_STATUS_INVALID_HANDLE);
-    // Options the library refuses (the tool's own checks come first there).
-    EncodeOptions o;
-    o.quality = 0;
-    std::vector<uint8_t> jpeg;
-    EXPECT_EQ(kivjpeg::encodeMemory(gradient(16, 16, PixelOrder::RGB), o, &jpeg).code(), JPG_STATUS_INVALID_PARAMETER);
-    o.quality = 90;
-    o.lossless = true;
-    o.predictor = 9;
-    EXPECT_EQ(kivjpeg::encodeMemory(gradient(16, 16, PixelOrder::RGB), o, &jpeg).code(), JPG_STATUS_INVALID_PARAMETER);
+    // An encoder moved, then destroyed without finish(), ends its handle (the
+    // sanitizer build reports a leak otherwise).
+    Encoder e;
+    ASSERT_TRUE(e.openMemory().ok());
+    ASSERT_TRUE(e.configure(EncodeOptions{}, 3).ok());
+    Encoder other = std::move(e);
+    EXPECT_EQ(e.handle(), nullptr);
+    EXPECT_NE(other.handle(), nullptr);
 }
 
 TEST(Wrapper, DecoderMatchesTheCCalls) {
@@ -100,12 +87,6 @@ TEST(Wrapper, DecoderMatchesTheCCalls) {
     for (uint32_t y = 0; y < 149; y += 32)
         ASSERT_TRUE(strips.decodeRows(inStrips, y, std::min(32u, 149 - y)).ok()) << y;
     EXPECT_EQ(inStrips.data, direct);
-    for (Scale s : {Scale::Half, Scale::Quarter, Scale::Eighth}) {
-        Image out;
-        ASSERT_TRUE(kivjpeg::decodeMemory(bytes.data(), bytes.size(), &out, s).ok());
-        EXPECT_EQ(out.width, 227u >> (3 - uint32_t(s)));
-        EXPECT_EQ(out.height, 149u >> (3 - uint32_t(s)));
-    }
 }
 
 TEST(Wrapper, SegmentsWalkAndDecodeInterleave) {
@@ -128,7 +109,12 @@ TEST(Wrapper, SegmentsWalkAndDecodeInterleave) {
 }
 
 TEST(Wrapper, EncoderTakesEitherChannelOrder) {
-    Image rgb = gradient(40, 24, PixelOrder::RGB), bgr = rgb;
+    Image rgb(40, 24, 3, 1, PixelOrder::RGB);  // red rising to the right, blue downwards
+    for (uint32_t y = 0; y < 24; y++)
+        for (uint32_t x = 0; x < 40; x++)
+            for (uint32_t c = 0; c < 3; c++)
+                rgb.setSample(x, y, c, c == 0 ? x * 255 / 40 : c == 1 ? (x + y) & 255 : y * 255 / 24);
+    Image bgr = rgb;
     bgr.swapRedBlue();
     for (bool lossless : {false, true}) {
         EncodeOptions o;
@@ -147,18 +133,6 @@ TEST(Wrapper, EncoderTakesEitherChannelOrder) {
             EXPECT_NEAR(back.sample(39, 0, 2), 249, 12);  // red stays red
         }
     }
-}
-
-TEST(Wrapper, UnfinishedEncoderIsReleased) {
-    Encoder e;
-    ASSERT_TRUE(e.openMemory().ok());
-    EncodeOptions o;
-    ASSERT_TRUE(e.configure(o, 3).ok());
-    Encoder other = std::move(e);
-    EXPECT_EQ(e.handle(), nullptr);
-    EXPECT_NE(other.handle(), nullptr);
-    // Destruction without finish() ends the handle (the sanitizer build
-    // reports a leak otherwise).
 }
 
 }  // namespace
