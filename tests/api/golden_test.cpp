@@ -97,10 +97,7 @@ Bytes encodeEntry(const Image &image, const Entry &e, uint32_t processor, JpgSta
 
 // A lossless-decode entry decodes what the lossless encoder makes of the file.
 Decoded decodeEntry(const Entry &e, uint32_t processor) {
-    DecodeOptions o;
-    o.processor = processor;
-    o.level = e.value("scale", 3);
-    o.incremental = e.has("incremental");
+    DecodeOptions o{.level = e.value("scale", 3), .processor = processor, .incremental = e.has("incremental")};
     JpgStatus status = 0;
     Bytes jpeg = e.mode == "lossless-decode" ? encodeEntry(source(e.file), e, processor, &status) : readFile(corpus(e.file));
     Decoded d = decode(jpeg, o);
@@ -122,8 +119,7 @@ std::string toleranceForDecode(const Entry &e, const Image &ours) {
     if (e.mode == "lossless-decode")
         return ours == source(e.file) ? "" : "lossless round trip differs";
     int level = e.value("scale", 3);
-    DecodeOptions o;
-    o.level = level;
+    DecodeOptions o{.level = level};
     if (ours.channels == 4) {
         // djpeg has no four-component output; the same coefficients with
         // re-optimised Huffman tables must decode to the same pixels.
