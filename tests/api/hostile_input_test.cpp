@@ -35,7 +35,6 @@ struct Layout {
     size_t scanData = 0;
 };
 
-
 kivtest::DecodeOutcome TimedDecode(const uint8_t *data, size_t size, const kivtest::DecodePlan &plan,
                                    double *seconds) {
     auto start = std::chrono::steady_clock::now();

@@ -316,5 +316,4 @@ TEST_P(DecodeDrivers, TruncatedStreamsEndWithTheirStatus) {
 INSTANTIATE_TEST_SUITE_P(Drivers, DecodeDrivers, ::testing::ValuesIn(kDrivers),
                          [](const auto &info) { return std::string(info.param.name); });
 
-
 }  // namespace
