@@ -602,7 +602,7 @@ bool libjpegDecodeCmyk(const std::string &jpeg, Image *image, bool raw) {
 std::vector<Segment> headerSegments(const Bytes &jpeg) {
     std::vector<Segment> out;
     for (Segment &s : allSegments(jpeg))
-        if (s.marker != 0xFFD8 && (out.empty() || out.back().marker != 0xFFDA))
+        if ((s.marker < 0xFFD0 || s.marker > 0xFFD9) && (out.empty() || out.back().marker != 0xFFDA))
             out.push_back(std::move(s));
     return out;
 }

@@ -180,7 +180,7 @@ struct Segment {
     Bytes body;
 };
 std::vector<Segment> allSegments(const Bytes &jpeg);  // every marker (RSTn, SOI, EOI without a body)
-std::vector<Segment> headerSegments(const Bytes &jpeg);  // those behind SOI up to the first SOS
+std::vector<Segment> headerSegments(const Bytes &jpeg);  // those with a length, up to the first SOS
 size_t findMarker(const Bytes &b, uint8_t code, size_t from = 2);  // npos when absent
 size_t scanData(const Bytes &b, int scan = 0);  // first byte behind scan's SOS, 0 when absent
 
