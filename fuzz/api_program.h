@@ -531,7 +531,9 @@ private:
         for (size_t i = 0; i < b->bytes.size(); i++)
             b->bytes[i] = Buffer::Pattern(i, g.fill);
         b->offset = offset;
-        if (bottomUp && !capped)  // pixels at the last row; capped buffers state their size
+        // Pixels at the last row when the rows run upwards (a stride made
+        // negative by its delta runs downwards again); capped buffers state their size.
+        if (bottomUp && !capped && stride < 0)
             b->offset = size_t((rows - 1) * span);
         ComplibRect &rect = b->rect;
         rect.width = int32_t(width);
