@@ -1,9 +1,10 @@
 // Misuse of the public interface, as application code commits it: calls of
 // the other family on both kinds of handle, each rectangle defect on each
 // output driver, and the call programs that seed the api fuzz target (every
-// call of the other family and every epilog after every stage among them). Every refusal must name its status, leave the
-// caller's buffer as it was and the handle working; the sanitizer build's
-// leak checker sees every sequence end.
+// call of the other family and every epilog after every stage among them).
+// Every refusal must name its status, leave the caller's buffer as it was
+// and the handle working; the sanitizer build's leak checker sees every
+// sequence end.
 #include <gtest/gtest.h>
 
 #include <algorithm>
