@@ -168,6 +168,7 @@ struct JpgEncodeState {
     uint32_t memInitialSize;   // first size of the memory output block
     int16_t *mcuBlocks;        // this call's MCU block buffer (not owned by the handle)
     const kiv::QuantSteps *quantSteps; // this call's per-component divisors (not owned)
+    uint32_t mcuBatch;         // MCUs in mcuBlocks for one call of the MCU encoder (0: one)
 };
 
 constexpr size_t kStageStateSize = 1144;

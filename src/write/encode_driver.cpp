@@ -78,7 +78,8 @@ bool readyToEncode(const JpgParam *param) {
 
 struct StripBuffers {
     int16_t *planes;
-    int16_t *blocks;
+    int16_t *blocks;   // the blocks of one batch of MCUs
+    uint32_t mcuBlocks;// blocks of one MCU
     JpgWriteConvertContext *ctx;
 };
 
@@ -88,15 +89,16 @@ void releaseStrip(JpgParam *param, StripBuffers &b) {
     jpgMemFree(param, b.ctx);
     param->enc.mcuBlocks = nullptr;
     param->enc.quantSteps = nullptr;
+    param->enc.mcuBatch = 0;
 }
 
 JpgStatus prepareStrip(JpgParam *param, const ComplibRect *rect, uint32_t rows, StripBuffers &b) {
     uint32_t planeBytes = param->mcuWidth * param->mcuHeight * param->numComponents * 2;
-    uint32_t blocks = 0;
+    b.mcuBlocks = 0;
     for (uint32_t i = 0; i < param->numComponents; i++)
-        blocks += param->components[i].blocks;
+        b.mcuBlocks += param->components[i].blocks;
     b.planes = static_cast<int16_t *>(jpgMemAlloc(param, planeBytes));
-    b.blocks = static_cast<int16_t *>(jpgMemAlloc(param, blocks * 64 * 2));
+    b.blocks = static_cast<int16_t *>(jpgMemAlloc(param, b.mcuBlocks * kiv::mcusPerBatch(b.mcuBlocks) * 64 * 2));
     b.ctx = static_cast<JpgWriteConvertContext *>(jpgMemAlloc(param, sizeof(JpgWriteConvertContext)));
     if (b.planes == nullptr || b.blocks == nullptr || b.ctx == nullptr)
         return JPG_STATUS_NO_MEMORY;
@@ -157,12 +159,24 @@ JpgStatus jpgWriteFromRect(JpgParam *param, const ComplibRect *rect, uint32_t ro
         kiv::makeQuantSteps(param->components[i].quant, &steps[i]);
     param->enc.quantSteps = steps;
     status = prepareStrip(param, rect, rows, buffers);
+    // MCUs are converted a batch at a time, each into its place in the
+    // block buffer, and coded by one call of the MCU encoder.
+    const uint32_t batch = kiv::mcusPerBatch(buffers.mcuBlocks);
+    uint32_t pending = 0;
     for (uint32_t y = 0; status == JPG_STATUS_OK && y < rows; y += param->mcuHeight)
         for (uint32_t x = 0; status == JPG_STATUS_OK && x < param->width; x += param->mcuWidth) {
+            buffers.ctx->blocks = buffers.blocks + 64 * buffers.mcuBlocks * pending;
             status = param->routines.writeConvert(buffers.ctx, static_cast<int32_t>(x), static_cast<int32_t>(y));
-            if (status == JPG_STATUS_OK)
+            if (status == JPG_STATUS_OK && ++pending == batch) {
+                param->enc.mcuBatch = pending;
                 status = param->routines.writeMcu(param);
+                pending = 0;
+            }
         }
+    if (status == JPG_STATUS_OK && pending != 0) {
+        param->enc.mcuBatch = pending;
+        status = param->routines.writeMcu(param);
+    }
     param->enc.rowsEncoded += rows;
     releaseStrip(param, buffers);
     return status;

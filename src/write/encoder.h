@@ -38,6 +38,18 @@ inline bool encoderFrameFixed(const JpgParam *param) {
            param->frameMarker == 0xFFC3;
 }
 
+constexpr uint32_t kMaxBlocksPerMcu = 10;  // B.2.3: at most ten blocks in an MCU
+
+// The encode driver converts as many MCUs as fit kMaxBatchBlocks blocks
+// before each call of the MCU encoder, so that a kernel of two blocks at a
+// time pairs the blocks of MCUs with an odd count across MCUs.
+constexpr uint32_t kMaxBatchBlocks = 12;
+static_assert(kMaxBatchBlocks >= kMaxBlocksPerMcu);
+constexpr uint32_t mcusPerBatch(uint32_t blocksPerMcu) {
+    uint32_t mcus = blocksPerMcu == 0 ? 1 : kMaxBatchBlocks / blocksPerMcu;
+    return mcus == 0 ? 1 : mcus;
+}
+
 constexpr uint32_t kStagingSize = 0x10000;  // bytes of the bit writer's staging buffer
 constexpr int32_t kMaxMagnitude = 2047;     // largest |value| of the magnitude table
 

@@ -10,7 +10,6 @@ namespace {
 
 constexpr uint32_t kDefaultFlags = kModeWrite | kModeYCbCr;  // 0x8200000
 constexpr uint32_t kDefaultSampling = 0x221111;
-constexpr uint32_t kMaxBlocksPerMcu = 10;  // B.2.3: at most ten blocks in an MCU
 
 // One unsigned comparison: a value below `low` wraps and is refused too.
 constexpr bool inRange(uint32_t v, uint32_t low, uint32_t high) { return v - low <= high - low; }
@@ -159,7 +158,7 @@ JpgStatus jpgWriteSetSubsamplingFactor(JpgParam *param, uint32_t factor) {
         hmax = highNibble(byte) > hmax ? highNibble(byte) : hmax;
         vmax = lowNibble(byte) > vmax ? lowNibble(byte) : vmax;
     }
-    if (sum > kMaxBlocksPerMcu)
+    if (sum > kiv::kMaxBlocksPerMcu)
         return JPG_STATUS_INVALID_PARAMETER;
     for (int i = 0; i < 4; i++) {
         uint32_t h = highNibble(factor >> (8 * i)), v = lowNibble(factor >> (8 * i));

@@ -302,22 +302,25 @@ KIV_SIMD_INLINE void transformQuantize(const int16_t *const *blocks, const Quant
     }
 }
 
-// Runs fn(in, steps, out) over the blocks S::kBlocks at a time; a group
-// cut short by the end repeats its first block into a spare output.
+// Runs fn(S{}, in, steps, out) over the blocks S::kBlocks at a time; a
+// block left over by two-block vectors goes alone, as fn(Sse2{}, ...), in
+// 128-bit registers (the same instructions, VEX-encoded in an AVX2 build).
 template <class S, typename Fn>
 void forEachGroup(int16_t *blocks, const QuantSteps *const *steps, uint32_t count, QuantizedBlock *out, Fn fn) {
-    QuantizedBlock spare;
-    for (uint32_t b = 0; b < count; b += S::kBlocks) {
+    uint32_t b = 0;
+    for (; b + S::kBlocks <= count; b += S::kBlocks) {
         int16_t *in[S::kBlocks];
-        const QuantSteps *st[S::kBlocks];
         QuantizedBlock *to[S::kBlocks];
         for (uint32_t k = 0; k < S::kBlocks; k++) {
-            bool real = b + k < count;
-            in[k] = blocks + 64 * (real ? b + k : b);
-            st[k] = steps != nullptr ? steps[real ? b + k : b] : nullptr;
-            to[k] = out == nullptr ? nullptr : real ? out + b + k : &spare;
+            in[k] = blocks + 64 * (b + k);
+            to[k] = out == nullptr ? nullptr : out + b + k;
         }
-        fn(in, st, to, count - b < S::kBlocks ? count - b : S::kBlocks);
+        fn(S{}, in, steps == nullptr ? nullptr : steps + b, to);
+    }
+    for (; b < count; b++) {
+        int16_t *in[1] = {blocks + 64 * b};
+        QuantizedBlock *to[1] = {out == nullptr ? nullptr : out + b};
+        fn(Sse2{}, in, steps == nullptr ? nullptr : steps + b, to);
     }
 }
 
@@ -325,11 +328,11 @@ void forEachGroup(int16_t *blocks, const QuantSteps *const *steps, uint32_t coun
 template <class S>
 void forwardDctBlocks(int16_t *blocks, uint32_t count) {
     forEachGroup<S>(blocks, nullptr, count, nullptr,
-                    [](int16_t *const *in, const QuantSteps *const *, QuantizedBlock *const *, uint32_t) {
-                        typename S::V x[8];
-                        transform<S>(in, x);
+                    []<class T>(T, int16_t *const *in, const QuantSteps *const *, QuantizedBlock *const *) {
+                        typename T::V x[8];
+                        transform<T>(in, x);
                         for (int i = 0; i < 8; i++)
-                            S::store(in, 8 * i, x[i]);
+                            T::store(in, 8 * i, x[i]);
                     });
 }
 
@@ -338,22 +341,22 @@ void forwardDctBlocks(int16_t *blocks, uint32_t count) {
 template <class S>
 void transformQuantizeBlocks(int16_t *blocks, const QuantSteps *const *steps, uint32_t count, QuantizedBlock *out) {
     forEachGroup<S>(blocks, steps, count, out,
-                    [](int16_t *const *in, const QuantSteps *const *st, QuantizedBlock *const *to, uint32_t real) {
+                    []<class T>(T, int16_t *const *in, const QuantSteps *const *st, QuantizedBlock *const *to) {
                         bool exact = true;
-                        for (uint32_t k = 0; k < S::kBlocks; k++)
+                        for (uint32_t k = 0; k < T::kBlocks; k++)
                             exact = exact && st[k]->exact;
                         if (exact) {
-                            if (S::kBlocks == 1 || st[0] == st[S::kBlocks - 1])
-                                transformQuantize<S, true>(in, st, to);
+                            if (T::kBlocks == 1 || st[0] == st[T::kBlocks - 1])
+                                transformQuantize<T, true>(in, st, to);
                             else
-                                transformQuantize<S, false>(in, st, to);
+                                transformQuantize<T, false>(in, st, to);
                             return;
                         }
-                        typename S::V x[8];
-                        transform<S>(in, x);
+                        typename T::V x[8];
+                        transform<T>(in, x);
                         for (int i = 0; i < 8; i++)
-                            S::store(in, 8 * i, x[i]);
-                        for (uint32_t k = 0; k < real; k++) {
+                            T::store(in, 8 * i, x[i]);
+                        for (uint32_t k = 0; k < T::kBlocks; k++) {
                             to[k]->dc = quantizeBlock(in[k], *st[k], to[k]->natural);
                             to[k]->acMask = acNonZeroMask(to[k]->natural);
                         }

@@ -64,40 +64,38 @@ JpgStatus codeBlock(BitSink &sink, JpgComponent *comp, const kiv::QuantizedBlock
     return emitAc<Checked>(sink, comp->acSymbols, q.natural, q.acMask);
 }
 
-// Blocks are transformed and quantized in batches (the processor-specific
-// kernels take two at once), then coded in order.
-constexpr uint32_t kBatch = 8;
-
+// All blocks of the MCUs in the buffer are transformed and quantized in one
+// call of the kernel (the two-block kernels then pair blocks across MCUs),
+// then coded MCU by MCU; a restart interval can end after any of them.
 template <kiv::BlockKernel Kernel>
-JpgStatus encodeBlocks(JpgParam *param, const kiv::QuantSteps *steps) {
-    int16_t *block = param->enc.mcuBlocks;
-    BitSink sink(&param->bs);
-    kiv::QuantizedBlock quantized[kBatch];
-    const kiv::QuantSteps *batchSteps[kBatch];
-    JpgComponent *owner[kBatch];
-    uint32_t pending = 0;
-    JpgStatus status = JPG_STATUS_OK;
-    auto flush = [&]() {
-        Kernel(block, batchSteps, pending, quantized);
-        for (uint32_t b = 0; b < pending && status == JPG_STATUS_OK; b++)
+JpgStatus encodeBlocks(JpgParam *param, const kiv::QuantSteps *steps, uint32_t mcus) {
+    kiv::QuantizedBlock quantized[kiv::kMaxBatchBlocks];
+    const kiv::QuantSteps *batchSteps[kiv::kMaxBatchBlocks];
+    JpgComponent *owner[kiv::kMaxBatchBlocks];
+    uint32_t count = 0;
+    for (uint32_t m = 0; m < mcus; m++)
+        for (uint32_t c = 0; c < param->numComponents && c < 4; c++)
+            for (uint32_t b = 0; b < param->components[c].blocks; b++) {
+                if (count == kiv::kMaxBatchBlocks)
+                    return JPG_STATUS_INVALID_PARAMETER;
+                batchSteps[count] = &steps[c];
+                owner[count++] = &param->components[c];
+            }
+    Kernel(param->enc.mcuBlocks, batchSteps, count, quantized);
+    uint32_t perMcu = count / mcus;
+    for (uint32_t m = 0; m < mcus; m++) {
+        BitSink sink(&param->bs);
+        JpgStatus status = JPG_STATUS_OK;
+        for (uint32_t b = m * perMcu; b < (m + 1) * perMcu && status == JPG_STATUS_OK; b++)
             status = sink.roomForBlock() ? codeBlock<false>(sink, owner[b], quantized[b])
                                          : codeBlock<true>(sink, owner[b], quantized[b]);
-        block += 64 * pending;
-        pending = 0;
-    };
-    for (uint32_t c = 0; c < param->numComponents && c < 4 && status == JPG_STATUS_OK; c++) {
-        JpgComponent *comp = &param->components[c];
-        for (uint32_t b = 0; b < comp->blocks && status == JPG_STATUS_OK; b++) {
-            batchSteps[pending] = &steps[c];
-            owner[pending++] = comp;
-            if (pending == kBatch)
-                flush();
-        }
+        sink.finish();
+        if (status == JPG_STATUS_OK && ++param->mcuAddress == param->restartInterval)
+            status = jpgWriteEpilogEntropyCodedSegment(param);
+        if (status != JPG_STATUS_OK)
+            return status;
     }
-    if (pending != 0 && status == JPG_STATUS_OK)
-        flush();
-    sink.finish();
-    return status;
+    return JPG_STATUS_OK;
 }
 
 template <kiv::BlockKernel Kernel>
@@ -106,24 +104,17 @@ JpgStatus encodeMcu(JpgParam *param) {
         return s;
     if (param->enc.mcuBlocks == nullptr)
         return JPG_STATUS_INVALID_PARAMETER;
-    JpgStatus status;
-    if (param->enc.quantSteps != nullptr) {
-        status = encodeBlocks<Kernel>(param, param->enc.quantSteps);
-    } else {
-        // Called outside the encode driver: the divisors are prepared here.
-        kiv::QuantSteps steps[4];
-        for (uint32_t c = 0; c < param->numComponents && c < 4; c++) {
-            if (param->components[c].quant == nullptr)
-                return JPG_STATUS_INVALID_PARAMETER;
-            kiv::makeQuantSteps(param->components[c].quant, &steps[c]);
-        }
-        status = encodeBlocks<Kernel>(param, steps);
+    uint32_t mcus = param->enc.mcuBatch != 0 ? param->enc.mcuBatch : 1;
+    if (param->enc.quantSteps != nullptr)
+        return encodeBlocks<Kernel>(param, param->enc.quantSteps, mcus);
+    // Called outside the encode driver: the divisors are prepared here.
+    kiv::QuantSteps steps[4];
+    for (uint32_t c = 0; c < param->numComponents && c < 4; c++) {
+        if (param->components[c].quant == nullptr)
+            return JPG_STATUS_INVALID_PARAMETER;
+        kiv::makeQuantSteps(param->components[c].quant, &steps[c]);
     }
-    if (status != JPG_STATUS_OK)
-        return status;
-    if (++param->mcuAddress == param->restartInterval)
-        return jpgWriteEpilogEntropyCodedSegment(param);
-    return JPG_STATUS_OK;
+    return encodeBlocks<Kernel>(param, steps, mcus);
 }
 
 // The portable MCU encoder, the reference for the processor-specific ones.
