@@ -190,7 +190,6 @@ JpgStatus reconstructMcu(JpgParam *param) {
         return JPG_STATUS_BAD_DATA;
     const size_t mcu = static_cast<size_t>(source - param->dec.coefBase) / perMcu;
     const bool stored = param->dec.rowsCleared[mcu / param->mcusPerRow] != 0;
-    const InverseDct inverseDct = inverseDctFor(param->processorFlag);
     const Dequantize dequantizeBlock = dequantizeFor(param->processorFlag);
     const Reduction reduce4x4 = reduceTo4x4For(param->processorFlag);
     int16_t *target = param->mcuBuffer;
@@ -207,7 +206,6 @@ JpgStatus reconstructMcu(JpgParam *param) {
                     dequantizeBlock(source, quant, target);
                 else
                     memset(target, 0, kBlock * sizeof(int16_t));
-                inverseDct(target);
             } else if constexpr (kLevel == 2) {
                 dequantize(source, quant, stored, kCorner4, target);
                 reduce4x4(target);
@@ -220,6 +218,8 @@ JpgStatus reconstructMcu(JpgParam *param) {
             }
         }
     }
+    if constexpr (kLevel == 3)  // the MCU's blocks together, once all are dequantized
+        inverseDctBlocksFor(param->processorFlag)(param->mcuBuffer, blocks);
     param->dec.coefCursor += perMcu;
     return status;
 }

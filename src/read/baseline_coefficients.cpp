@@ -223,8 +223,9 @@ constexpr auto kUnitQuant = makeUnitQuant();
 constexpr uint32_t kScaledLimits[3] = {0, 5, 25};
 
 // One block of an MCU at scale level kLevel (3: full size): cleared where
-// decoding may not write what the transform reads, decoded, transformed
-// (the inverse DCT at full size, the reduced transforms otherwise).
+// decoding may not write what the transform reads, decoded, and at the
+// scaled levels transformed (at full size the MCU's blocks are transformed
+// together once all are decoded).
 template <int kLevel>
 [[gnu::always_inline]] inline JpgStatus decodeMcuBlock(BitState &bits, int16_t *block, JpgComponent *comp,
                                                        void (*transform)(int16_t *)) {
@@ -242,16 +243,16 @@ template <int kLevel>
                 memset(block + i, 0, 8 * sizeof(int16_t));
         status = decodeBlock<true>(bits, block, comp, comp->quant, kScaledLimits[kLevel]);
     }
-    if (status == JPG_STATUS_OK)
+    if (kLevel != 3 && status == JPG_STATUS_OK)
         transform(block);
     return status;
 }
 
-// The transform of a level for the handle's processor flag.
+// The transform of a scaled level for the handle's processor flag.
 template <int kLevel>
 inline void (*transformFor(const JpgParam *param))(int16_t *) {
     if constexpr (kLevel == 3)
-        return kiv::inverseDctFor(param->processorFlag);
+        return nullptr;  // the MCU's blocks go to the inverse DCT together
     else if constexpr (kLevel == 2)
         return kiv::reduceTo4x4For(param->processorFlag);
     else if constexpr (kLevel == 1)
@@ -271,6 +272,7 @@ template <bool kFrameOrder, int kLevel>
     BitState bits(param);
     const uint32_t ns = param->scanNs;
     int16_t *block = param->mcuBuffer;
+    uint32_t blocks = 0;
     for (uint32_t i = 0; i < ns; i++) {
         JpgComponent *comp = &param->components[kFrameOrder ? i : param->dec.scanComponents[i]];
         if constexpr (!kFrameOrder)
@@ -282,8 +284,12 @@ template <bool kFrameOrder, int kLevel>
                 return status;
             }
         }
+        blocks += comp->blocks;
     }
     bits.store();
+    // Every component is in the scan, so its blocks fill the buffer's first ones.
+    if constexpr (kLevel == 3)
+        kiv::inverseDctBlocksFor(param->processorFlag)(param->mcuBuffer, blocks);
     kiv::advanceMcuCounters(param);
     return JPG_STATUS_OK;
 }

@@ -134,6 +134,22 @@ InverseDct inverseDctFor(uint32_t flag) {
     return inverseDctPortable;
 }
 
+template <InverseDct kTransform>
+void eachBlock(int16_t *blocks, uint32_t count) {
+    for (uint32_t b = 0; b < count; b++)
+        kTransform(blocks + 64 * b);
+}
+
+InverseDctBlocks inverseDctBlocksFor(uint32_t flag) {
+#if KIV_SIMD_X86
+    if (simdLevelOf(flag) == SimdLevel::Avx2)
+        return inverseDctBlocksAvx2;
+    if (simdLevelOf(flag) == SimdLevel::Sse2)
+        return eachBlock<inverseDctSse2>;
+#endif
+    return eachBlock<inverseDctPortable>;
+}
+
 }  // namespace kiv
 
 extern "C" {

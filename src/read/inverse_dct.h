@@ -20,6 +20,11 @@ void inverseDctPortable(int16_t *block);
 using InverseDct = void (*)(int16_t *block);
 InverseDct inverseDctFor(uint32_t flag);
 
+// The same for `count` consecutive blocks (64 values apart), two at a time
+// where the level has vectors that wide.
+using InverseDctBlocks = void (*)(int16_t *blocks, uint32_t count);
+InverseDctBlocks inverseDctBlocksFor(uint32_t flag);
+
 // Every sample of a block whose AC coefficients are all zero. Neither
 // product wraps: |2896 dc| < 2^27 and |2896 t| < 2^30.
 inline int dcOnlySample(int32_t dc) {

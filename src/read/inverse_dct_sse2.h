@@ -1,5 +1,6 @@
-// The SSE2 inverse DCT (inverse_dct_sse2.cpp, built for both x86 targets):
-// bit-identical to the portable transform of inverse_dct.cpp. On x86-64,
+// The vector inverse DCTs (inverse_dct_sse2.cpp and inverse_dct_avx2.cpp,
+// built for both x86 targets): bit-identical to the portable transform of
+// inverse_dct.cpp. On x86-64,
 // where SSE2 is the baseline, jpgReadInverseDCT and the scaled transforms
 // use it unconditionally (KIV_HAVE_SSE2_IDCT); kiv::inverseDctFor hands it
 // out per processor flag on both targets.
@@ -17,5 +18,8 @@ namespace kiv {
 
 // In place: 64 dequantized coefficients in, 64 samples 0..255 out.
 void inverseDctSse2(int16_t *block);
+
+// In place: `count` consecutive blocks, two at a time.
+void inverseDctBlocksAvx2(int16_t *blocks, uint32_t count);
 
 }  // namespace kiv

@@ -1,13 +1,13 @@
 // The SSE2 4x4 reduced transform of scaled output (both x86 targets,
 // compiled with -msse2): the transform of reduceTo4x4Portable four lines at a
-// time, columns with _mm_madd_epi16 on the 16-bit coefficients (exact), rows
+// time, columns with madd on the 16-bit coefficients (exact), rows
 // on 32-bit lanes with every product emulated exactly modulo 2^32, so that
 // the results match bit for bit.
 #include "read/scaled_transforms.h"
 
 #if defined(__SSE2__)
 
-#include "read/sse2_products.h"
+#include "read/inverse_dct_simd.h"
 
 namespace kiv {
 namespace {
@@ -33,8 +33,9 @@ void reduceTo4x4Sse2(int16_t *block) {
     __m128i x02 = _mm_unpacklo_epi16(row[0], row[2]), x13 = _mm_unpacklo_epi16(row[1], row[3]);
     const __m128i round = _mm_set1_epi32(2048);
     __m128i t[4];  // work rows, lane c column c
-    outputs4(_mm_add_epi32(madd(x02, 4096, 4096), round), _mm_add_epi32(madd(x02, 4096, -4096), round),
-             madd(x13, kK1, kK3), madd(x13, -kK3, kK1), t);
+    outputs4(_mm_add_epi32(madd<Sse2>(x02, 4096, 4096), round),
+             _mm_add_epi32(madd<Sse2>(x02, 4096, -4096), round), madd<Sse2>(x13, kK1, kK3),
+             madd<Sse2>(x13, -kK3, kK1), t);
     for (int i = 0; i < 4; i++)
         t[i] = _mm_srai_epi32(t[i], 12);
     // Transpose: c[i] holds column i of the work values, lane r row r.
@@ -45,8 +46,8 @@ void reduceTo4x4Sse2(int16_t *block) {
     const __m128i bias = _mm_set1_epi32(16384);
     __m128i e0 = _mm_add_epi32(_mm_slli_epi32(_mm_add_epi32(c0, c2), 12), bias);
     __m128i e1 = _mm_add_epi32(_mm_slli_epi32(_mm_sub_epi32(c0, c2), 12), bias);
-    __m128i o0 = _mm_add_epi32(mulConst(c1, kK1), mulConst(c3, kK3));
-    __m128i o1 = _mm_sub_epi32(mulConst(c3, kK1), mulConst(c1, kK3));
+    __m128i o0 = _mm_add_epi32(mulConst<Sse2>(c1, kK1), mulConst<Sse2>(c3, kK3));
+    __m128i o1 = _mm_sub_epi32(mulConst<Sse2>(c3, kK1), mulConst<Sse2>(c1, kK3));
     __m128i y[4];  // output column k, lane r row r
     outputs4(e0, e1, o0, o1, y);
     // Signed bits 15..24 (the clip index), plus 128, clamped to 0..255.

@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 
@@ -83,7 +85,7 @@ Block plain4x4(Block block) {
     return block;
 }
 
-using Transform = void (*)(int16_t *);
+using Transform = std::function<void(int16_t *)>;
 
 using Named = std::pair<std::string, Transform>;  // a transform and its name
 
@@ -96,9 +98,32 @@ std::vector<Named> variants(Transform portable, ForLevel forLevel) {
     return all;
 }
 
+// A run of three blocks at every level, the block at `slot` of them: beside
+// a flat block (its own shape decides), beside a full one of extremes (the
+// pair takes the full shape, and the exact row pass), or left over alone.
+// The other blocks must come out as their own transforms.
+Transform inThree(uint32_t flag, int slot) {
+    return [run = kiv::inverseDctBlocksFor(flag), slot](int16_t *block) {
+        Block flat{}, full;
+        flat[0] = -300;
+        for (int i = 0; i < 64; i++)
+            full[i] = int16_t(i % 3 == 0 ? 32767 : -32768 + i);
+        Block three[3] = {slot == 1 ? full : flat, flat, flat};
+        std::memcpy(three[slot].data(), block, sizeof(Block));
+        run(three[0].data(), 3);
+        for (int k = 0; k < 3; k++)
+            if (k != slot && three[k] != plainIdct(k == 0 && slot == 1 ? full : flat))
+                ADD_FAILURE() << "the block beside, at " << k;
+        std::memcpy(block, three[slot].data(), sizeof(Block));
+    };
+}
+
 std::vector<Named> inverseDcts() {
     std::vector<Named> all = variants(kiv::inverseDctPortable, kiv::inverseDctFor);
     all.push_back({"exported", [](int16_t *block) { jpgReadInverseDCT(block); }});
+    for (uint32_t flag : kivtest::processorFlags())
+        for (int slot = 0; slot < 3; slot++)
+            all.push_back({kivtest::processorName(flag) + " in three, at " + std::to_string(slot), inThree(flag, slot)});
     return all;
 }
 
