@@ -26,6 +26,10 @@
 #define KIV_SIMD_X86 0
 #endif
 
+// For the helpers of the vector routines, which must be inlined into their
+// callers for the rows of a block to stay in registers.
+#define KIV_SIMD_INLINE __attribute__((always_inline)) inline
+
 namespace kiv {
 
 enum class SimdLevel { Portable, Sse2, Avx2 };

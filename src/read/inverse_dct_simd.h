@@ -12,12 +12,14 @@
 //
 // Included only by those two files, each compiled for its instruction set:
 // everything here is in an anonymous namespace, so each file keeps its own
-// copy (see core/simd.h).
+// copy (see core/simd.h). Everything but the shapes and the exact row pass
+// is inlined, so that the rows of the blocks stay in registers.
 #pragma once
 
 #include <immintrin.h>
 #include <stdint.h>
 
+#include "core/simd.h"
 #include "read/inverse_dct.h"
 
 namespace kiv {
@@ -112,7 +114,7 @@ constexpr int kRowBias = 0x10000, kColumnBias = 256;
 // u * a + v * b in each 32-bit lane of uv = (u, v) interleaved 16-bit pairs;
 // exact modulo 2^32 for every 16-bit u, v (a and b fit 16 bits signed).
 template <class S>
-typename S::V madd(typename S::V uv, int a, int b) {
+KIV_SIMD_INLINE typename S::V madd(typename S::V uv, int a, int b) {
     uint32_t pair = (static_cast<uint32_t>(a) & 0xFFFF) | static_cast<uint32_t>(b) << 16;
     return S::madd(uv, S::set32(static_cast<int>(pair)));
 }
@@ -120,21 +122,21 @@ typename S::V madd(typename S::V uv, int a, int b) {
 // Low 32 bits of v times c (0 < c < 2^16) for any 32-bit v: the low half's
 // full product plus the high half's product shifted up.
 template <class S>
-typename S::V mulConst(typename S::V v, int c) {
+KIV_SIMD_INLINE typename S::V mulConst(typename S::V v, int c) {
     typename S::V k = S::set16(c);
     return S::add32(S::mullo16(v, k), S::template shl32<16>(S::mulhiU16(v, k)));
 }
 
 // Interleaves the 16-bit lanes of u and v, lanes 0-3 or 4-7.
 template <class S, int kHalf>
-typename S::V zip(typename S::V u, typename S::V v) {
+KIV_SIMD_INLINE typename S::V zip(typename S::V u, typename S::V v) {
     return kHalf == 0 ? S::lo16(u, v) : S::hi16(u, v);
 }
 
 // The odd part's rounding step and the final butterflies: r and s are
 // (p + q + 2048) >> 12 and (p - q + 2048) >> 12, rotated by C4.
 template <class S, typename V = typename S::V>
-void finish(V E0, V E1, V E2, V E3, V o0, V o3, V pq, V pmq, V *y) {
+KIV_SIMD_INLINE void finish(V E0, V E1, V E2, V E3, V o0, V o3, V pq, V pmq, V *y) {
     const V round = S::set32(2048);
     V o1 = mulConst<S>(S::template sar32<12>(S::add32(pq, round)), kC4);
     V o2 = mulConst<S>(S::template sar32<12>(S::add32(pmq, round)), kC4);
@@ -152,7 +154,7 @@ void finish(V E0, V E1, V E2, V E3, V o0, V o3, V pq, V pmq, V *y) {
 // 16-bit vectors x[0..7], x[i] holding input i): y receives 4096 times the
 // sums plus bias, modulo 2^32. With kInputs == 4, x[4..7] are zero and unread.
 template <class S, int kInputs, int kHalf, typename V = typename S::V>
-void transform8(const V *x, int bias, V *y) {
+KIV_SIMD_INLINE void transform8(const V *x, int bias, V *y) {
     const V b = S::set32(bias);
     if constexpr (kInputs == 4) {
         V x13 = zip<S, kHalf>(x[1], x[3]), x02 = zip<S, kHalf>(x[0], x[2]);
@@ -176,7 +178,7 @@ void transform8(const V *x, int bias, V *y) {
 
 // Column pass over columns 4 kHalf .. 4 kHalf + 3: w[i] = (y_i + 256) >> 9.
 template <class S, int kRows, int kHalf, typename V = typename S::V>
-void columnHalf(const V *rows, V *w) {
+KIV_SIMD_INLINE void columnHalf(const V *rows, V *w) {
     transform8<S, kRows, kHalf>(rows, kColumnBias, w);
     for (int i = 0; i < 8; i++)
         w[i] = S::template sar32<9>(w[i]);
@@ -185,7 +187,7 @@ void columnHalf(const V *rows, V *w) {
 // Packs the column-pass values to 16 bits (saturating), row by row:
 // p[j] holds rows 2j and 2j + 1 (kCols == 4) or row j (kCols == 8).
 template <class S, int kCols, typename V = typename S::V>
-void packRows(const V (*w)[8], V *p) {
+KIV_SIMD_INLINE void packRows(const V (*w)[8], V *p) {
     for (int j = 0; j < 8; j++)
         if constexpr (kCols == 4) {
             if (j < 4)
@@ -199,7 +201,7 @@ void packRows(const V (*w)[8], V *p) {
 // saturated and the row pass may multiply them with madd (the rare values
 // of exactly -32768 or 32767 take the exact path too).
 template <class S, int kCols, typename V = typename S::V>
-bool packedExactly(const V *p) {
+KIV_SIMD_INLINE bool packedExactly(const V *p) {
     constexpr int kCount = kCols == 4 ? 4 : 8;
     V high = p[0], low = p[0];
     for (int j = 1; j < kCount; j++) {
@@ -212,7 +214,7 @@ bool packedExactly(const V *p) {
 // Transpose of the packed 16-bit values: p[i] holds row i, t[i] receives
 // column i (kCols == 4: four rows of four values, columns t[0..3]).
 template <class S, int kCols, typename V = typename S::V>
-void transposeWords(const V *p, V *t) {
+KIV_SIMD_INLINE void transposeWords(const V *p, V *t) {
     if constexpr (kCols == 4) {
         V a0 = S::lo16(p[0], p[1]), a1 = S::hi16(p[0], p[1]);
         V a2 = S::lo16(p[2], p[3]), a3 = S::hi16(p[2], p[3]);
@@ -244,7 +246,7 @@ void transposeWords(const V *p, V *t) {
 // A row-pass value (bias included) to the signed low ten bits of y >> 17,
 // the index PixClipTable reads.
 template <class S>
-typename S::V clipIndex(typename S::V y) {
+KIV_SIMD_INLINE typename S::V clipIndex(typename S::V y) {
     return S::template sar32<22>(S::template shl32<5>(y));
 }
 
@@ -252,7 +254,7 @@ typename S::V clipIndex(typename S::V y) {
 // clip indices) as samples: plus 128, clamped to 0..255 (what PixClipTable
 // holds), transposed back to rows as bytes and widened.
 template <class S, typename V = typename S::V>
-void storeSamples(const V (*s)[8], int16_t *const *blocks) {
+KIV_SIMD_INLINE void storeSamples(const V (*s)[8], int16_t *const *blocks) {
     const V level = S::set16(128);
     V c[4];
     for (int j = 0; j < 4; j++) {  // columns 2j and 2j + 1, rows 0-7, as bytes
@@ -276,7 +278,7 @@ void storeSamples(const V (*s)[8], int16_t *const *blocks) {
 
 // The transform on 32-bit lanes, every product emulated exactly.
 template <class S, typename V = typename S::V>
-void transformWide(const V *x, V *y) {
+KIV_SIMD_INLINE void transformWide(const V *x, V *y) {
     V a = S::add32(mulConst<S>(x[1], kC1), mulConst<S>(x[7], kC7));
     V b = S::sub32(mulConst<S>(x[1], kC7), mulConst<S>(x[7], kC1));
     V c = S::add32(mulConst<S>(x[5], kC5), mulConst<S>(x[3], kC3));
@@ -292,7 +294,7 @@ void transformWide(const V *x, V *y) {
 }
 
 template <class S, typename V = typename S::V>
-void transpose4(V *m0, V *m1, V *m2, V *m3) {
+KIV_SIMD_INLINE void transpose4(V *m0, V *m1, V *m2, V *m3) {
     V t0 = S::lo32(*m0, *m1), t1 = S::lo32(*m2, *m3);
     V t2 = S::hi32(*m0, *m1), t3 = S::hi32(*m2, *m3);
     *m0 = S::lo64(t0, t1);

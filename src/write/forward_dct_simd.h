@@ -16,13 +16,13 @@
 
 #include <immintrin.h>
 
+#include "core/simd.h"
 #include "core/tables.h"
 #include "write/forward_dct.h"
 #include "write/quantizer.h"
 
 // Everything here is inlined into the two entry points of each file, so
 // that the eight rows of a block stay in registers.
-#define KIV_SIMD_INLINE __attribute__((always_inline)) inline
 
 namespace kiv {
 namespace {
