@@ -167,17 +167,60 @@ struct AcFirst : Band {
 };
 
 // The highest zig-zag position holding a non-zero coefficient, -1 for an
-// empty block; four coefficients are tested at a time.
+// empty block; a machine word of coefficients at a time, without branches:
+// the word's non-zero coefficients as bits, then a table of the highest
+// position among them.
+using CoefficientWord = uintptr_t;
+constexpr int kPerWord = sizeof(CoefficientWord) / 2;
+constexpr CoefficientWord kLowBytes = ~CoefficientWord(0) / 0xFFFF * 0x00FF;
+constexpr CoefficientWord kBit8 = ~CoefficientWord(0) / 0xFFFF * 0x0100;
+constexpr bool kLittleEndian = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
+
+struct LastTable {
+    int8_t last[64 / kPerWord][1 << kPerWord];
+};
+
+constexpr LastTable makeLastTable() {
+    LastTable t{};
+    for (int w = 0; w < 64 / kPerWord; w++)
+        for (int bits = 0; bits < 1 << kPerWord; bits++) {
+            int last = -1;
+            for (int j = 0; j < kPerWord; j++) {  // bit j: the coefficient in lane j of the word
+                int zigzag = kNaturalToZigzag[w * kPerWord + (kLittleEndian ? j : kPerWord - 1 - j)];
+                if ((bits >> j & 1) != 0 && zigzag > last)
+                    last = zigzag;
+            }
+            t.last[w][bits] = static_cast<int8_t>(last);
+        }
+    return t;
+}
+constexpr LastTable kLastTable = makeLastTable();
+
+// Bit j set when 16-bit lane j of the word is non-zero.
+inline uint32_t nonZeroLanes(CoefficientWord x) {
+    CoefficientWord low = (x | x >> 8) & kLowBytes;  // zero exactly where the lane is
+    CoefficientWord set = (low + kLowBytes) & kBit8;  // bit 8 of every non-zero lane
+    if constexpr (kPerWord == 4)  // bits 8, 24, 40, 56 gathered to 59..62 by one product
+        return static_cast<uint32_t>((set * ((CoefficientWord{1} << 51) | (CoefficientWord{1} << 36) |
+                                             (CoefficientWord{1} << 21) | (CoefficientWord{1} << 6))) >> 59) & 15;
+    else
+        return static_cast<uint32_t>((set >> 8 | set >> 23) & 3);
+}
+
 inline int lastNonZero(const int16_t *block) {
+    constexpr int kWordsPerRow = 8 / kPerWord;
     int last = -1;
-    for (int n = 0; n < 64; n += 4) {
-        uint64_t four;
-        memcpy(&four, block + n, sizeof four);
-        if (four == 0)
+    for (int row = 0; row < 8; row++) {
+        CoefficientWord x[kWordsPerRow], any = 0;
+        memcpy(x, block + 8 * row, sizeof x);
+        for (int i = 0; i < kWordsPerRow; i++)
+            any |= x[i];
+        if (any == 0)  // most rows of a sparse block
             continue;
-        for (int j = n; j < n + 4; j++)
-            if (block[j] != 0 && kNaturalToZigzag[j] > last)
-                last = kNaturalToZigzag[j];
+        for (int i = 0; i < kWordsPerRow; i++) {
+            int wordLast = kLastTable.last[row * kWordsPerRow + i][nonZeroLanes(x[i])];
+            last = wordLast > last ? wordLast : last;
+        }
     }
     return last;
 }
