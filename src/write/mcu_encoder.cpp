@@ -15,37 +15,31 @@ using kiv::kMaxMagnitude;
 
 int32_t clampTo(int32_t v, int32_t limit) { return v < -limit ? -limit : v > limit ? limit : v; }
 
-// Lowest set bit of a non-zero mask; on 32-bit x86 from its halves (a
-// 64-bit count there is a library call).
-int lowestBit(uint64_t mask) {
-    if constexpr (sizeof(void *) == 8)
-        return __builtin_ctzll(mask);
-    uint32_t low = static_cast<uint32_t>(mask);
-    return low != 0 ? __builtin_ctz(low) : 32 + __builtin_ctz(static_cast<uint32_t>(mask >> 32));
-}
-
 // Codes the AC values of a quantized block (natural order) whose zig-zag
 // positions are the bits of `mask`: ZRL for every 16 zeros before a value,
 // the value's run/size code with its extra bits, and EOB when the block ends
-// in zeros.
+// in zeros. The mask is walked a machine word at a time.
 template <bool Checked>
 JpgStatus emitAc(BitSink &sink, const JpgAcSymbol *table, const int16_t *natural, uint64_t mask) {
+    using Word = uintptr_t;
+    constexpr int kWordBits = static_cast<int>(sizeof(Word) * 8);
     int last = 0;
-    while (mask != 0) {
-        int k = lowestBit(mask);
-        mask &= mask - 1;
-        uint32_t run = static_cast<uint32_t>(k - last - 1);
-        last = k;
-        for (; run > 15; run -= 16) {
-            JpgStatus status = sink.put<Checked>(table[0xF0].code, table[0xF0].length);
+    for (int base = 0; base < 64; base += kWordBits) {
+        for (Word bits = static_cast<Word>(mask >> base); bits != 0; bits &= bits - 1) {
+            int k = base + __builtin_ctzl(bits);
+            uint32_t run = static_cast<uint32_t>(k - last - 1);
+            last = k;
+            for (; run > 15; run -= 16) {
+                JpgStatus status = sink.put<Checked>(table[0xF0].code, table[0xF0].length);
+                if (status != JPG_STATUS_OK)
+                    return status;
+            }
+            kiv::Magnitude m = kiv::kMagnitude[natural[kiv::kZigzag[k]]];
+            const JpgAcSymbol &entry = table[run << 4 | static_cast<uint32_t>(m.category)];
+            JpgStatus status = sink.put<Checked>(entry.code | static_cast<uint16_t>(m.bits), entry.length);
             if (status != JPG_STATUS_OK)
                 return status;
         }
-        kiv::Magnitude m = kiv::kMagnitude[natural[kiv::kZigzag[k]]];
-        const JpgAcSymbol &entry = table[run << 4 | static_cast<uint32_t>(m.category)];
-        JpgStatus status = sink.put<Checked>(entry.code | static_cast<uint16_t>(m.bits), entry.length);
-        if (status != JPG_STATUS_OK)
-            return status;
     }
     if (last == 63)
         return JPG_STATUS_OK;  // a block that ends in a value has no EOB
