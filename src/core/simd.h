@@ -9,7 +9,7 @@
 // external linkage (no inline functions, no templates) leave it. Otherwise
 // an inline function or template instantiated there could be the one copy
 // the linker keeps for the whole library, and portable code would run AVX2
-// instructions. Headers meant for such files (inverse_dct_simd.h) put their
+// instructions. Headers meant for such files (simd_vectors.h) put their
 // helpers in an anonymous namespace for the same reason. The build checks
 // the rule: an object of a *_sse2.cpp or *_avx2.cpp file that defines a weak
 // (inline or template) function fails the build (cmake/SimdObjectCheck.cmake).

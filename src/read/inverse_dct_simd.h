@@ -1,108 +1,26 @@
 // The vector inverse DCT of inverse_dct_sse2.cpp and inverse_dct_avx2.cpp,
-// written once over a vector type: Sse2 holds one row of one block in a
-// 128-bit register, Avx2 the same row of two blocks (one per 128-bit lane;
-// every instruction used here stays within its lane, so the two blocks
-// never mix). The transform is that of inverse_dct.cpp (ISO/IEC 10918-1
-// A.3.3, 12-bit constants, 32-bit wrapping arithmetic, columns then rows).
-// Products are madd on 16-bit inputs, exact modulo 2^32; row-pass inputs
-// that do not fit 16 bits take an exact 32-bit path. Blocks whose
+// written once over a vector type of core/simd_vectors.h: Sse2 holds one
+// row of one block in a 128-bit register, Avx2 the same row of two blocks,
+// one per 128-bit lane. The transform is that of inverse_dct.cpp (ISO/IEC
+// 10918-1 A.3.3, 12-bit constants, 32-bit wrapping arithmetic, columns then
+// rows). Products are madd on 16-bit inputs, exact modulo 2^32; row-pass
+// inputs that do not fit 16 bits take an exact 32-bit path. Blocks whose
 // coefficients all lie in the top rows or left columns skip the zero inputs
 // (a pair takes the larger shape of its two blocks). Bit-identical to the
 // portable code for every input.
 //
-// Included only by those two files, each compiled for its instruction set:
-// everything here is in an anonymous namespace, so each file keeps its own
-// copy (see core/simd.h). Everything but the shapes and the exact row pass
-// is inlined, so that the rows of the blocks stay in registers.
+// Included only by those two files and scaled_transforms_sse2.cpp (for the
+// exact products), each compiled for its instruction set: everything here is
+// in an anonymous namespace, so each file keeps its own copy (see
+// core/simd.h). Everything but the shapes and the exact row pass is inlined,
+// so that the rows of the blocks stay in registers.
 #pragma once
 
-#include <immintrin.h>
-#include <stdint.h>
-
-#include "core/simd.h"
+#include "core/simd_vectors.h"
 #include "read/inverse_dct.h"
 
 namespace kiv {
 namespace {
-
-struct Sse2 {
-    using V = __m128i;
-    static constexpr int kBlocks = 1;
-    static V load(int16_t *const *blocks, int at) {
-        return _mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks[0] + at));
-    }
-    static void store(int16_t *const *blocks, int at, V v) {
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(blocks[0] + at), v);
-    }
-    static V zero() { return _mm_setzero_si128(); }
-    static V set16(int v) { return _mm_set1_epi16(static_cast<int16_t>(v)); }
-    static V set32(int v) { return _mm_set1_epi32(v); }
-    static V add32(V a, V b) { return _mm_add_epi32(a, b); }
-    static V sub32(V a, V b) { return _mm_sub_epi32(a, b); }
-    static V add16(V a, V b) { return _mm_add_epi16(a, b); }
-    template <int N> static V sar32(V a) { return _mm_srai_epi32(a, N); }
-    template <int N> static V shl32(V a) { return _mm_slli_epi32(a, N); }
-    static V madd(V a, V b) { return _mm_madd_epi16(a, b); }
-    static V mullo16(V a, V b) { return _mm_mullo_epi16(a, b); }
-    static V mulhiU16(V a, V b) { return _mm_mulhi_epu16(a, b); }
-    static V lo8(V a, V b) { return _mm_unpacklo_epi8(a, b); }
-    static V hi8(V a, V b) { return _mm_unpackhi_epi8(a, b); }
-    static V lo16(V a, V b) { return _mm_unpacklo_epi16(a, b); }
-    static V hi16(V a, V b) { return _mm_unpackhi_epi16(a, b); }
-    static V lo32(V a, V b) { return _mm_unpacklo_epi32(a, b); }
-    static V hi32(V a, V b) { return _mm_unpackhi_epi32(a, b); }
-    static V lo64(V a, V b) { return _mm_unpacklo_epi64(a, b); }
-    static V hi64(V a, V b) { return _mm_unpackhi_epi64(a, b); }
-    static V packs32(V a, V b) { return _mm_packs_epi32(a, b); }
-    static V packus16(V a, V b) { return _mm_packus_epi16(a, b); }
-    static V max16(V a, V b) { return _mm_max_epi16(a, b); }
-    static V min16(V a, V b) { return _mm_min_epi16(a, b); }
-    static V eq16(V a, V b) { return _mm_cmpeq_epi16(a, b); }
-    static V bitOr(V a, V b) { return _mm_or_si128(a, b); }
-    static bool anySet(V a) { return _mm_movemask_epi8(a) != 0; }
-};
-
-#ifdef __AVX2__
-struct Avx2 {
-    using V = __m256i;
-    static constexpr int kBlocks = 2;
-    static V load(int16_t *const *blocks, int at) {
-        __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks[0] + at));
-        __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks[1] + at));
-        return _mm256_inserti128_si256(_mm256_castsi128_si256(a), b, 1);
-    }
-    static void store(int16_t *const *blocks, int at, V v) {
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(blocks[0] + at), _mm256_castsi256_si128(v));
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(blocks[1] + at), _mm256_extracti128_si256(v, 1));
-    }
-    static V zero() { return _mm256_setzero_si256(); }
-    static V set16(int v) { return _mm256_set1_epi16(static_cast<int16_t>(v)); }
-    static V set32(int v) { return _mm256_set1_epi32(v); }
-    static V add32(V a, V b) { return _mm256_add_epi32(a, b); }
-    static V sub32(V a, V b) { return _mm256_sub_epi32(a, b); }
-    static V add16(V a, V b) { return _mm256_add_epi16(a, b); }
-    template <int N> static V sar32(V a) { return _mm256_srai_epi32(a, N); }
-    template <int N> static V shl32(V a) { return _mm256_slli_epi32(a, N); }
-    static V madd(V a, V b) { return _mm256_madd_epi16(a, b); }
-    static V mullo16(V a, V b) { return _mm256_mullo_epi16(a, b); }
-    static V mulhiU16(V a, V b) { return _mm256_mulhi_epu16(a, b); }
-    static V lo8(V a, V b) { return _mm256_unpacklo_epi8(a, b); }
-    static V hi8(V a, V b) { return _mm256_unpackhi_epi8(a, b); }
-    static V lo16(V a, V b) { return _mm256_unpacklo_epi16(a, b); }
-    static V hi16(V a, V b) { return _mm256_unpackhi_epi16(a, b); }
-    static V lo32(V a, V b) { return _mm256_unpacklo_epi32(a, b); }
-    static V hi32(V a, V b) { return _mm256_unpackhi_epi32(a, b); }
-    static V lo64(V a, V b) { return _mm256_unpacklo_epi64(a, b); }
-    static V hi64(V a, V b) { return _mm256_unpackhi_epi64(a, b); }
-    static V packs32(V a, V b) { return _mm256_packs_epi32(a, b); }
-    static V packus16(V a, V b) { return _mm256_packus_epi16(a, b); }
-    static V max16(V a, V b) { return _mm256_max_epi16(a, b); }
-    static V min16(V a, V b) { return _mm256_min_epi16(a, b); }
-    static V eq16(V a, V b) { return _mm256_cmpeq_epi16(a, b); }
-    static V bitOr(V a, V b) { return _mm256_or_si256(a, b); }
-    static bool anySet(V a) { return _mm256_movemask_epi8(a) != 0; }
-};
-#endif
 
 // cos(k pi / 16) scaled by 4096.
 constexpr int kC1 = 4017, kC2 = 3784, kC3 = 3406, kC4 = 2896;
@@ -225,21 +143,7 @@ KIV_SIMD_INLINE void transposeWords(const V *p, V *t) {
         t[2] = S::lo64(b1, b3);
         t[3] = S::hi64(b1, b3);
     } else {
-        V a[8], b[8];
-        for (int j = 0; j < 4; j++) {
-            a[2 * j] = S::lo16(p[2 * j], p[2 * j + 1]);
-            a[2 * j + 1] = S::hi16(p[2 * j], p[2 * j + 1]);
-        }
-        for (int j = 0; j < 2; j++) {  // rows 4j .. 4j + 3
-            b[4 * j] = S::lo32(a[4 * j], a[4 * j + 2]);
-            b[4 * j + 1] = S::hi32(a[4 * j], a[4 * j + 2]);
-            b[4 * j + 2] = S::lo32(a[4 * j + 1], a[4 * j + 3]);
-            b[4 * j + 3] = S::hi32(a[4 * j + 1], a[4 * j + 3]);
-        }
-        for (int j = 0; j < 4; j++) {
-            t[2 * j] = S::lo64(b[j], b[4 + j]);
-            t[2 * j + 1] = S::hi64(b[j], b[4 + j]);
-        }
+        transpose8x8<S>(p, t);
     }
 }
 
@@ -388,12 +292,12 @@ inline void inverseDcOnly(int16_t *block) {
 template <class S>
 void inverseBlocks(int16_t *const *blocks) {
     Zeros z{true, true, true};
-    for (int k = 0; k < S::kBlocks; k++) {
+    for (uint32_t k = 0; k < S::kBlocks; k++) {
         Zeros b = zerosOf(blocks[k]);
         z = {z.ac && b.ac, z.right && b.right, z.bottom && b.bottom};
     }
     if (z.ac) {
-        for (int k = 0; k < S::kBlocks; k++)
+        for (uint32_t k = 0; k < S::kBlocks; k++)
             inverseDcOnly(blocks[k]);
     } else if (z.right) {
         z.bottom ? inverseShape<S, 4, 4>(blocks) : inverseShape<S, 8, 4>(blocks);

@@ -1,129 +1,27 @@
 // The forward DCT and quantizer of forward_dct_sse2.cpp and
-// forward_dct_avx2.cpp, written once over a vector type: Sse2 holds one row
-// of one block in a 128-bit register, Avx2 the same row of two blocks (one
-// per 128-bit lane; every shuffle used here stays within its lane, so the
-// two blocks never mix). The arithmetic is that of complibIntFDCT8x8 and
-// quantizeBlock: each product of the portable pass is regrouped into sums
-// of 16-bit values times 16-bit constants, so that pmaddwd forms it exactly
-// in 32 bits (for example 3135 d + 2217 (d + e) = 5352 d + 2217 e, and in
-// the row pass = 5352 s07 + 2217 s16 - 5352 s34 - 2217 s25); every 16-bit
-// intermediate fits for samples within +-kFdctSampleLimit.
+// forward_dct_avx2.cpp, written once over a vector type of
+// core/simd_vectors.h: Sse2 holds one row of one block in a 128-bit
+// register, Avx2 the same row of two blocks, one per 128-bit lane. The
+// arithmetic is that of complibIntFDCT8x8 and quantizeBlock: each product of
+// the portable pass is regrouped into sums of 16-bit values times 16-bit
+// constants, so that pmaddwd forms it exactly in 32 bits (for example
+// 3135 d + 2217 (d + e) = 5352 d + 2217 e, and in the row pass
+// = 5352 s07 + 2217 s16 - 5352 s34 - 2217 s25); every 16-bit intermediate
+// fits for samples within +-kFdctSampleLimit.
 //
 // Included only by those two files, each compiled for its instruction set:
 // everything here is in an anonymous namespace, so each file keeps its own
-// copy (see core/simd.h).
+// copy (see core/simd.h), and inlined into the file's two entry points, so
+// that the eight rows of a block stay in registers.
 #pragma once
 
-#include <immintrin.h>
-
-#include "core/simd.h"
+#include "core/simd_vectors.h"
 #include "core/tables.h"
 #include "write/forward_dct.h"
 #include "write/quantizer.h"
 
-// Everything here is inlined into the two entry points of each file, so
-// that the eight rows of a block stay in registers.
-
 namespace kiv {
 namespace {
-
-struct Sse2 {
-    using V = __m128i;
-    static constexpr uint32_t kBlocks = 1;
-    KIV_SIMD_INLINE static V load(const int16_t *const *blocks, int at) {
-        return _mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks[0] + at));
-    }
-    KIV_SIMD_INLINE static void store(int16_t *const *blocks, int at, V v) {
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(blocks[0] + at), v);
-    }
-    // Eight values for every block alike.
-    KIV_SIMD_INLINE static V loadShared(const int16_t *p) {
-        return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
-    }
-    KIV_SIMD_INLINE static V set32(int32_t v) { return _mm_set1_epi32(v); }
-    KIV_SIMD_INLINE static V add16(V a, V b) { return _mm_add_epi16(a, b); }
-    KIV_SIMD_INLINE static V sub16(V a, V b) { return _mm_sub_epi16(a, b); }
-    KIV_SIMD_INLINE static V add32(V a, V b) { return _mm_add_epi32(a, b); }
-    KIV_SIMD_INLINE static V madd(V a, V b) { return _mm_madd_epi16(a, b); }
-    template <int N> KIV_SIMD_INLINE static V shl16(V a) { return _mm_slli_epi16(a, N); }
-    template <int N> KIV_SIMD_INLINE static V shr16(V a) { return _mm_srli_epi16(a, N); }
-    template <int N> KIV_SIMD_INLINE static V sar16(V a) { return _mm_srai_epi16(a, N); }
-    template <int N> KIV_SIMD_INLINE static V sar32(V a) { return _mm_srai_epi32(a, N); }
-    KIV_SIMD_INLINE static V pack32(V a, V b) { return _mm_packs_epi32(a, b); }
-    KIV_SIMD_INLINE static V lo16(V a, V b) { return _mm_unpacklo_epi16(a, b); }
-    KIV_SIMD_INLINE static V hi16(V a, V b) { return _mm_unpackhi_epi16(a, b); }
-    KIV_SIMD_INLINE static V lo32(V a, V b) { return _mm_unpacklo_epi32(a, b); }
-    KIV_SIMD_INLINE static V hi32(V a, V b) { return _mm_unpackhi_epi32(a, b); }
-    KIV_SIMD_INLINE static V lo64(V a, V b) { return _mm_unpacklo_epi64(a, b); }
-    KIV_SIMD_INLINE static V hi64(V a, V b) { return _mm_unpackhi_epi64(a, b); }
-    KIV_SIMD_INLINE static V bitXor(V a, V b) { return _mm_xor_si128(a, b); }
-    KIV_SIMD_INLINE static V mulhiU16(V a, V b) { return _mm_mulhi_epu16(a, b); }
-    KIV_SIMD_INLINE static V min16(V a, V b) { return _mm_min_epi16(a, b); }
-    KIV_SIMD_INLINE static V max16(V a, V b) { return _mm_max_epi16(a, b); }
-    KIV_SIMD_INLINE static V set16(int16_t v) { return _mm_set1_epi16(v); }
-    // Bit j set where value j of rows a, b (j < 16, a's first) is zero.
-    KIV_SIMD_INLINE static uint32_t zeroPairMask(V a, V b) {
-        const V zero = _mm_setzero_si128();
-        return static_cast<uint32_t>(
-            _mm_movemask_epi8(_mm_packs_epi16(_mm_cmpeq_epi16(a, zero), _mm_cmpeq_epi16(b, zero))));
-    }
-    KIV_SIMD_INLINE static uint32_t laneBits(uint32_t mask, uint32_t) { return mask; }
-    KIV_SIMD_INLINE static int32_t first(V v, uint32_t) { return static_cast<int16_t>(_mm_cvtsi128_si32(v)); }
-};
-
-#ifdef __AVX2__
-struct Avx2 {
-    using V = __m256i;
-    static constexpr uint32_t kBlocks = 2;
-    KIV_SIMD_INLINE static V load(const int16_t *const *blocks, int at) {
-        __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks[0] + at));
-        __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks[1] + at));
-        return _mm256_inserti128_si256(_mm256_castsi128_si256(a), b, 1);
-    }
-    KIV_SIMD_INLINE static V loadShared(const int16_t *p) {
-        return _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(p)));
-    }
-    KIV_SIMD_INLINE static void store(int16_t *const *blocks, int at, V v) {
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(blocks[0] + at), _mm256_castsi256_si128(v));
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(blocks[1] + at), _mm256_extracti128_si256(v, 1));
-    }
-    KIV_SIMD_INLINE static V set32(int32_t v) { return _mm256_set1_epi32(v); }
-    KIV_SIMD_INLINE static V add16(V a, V b) { return _mm256_add_epi16(a, b); }
-    KIV_SIMD_INLINE static V sub16(V a, V b) { return _mm256_sub_epi16(a, b); }
-    KIV_SIMD_INLINE static V add32(V a, V b) { return _mm256_add_epi32(a, b); }
-    KIV_SIMD_INLINE static V madd(V a, V b) { return _mm256_madd_epi16(a, b); }
-    template <int N> KIV_SIMD_INLINE static V shl16(V a) { return _mm256_slli_epi16(a, N); }
-    template <int N> KIV_SIMD_INLINE static V shr16(V a) { return _mm256_srli_epi16(a, N); }
-    template <int N> KIV_SIMD_INLINE static V sar16(V a) { return _mm256_srai_epi16(a, N); }
-    template <int N> KIV_SIMD_INLINE static V sar32(V a) { return _mm256_srai_epi32(a, N); }
-    KIV_SIMD_INLINE static V pack32(V a, V b) { return _mm256_packs_epi32(a, b); }
-    KIV_SIMD_INLINE static V lo16(V a, V b) { return _mm256_unpacklo_epi16(a, b); }
-    KIV_SIMD_INLINE static V hi16(V a, V b) { return _mm256_unpackhi_epi16(a, b); }
-    KIV_SIMD_INLINE static V lo32(V a, V b) { return _mm256_unpacklo_epi32(a, b); }
-    KIV_SIMD_INLINE static V hi32(V a, V b) { return _mm256_unpackhi_epi32(a, b); }
-    KIV_SIMD_INLINE static V lo64(V a, V b) { return _mm256_unpacklo_epi64(a, b); }
-    KIV_SIMD_INLINE static V hi64(V a, V b) { return _mm256_unpackhi_epi64(a, b); }
-    KIV_SIMD_INLINE static V bitXor(V a, V b) { return _mm256_xor_si256(a, b); }
-    KIV_SIMD_INLINE static V mulhiU16(V a, V b) { return _mm256_mulhi_epu16(a, b); }
-    KIV_SIMD_INLINE static V min16(V a, V b) { return _mm256_min_epi16(a, b); }
-    KIV_SIMD_INLINE static V max16(V a, V b) { return _mm256_max_epi16(a, b); }
-    KIV_SIMD_INLINE static V set16(int16_t v) { return _mm256_set1_epi16(v); }
-    // Both blocks at once: packs works per lane, so lane k of the result
-    // holds block k's bits.
-    KIV_SIMD_INLINE static uint32_t zeroPairMask(V a, V b) {
-        const V zero = _mm256_setzero_si256();
-        return static_cast<uint32_t>(
-            _mm256_movemask_epi8(_mm256_packs_epi16(_mm256_cmpeq_epi16(a, zero), _mm256_cmpeq_epi16(b, zero))));
-    }
-    KIV_SIMD_INLINE static uint32_t laneBits(uint32_t mask, uint32_t lane) {
-        return lane == 0 ? mask & 0xFFFF : mask >> 16;
-    }
-    KIV_SIMD_INLINE static int32_t first(V v, uint32_t lane) {
-        __m128i half = lane == 0 ? _mm256_castsi256_si128(v) : _mm256_extracti128_si256(v, 1);
-        return static_cast<int16_t>(_mm_cvtsi128_si32(half));
-    }
-};
-#endif
 
 // Eight 32-bit values per block, in two vectors.
 template <class S>
@@ -143,29 +41,8 @@ KIV_SIMD_INLINE Wide<S> madd(typename S::V a, typename S::V b) {
 template <class S, int Bias, int Shift>
 KIV_SIMD_INLINE typename S::V roundNarrow(Wide<S> v) {
     const typename S::V bias = S::set32(Bias);
-    return S::pack32(S::template sar32<Shift>(S::add32(v.lo, bias)),
+    return S::packs32(S::template sar32<Shift>(S::add32(v.lo, bias)),
                      S::template sar32<Shift>(S::add32(v.hi, bias)));
-}
-
-// 8x8 transpose of 16-bit values (per block): x[i] holds row i on entry and
-// column i on return.
-template <class S>
-KIV_SIMD_INLINE void transpose(typename S::V *x) {
-    typename S::V a[8], b[8];
-    for (int j = 0; j < 4; j++) {
-        a[2 * j] = S::lo16(x[2 * j], x[2 * j + 1]);
-        a[2 * j + 1] = S::hi16(x[2 * j], x[2 * j + 1]);
-    }
-    for (int j = 0; j < 2; j++) {
-        b[4 * j] = S::lo32(a[4 * j], a[4 * j + 2]);
-        b[4 * j + 1] = S::hi32(a[4 * j], a[4 * j + 2]);
-        b[4 * j + 2] = S::lo32(a[4 * j + 1], a[4 * j + 3]);
-        b[4 * j + 3] = S::hi32(a[4 * j + 1], a[4 * j + 3]);
-    }
-    for (int j = 0; j < 4; j++) {
-        x[2 * j] = S::lo64(b[j], b[4 + j]);
-        x[2 * j + 1] = S::hi64(b[j], b[4 + j]);
-    }
 }
 
 // Column pass: the samples are small enough that every intermediate,
@@ -227,9 +104,9 @@ KIV_SIMD_INLINE void transform(const int16_t *const *blocks, typename S::V *x) {
     for (int i = 0; i < 8; i++)
         x[i] = S::load(blocks, 8 * i);
     columnPass<S>(x);  // vector i is row i: lanes are columns
-    transpose<S>(x);
+    transpose8x8<S>(x, x);
     rowPass<S>(x);  // lanes are rows
-    transpose<S>(x);
+    transpose8x8<S>(x, x);
 }
 
 // The step values of row i of each block's table, side by side like the
