@@ -77,17 +77,23 @@ TEST(EncoderTables, SegmentLayoutAndOrder) {
 TEST(EncoderTables, ClientQuantizationTableIsWrittenInZigzagOrder) {
     JpgParam *h = nullptr;
     ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
-    uint16_t table[64];
-    for (int i = 0; i < 64; i++)
+    uint16_t table[64], chroma[64];
+    for (int i = 0; i < 64; i++) {
         table[i] = uint16_t(i + 1);
-    ASSERT_EQ(jpgWriteSetDefaultQuantizationTable(h, 0, table), JPG_STATUS_OK);
+        chroma[i] = uint16_t(200 - i);
+    }
+    ASSERT_EQ(jpgWriteSetDefaultQuantizationTable(h, 1, chroma), JPG_STATUS_OK);
+    ASSERT_EQ(jpgWriteSetDefaultQuantizationTable(h, 0, table), JPG_STATUS_OK);  // table 1 stays
     ASSERT_EQ(jpgWriteSetQuantizationFactor(h, 50), JPG_STATUS_OK);
-    Image img(8, 8, 1, 8, 99);
+    Image img(8, 8, 3, 8, 99);
     ComplibRect r = img.rect();
     ASSERT_EQ(jpgWriteFromRect(h, &r, 8), JPG_STATUS_OK);
-    Bytes t = dqtTables(finishToMemory(h))[0];
-    for (int k = 0; k < 64; k++)
+    std::map<int, Bytes> written = dqtTables(finishToMemory(h));
+    Bytes t = written[0];
+    for (int k = 0; k < 64; k++) {
         EXPECT_EQ(t[k], kiv::kZigzag[k] + 1) << k;
+        EXPECT_EQ(written[1][k], 200 - kiv::kZigzag[k]) << k;
+    }
     // Scaled by quality 25 (200 %): an entry of 128 reaches 256 and is held to 255.
     ASSERT_EQ(jpgWritePrologToMemory(0, &h), JPG_STATUS_OK);
     std::fill(table, table + 64, uint16_t(128));
