@@ -126,15 +126,7 @@ void inverseDctPortable(int16_t *block) {
         bottomZero ? inverseShape<4, 8>(block) : inverseShape<8, 8>(block);
 }
 
-InverseDct inverseDctFor(uint32_t flag) {
-#if KIV_SIMD_X86
-    if (simdLevelOf(flag) != SimdLevel::Portable)
-        return inverseDctSse2;
-#endif
-    return inverseDctPortable;
-}
-
-template <InverseDct kTransform>
+template <void (*kTransform)(int16_t *)>
 void eachBlock(int16_t *blocks, uint32_t count) {
     for (uint32_t b = 0; b < count; b++)
         kTransform(blocks + 64 * b);

@@ -14,14 +14,10 @@ namespace kiv {
 void inverseDctPortable(int16_t *block);
 
 // The inverse DCT of a handle's processor flag (already masked by the
-// processor's capabilities): the SSE2 transform when the flag allows SSE2
-// (or AVX2), the portable one otherwise; the same bits either way. Cheap
-// enough to ask once per MCU.
-using InverseDct = void (*)(int16_t *block);
-InverseDct inverseDctFor(uint32_t flag);
-
-// The same for `count` consecutive blocks (64 values apart), two at a time
-// where the level has vectors that wide.
+// processor's capabilities) for `count` consecutive blocks, 64 values apart:
+// two blocks at a time at AVX2, the SSE2 transform block by block at SSE2,
+// the portable one otherwise; the same bits either way. Cheap enough to ask
+// once per MCU.
 using InverseDctBlocks = void (*)(int16_t *blocks, uint32_t count);
 InverseDctBlocks inverseDctBlocksFor(uint32_t flag);
 

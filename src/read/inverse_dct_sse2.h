@@ -1,9 +1,9 @@
 // The vector inverse DCTs (inverse_dct_sse2.cpp and inverse_dct_avx2.cpp,
 // built for both x86 targets): bit-identical to the portable transform of
-// inverse_dct.cpp. On x86-64,
-// where SSE2 is the baseline, jpgReadInverseDCT and the scaled transforms
-// use it unconditionally (KIV_HAVE_SSE2_IDCT); kiv::inverseDctFor hands it
-// out per processor flag on both targets.
+// inverse_dct.cpp. On x86-64, where SSE2 is the baseline, jpgReadInverseDCT
+// and the scaled transforms use the SSE2 one unconditionally
+// (KIV_HAVE_SSE2_IDCT); kiv::inverseDctBlocksFor hands them out per
+// processor flag on both targets.
 #pragma once
 
 #include <stdint.h>

@@ -98,10 +98,11 @@ std::vector<Named> variants(Transform portable, ForLevel forLevel) {
     return all;
 }
 
-// A run of three blocks at every level, the block at `slot` of them: beside
-// a flat block (its own shape decides), beside a full one of extremes (the
-// pair takes the full shape, and the exact row pass), or left over alone.
-// The other blocks must come out as their own transforms.
+// The transform of every level, on a run of three blocks with the tested
+// block at `slot` of them: beside a flat block (its own shape decides),
+// beside a full one of extremes (the pair takes the full shape, and the
+// exact row pass), or left over alone. The other blocks must come out as
+// their own transforms.
 Transform inThree(uint32_t flag, int slot) {
     return [run = kiv::inverseDctBlocksFor(flag), slot](int16_t *block) {
         Block flat{}, full;
@@ -119,8 +120,8 @@ Transform inThree(uint32_t flag, int slot) {
 }
 
 std::vector<Named> inverseDcts() {
-    std::vector<Named> all = variants(kiv::inverseDctPortable, kiv::inverseDctFor);
-    all.push_back({"exported", [](int16_t *block) { jpgReadInverseDCT(block); }});
+    std::vector<Named> all = {{"portable", kiv::inverseDctPortable},
+                              {"exported", [](int16_t *block) { jpgReadInverseDCT(block); }}};
     for (uint32_t flag : kivtest::processorFlags())
         for (int slot = 0; slot < 3; slot++)
             all.push_back({kivtest::processorName(flag) + " in three, at " + std::to_string(slot), inThree(flag, slot)});
