@@ -96,19 +96,11 @@ template <kiv::BlockKernel Kernel>
 JpgStatus encodeMcu(JpgParam *param) {
     if (JpgStatus s = kiv::guardWrite(param))  // the getters hand these out to anyone
         return s;
-    if (param->enc.mcuBlocks == nullptr)
+    // The blocks and divisors exist only while the encode driver runs.
+    if (param->enc.mcuBlocks == nullptr || param->enc.quantSteps == nullptr)
         return JPG_STATUS_INVALID_PARAMETER;
     uint32_t mcus = param->enc.mcuBatch != 0 ? param->enc.mcuBatch : 1;
-    if (param->enc.quantSteps != nullptr)
-        return encodeBlocks<Kernel>(param, param->enc.quantSteps, mcus);
-    // Called outside the encode driver: the divisors are prepared here.
-    kiv::QuantSteps steps[4];
-    for (uint32_t c = 0; c < param->numComponents && c < 4; c++) {
-        if (param->components[c].quant == nullptr)
-            return JPG_STATUS_INVALID_PARAMETER;
-        kiv::makeQuantSteps(param->components[c].quant, &steps[c]);
-    }
-    return encodeBlocks<Kernel>(param, steps, mcus);
+    return encodeBlocks<Kernel>(param, param->enc.quantSteps, mcus);
 }
 
 // The portable MCU encoder, the reference for the processor-specific ones.

@@ -101,8 +101,11 @@ TEST(Flags, ProcessorFlagIsTheRequestMaskedByTheCapabilities) {
     }
 }
 
-// Identifiers no routine serves get none at any level.
+// Identifiers no routine serves get none at any level; the generic MCU
+// encoder is the portable one.
 TEST(Dispatch, UnknownIdentifiersHaveNoRoutine) {
+    EXPECT_EQ(jpgGetWriteMCUGenericFunc(0x301), jpgGetWriteMCUFunc(0x301, 0));
+    EXPECT_EQ(jpgGetWriteMCUGenericFunc(0x303), nullptr);
     for (uint32_t flag : kivtest::processorFlags()) {
         EXPECT_EQ(jpgGetWriteMCUFunc(0x303, flag), nullptr);
         EXPECT_EQ(jpgGetWriteColorConvertFunc(0x22020203u, flag), nullptr);  // 12-bit samples
