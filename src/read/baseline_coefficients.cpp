@@ -265,8 +265,9 @@ inline void (*transformFor(const JpgParam *param))(int16_t *) {
 // reader's state, stored before any return and before the restart
 // processing reads the handle's reader. The scan's components come in scan
 // order, each into its own blocks; in the usual frame order the blocks
-// simply follow one another.
-template <bool kFrameOrder, int kLevel>
+// simply follow one another. At full size the blocks are transformed
+// unless kTransform is false.
+template <bool kFrameOrder, int kLevel, bool kTransform>
 [[gnu::always_inline]] inline JpgStatus decodeMcu(JpgParam *param) {
     void (*const transform)(int16_t *) = transformFor<kLevel>(param);
     BitState bits(param);
@@ -288,18 +289,19 @@ template <bool kFrameOrder, int kLevel>
     }
     bits.store();
     // Every component is in the scan, so its blocks fill the buffer's first ones.
-    if constexpr (kLevel == 3)
+    if constexpr (kLevel == 3 && kTransform)
         kiv::inverseDctBlocksFor(param->processorFlag)(param->mcuBuffer, blocks);
     kiv::advanceMcuCounters(param);
     return JPG_STATUS_OK;
 }
 
-template <int kLevel>
+template <int kLevel, bool kTransform = true>
 JpgStatus decodeSequentialMcu(JpgParam *param) {
     JpgStatus status = kiv::checkSequentialScan(param);
     if (status != JPG_STATUS_OK)
         return status;
-    return param->dec.scanInFrameOrder ? decodeMcu<true, kLevel>(param) : decodeMcu<false, kLevel>(param);
+    return param->dec.scanInFrameOrder ? decodeMcu<true, kLevel, kTransform>(param)
+                                       : decodeMcu<false, kLevel, kTransform>(param);
 }
 
 // The MCU routines: full size and the three scaled levels.
@@ -321,6 +323,8 @@ JpgStatus checkSequentialScan(const JpgParam *param) {
         return JPG_STATUS_NOT_SUPPORTED;  // every component in the one scan
     return JPG_STATUS_OK;
 }
+
+JpgStatus decodeMcuCoefficients(JpgParam *param) { return decodeSequentialMcu<3, false>(param); }
 
 JpgStatus decodeBlockToStore(JpgParam *param, int16_t *block, JpgComponent *comp) {
     clearBlock(block);

@@ -7,19 +7,15 @@
 #include "modes/coefficient_store.h"
 #include "core/api_checks.h"
 #include "read/front_end.h"
+#include "read/inverse_dct.h"
 #include "read/output_color.h"
+#include "read/upsampling_sse2.h"
 
 namespace {
 
 bool routinesPresent(const JpgParam *param) {
     return param->routines.mcu != nullptr && param->routines.upsample != nullptr &&
            param->routines.convert != nullptr;
-}
-
-void swapBuffers(JpgParam *param) {
-    int16_t *held = param->mcuBuffer;
-    param->mcuBuffer = param->dec.mcuNext;
-    param->dec.mcuNext = held;
 }
 
 void restoreBufferOrder(JpgParam *param, int16_t *low, int16_t *high) {
@@ -69,6 +65,78 @@ JpgStatus storedToRect(JpgParam *param, const ComplibRect *rect, uint32_t rows) 
     return status != JPG_STATUS_OK ? status : kiv::outputStoredRows(param, rect, rows);
 }
 
+// Upsamples and converts the MCU at x in `mcu`, when the rectangle shows it.
+struct McuOutput {
+    JpgParam *param;
+    ComplibRect *rect;
+    JpgReadColorConvertFunc convert;
+
+    void operator()(int16_t *mcu, int16_t *next, int64_t x) const {
+        const int64_t w = param->mcuWidth;
+        if (x >= rect->width)
+            return;
+        param->mcuBuffer = mcu;
+        param->dec.mcuNext = next;
+        param->routines.upsample(param);
+        convert(param, rect, static_cast<int32_t>(x), static_cast<int32_t>(rect->width - x < w ? rect->width - x : w));
+    }
+};
+
+// The MCU routine, refused once the scan's data has ended.
+JpgStatus nextMcu(JpgParam *param, JpgMcuFunc decode, int16_t *into) {
+    if (param->currentMarker == 0xFFD9)
+        return JPG_STATUS_UNEXPECTED_END;
+    param->mcuBuffer = into;
+    return decode(param);
+}
+
+// The general loop: MCU j is decoded, transformed and converted once MCU
+// j + 1 has decoded, the two alternating between the halves of the buffer.
+JpgStatus decodeOneAhead(JpgParam *param, const McuOutput &output, uint32_t count, int16_t *low,
+                         int16_t *high) {
+    const int64_t w = param->mcuWidth;
+    int16_t *half[2] = {low, high};
+    for (uint32_t j = 0; j < count; j++) {
+        if (JpgStatus s = nextMcu(param, param->routines.mcu, half[j & 1]))
+            return s;
+        if (j > 0)
+            output(half[~j & 1], half[j & 1], w * (j - 1));
+    }
+    output(half[~count & 1], nullptr, w * (count - 1));
+    return JPG_STATUS_OK;
+}
+
+// Frames whose upsampling never looks at the next MCU go two MCUs at a time
+// through the inverse DCT, so that single-block (greyscale) and three-block
+// (4:4:4) MCUs fill the pairs of the widest level too. Each MCU is still
+// converted only once its successor has decoded, as in the general loop
+// (the upsampler is not shown the successor, which it never reads).
+bool inPairs(const JpgParam *param, const int16_t *low, const int16_t *high) {
+    return param->routines.mcu == jpgReadDecodeBaselineMcu && kiv::pointsInPlace(param->routines.upsample) &&
+           high == low + 64 * param->blocksPerMcu;
+}
+
+JpgStatus decodeInPairs(JpgParam *param, const McuOutput &output, uint32_t count, int16_t *low,
+                        int16_t *high) {
+    const int64_t w = param->mcuWidth;
+    const uint32_t blocks = param->blocksPerMcu;
+    const kiv::InverseDctBlocks inverse = kiv::inverseDctBlocksFor(param->processorFlag);
+    for (uint32_t j = 0; j < count; j++) {
+        if (JpgStatus s = nextMcu(param, kiv::decodeMcuCoefficients, j & 1 ? high : low))
+            return s;
+        if (j & 1) {  // the pair is complete
+            inverse(low, 2 * blocks);
+            output(low, nullptr, w * (j - 1));
+        } else if (j > 0) {
+            output(high, nullptr, w * (j - 1));
+        }
+    }
+    if (count & 1)  // the last MCU has no partner
+        inverse(low, blocks);
+    output(count & 1 ? low : high, nullptr, w * (count - 1));
+    return JPG_STATUS_OK;
+}
+
 }  // namespace
 
 extern "C" {
@@ -83,39 +151,12 @@ JpgStatus jpgReadDecodeMcuRow(JpgParam *param, ComplibRect *rect, uint32_t count
         return s;
     if (!routinesPresent(param) || param->mcuBuffer == nullptr || kiv::usesCoefficientStore(param))
         return JPG_STATUS_NOT_SUPPORTED;
-    if (param->currentMarker == 0xFFD9)
-        return JPG_STATUS_UNEXPECTED_END;
     int16_t *low = param->mcuBuffer < param->dec.mcuNext ? param->mcuBuffer : param->dec.mcuNext;
     int16_t *high = low == param->mcuBuffer ? param->dec.mcuNext : param->mcuBuffer;
-    JpgStatus status = param->routines.mcu(param);
-    if (status != JPG_STATUS_OK)
-        return status;
-    const JpgReadColorConvertFunc convert = kiv::mcuRowConverter(param);
-    const int64_t w = param->mcuWidth;
-    int64_t x = 0;
-    swapBuffers(param);
-    for (uint32_t j = 1; j < count; j++, x += w) {
-        if (param->currentMarker == 0xFFD9) {
-            restoreBufferOrder(param, low, high);
-            return JPG_STATUS_UNEXPECTED_END;
-        }
-        status = param->routines.mcu(param);
-        if (status != JPG_STATUS_OK) {
-            restoreBufferOrder(param, low, high);
-            return status;
-        }
-        swapBuffers(param);
-        if (x < rect->width) {
-            param->routines.upsample(param);
-            convert(param, rect, static_cast<int32_t>(x), static_cast<int32_t>(rect->width - x < w ? rect->width - x : w));
-        }
-    }
-    swapBuffers(param);
-    param->dec.mcuNext = nullptr;  // no right-hand neighbour
-    if (x < rect->width) {
-        param->routines.upsample(param);
-        convert(param, rect, static_cast<int32_t>(x), static_cast<int32_t>(rect->width - x < w ? rect->width - x : w));
-    }
+    const McuOutput output{param, rect, kiv::mcuRowConverter(param)};
+    count = count > 0 ? count : 1;  // the first MCU is decoded whatever the count
+    JpgStatus status = inPairs(param, low, high) ? decodeInPairs(param, output, count, low, high)
+                                                 : decodeOneAhead(param, output, count, low, high);
     restoreBufferOrder(param, low, high);
     return status;
 }

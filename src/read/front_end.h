@@ -68,6 +68,11 @@ inline void advanceMcuCounters(JpgParam *param) {
 // store instead).
 JpgStatus checkSequentialScan(const JpgParam *param);
 
+// The full-size MCU routine without its inverse DCT: the MCU buffer
+// receives the dequantized coefficients of every block, for the caller to
+// transform.
+JpgStatus decodeMcuCoefficients(JpgParam *param);
+
 // Block routine of sequential scans decoded into the coefficient store
 // (JpgCoefficientFunc): the block is cleared and receives the quantized
 // coefficients in natural order, the DC predicted as in F.2.2.1.

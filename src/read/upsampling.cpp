@@ -434,6 +434,10 @@ JpgUpSamplingFunc upSamplingFor(uint32_t id, SimdLevel level) {
     return nullptr;
 }
 
+bool pointsInPlace(JpgUpSamplingFunc routine) {
+    return routine == jpgReadUpSamplingTo11 || routine == upsampleTo11;
+}
+
 bool doublesChromaRows(JpgUpSamplingFunc routine) {
     if (routine == jpgReadUpSamplingTo22 || routine == jpgReadUpSamplingTo12 || routine == portableTo22 ||
         routine == portableTo12)

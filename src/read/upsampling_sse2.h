@@ -21,6 +21,10 @@ JpgUpSamplingFunc upSamplingFor(uint32_t id, SimdLevel level);
 // in equal pairs.
 bool doublesChromaRows(JpgUpSamplingFunc routine);
 
+// True for the routines that only point at the MCU's own blocks (every
+// component at full resolution), never looking at the MCU right of it.
+bool pointsInPlace(JpgUpSamplingFunc routine);
+
 // Each takes one 64-sample block (rows of 8). Horizontal doubling is
 // co-sited: out[2i] = a[i], out[2i + 1] = (a[i] + a[i + 1] + 1) >> 1, the
 // sample right of a[7] being row's first sample in next (the same block of
