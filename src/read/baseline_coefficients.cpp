@@ -131,10 +131,33 @@ JpgStatus badCode(const BitState &bits, JpgStatus status) {
     return *k > 63;
 }
 
+// Decodes and drops the AC codes of a block after zig-zag index k. Kept out
+// of line with its own copy of the reader's state, which a loop this small
+// holds in registers.
+[[gnu::noinline]] JpgStatus skipAc(BitState &state, const JpgHuffLevel *ac, uint32_t k) {
+    BitState bits = state;
+    const FirstLevel first(ac[0]);
+    JpgStatus status = JPG_STATUS_OK;
+    for (;;) {
+        uint32_t entry = nextAcEntry(bits, first, ac, k);
+        if ((entry & 0xF00) == 0) {
+            if (endsBlock(bits, entry, &k, &status))
+                break;
+            continue;
+        }
+        k += entryRun(entry) + 1;
+        if (k >= 63)
+            break;
+    }
+    state = bits;
+    return status;
+}
+
 // One block (F.2.2.1, F.2.2.2): the DC difference updates the predictor,
 // AC run/size pairs place values times quant (zig-zag order) in natural
-// order. An over-long block ends silently. The scaled variant stores only the coefficients below
-// zig-zag index `limit` and passes over the rest; the DC is always stored.
+// order. An over-long block ends silently. The scaled variant stores only
+// the coefficients below zig-zag index `limit` and passes over the rest;
+// the DC is always stored.
 template <bool kScaled>
 [[gnu::always_inline]] inline JpgStatus decodeBlock(BitState &bits, int16_t *block,
                                                     JpgComponent *comp, const uint32_t *quant,
@@ -148,13 +171,13 @@ template <bool kScaled>
     comp->dcPred = static_cast<int32_t>(predictor);
     block[0] = static_cast<int16_t>(quant[0] * predictor);
     const JpgHuffLevel *ac = comp->acLookup;
-    const FirstLevel first(ac[0]);
     uint32_t k = 0;
-    JpgStatus status;
     if (!kScaled || limit > 1) {
+        const FirstLevel first(ac[0]);
         for (;;) {
             entry = nextAcEntry(bits, first, ac, k);
             if ((entry & 0xF00) == 0) {
+                JpgStatus status;
                 if (endsBlock(bits, entry, &k, &status))
                     return status;
                 continue;
@@ -171,17 +194,7 @@ template <bool kScaled>
             block[kiv::kZigzag[k]] = static_cast<int16_t>(value * quant[k]);
         }
     }
-    for (;;) {  // scaled: the rest of the block is decoded and dropped
-        entry = nextAcEntry(bits, first, ac, k);
-        if ((entry & 0xF00) == 0) {
-            if (endsBlock(bits, entry, &k, &status))
-                return status;
-            continue;
-        }
-        k += entryRun(entry) + 1;
-        if (k >= 63)
-            return JPG_STATUS_OK;
-    }
+    return skipAc(bits, ac, k);  // scaled: the rest of the block is decoded and dropped
 }
 
 // Zeroes the 64 coefficients of a block in 16-byte pieces, which compilers
@@ -243,22 +256,24 @@ template <int kLevel>
                 memset(block + i, 0, 8 * sizeof(int16_t));
         status = decodeBlock<true>(bits, block, comp, comp->quant, kScaledLimits[kLevel]);
     }
-    if (kLevel != 3 && status == JPG_STATUS_OK)
-        transform(block);
+    if (kLevel != 3 && status == JPG_STATUS_OK) {
+        if constexpr (kLevel == 0)
+            kiv::reduceTo1x1(block);
+        else if constexpr (kLevel == 1)
+            kiv::reduceTo2x2(block);
+        else if constexpr (kLevel == 2)
+            transform(block);
+    }
     return status;
 }
 
 // The transform of a scaled level for the handle's processor flag.
 template <int kLevel>
 inline void (*transformFor(const JpgParam *param))(int16_t *) {
-    if constexpr (kLevel == 3)
-        return nullptr;  // the MCU's blocks go to the inverse DCT together
-    else if constexpr (kLevel == 2)
+    if constexpr (kLevel == 2)
         return kiv::reduceTo4x4For(param->processorFlag);
-    else if constexpr (kLevel == 1)
-        return kiv::reduceTo2x2;
     else
-        return kiv::reduceTo1x1;
+        return nullptr;  // inline (levels 0 and 1) or the MCU's blocks together (full size)
 }
 
 // One MCU of an interleaved scan into the MCU buffer, with one load of the

@@ -18,10 +18,6 @@
 namespace kiv {
 namespace {
 
-constexpr int32_t sra(uint32_t v, int s) { return static_cast<int32_t>(v) >> s; }
-
-inline int16_t clipSample(uint32_t index) { return static_cast<int16_t>(PixClipTable[index & 0x3FF]); }
-
 constexpr uint32_t kK1 = kReduceK1, kK3 = kReduceK3;
 
 // 4-point butterfly; out in the order (e0 + o0), (e1 - o1), (e1 + o1), (e0 - o0).
@@ -35,19 +31,6 @@ inline void butterfly4(const uint32_t *x, uint32_t *out) {
 }
 
 }  // namespace
-
-// Level 0: the block's only sample is its rounded DC.
-void reduceTo1x1(int16_t *block) { block[0] = clipSample(sra(static_cast<uint32_t>(block[0]) + 4, 3)); }
-
-// Level 1: 2-point transforms on F00, F01, F10, F11.
-void reduceTo2x2(int16_t *block) {
-    int32_t f00 = block[0], f01 = block[1], f10 = block[8], f11 = block[9];
-    int32_t a = f00 + f10, b = f00 - f10, c = f01 + f11, d = f01 - f11;
-    block[0] = clipSample((a + c + 4) >> 3);
-    block[1] = clipSample((a - c + 4) >> 3);
-    block[8] = clipSample((b + d + 4) >> 3);
-    block[9] = clipSample((b - d + 4) >> 3);
-}
 
 // Two coefficients at once (any byte order: only zero tests follow).
 inline uint32_t pairAt(const int16_t *p) {
