@@ -154,18 +154,25 @@ KIV_SIMD_INLINE typename S::V clipIndex(typename S::V y) {
     return S::template sar32<22>(S::template shl32<5>(y));
 }
 
-// Stores the row-pass results (s[h][k]: column k of rows 4h .. 4h + 3, as
-// clip indices) as samples: plus 128, clamped to 0..255 (what PixClipTable
-// holds), transposed back to rows as bytes and widened.
+// One half of the row-pass results (s[k]: column k of rows 4h .. 4h + 3,
+// bias included) as level-shifted 16-bit samples, not yet clamped: a[j]
+// holds columns 2j and 2j + 1. Packing each half at once keeps fewer
+// vectors live than holding both.
 template <class S, typename V = typename S::V>
-KIV_SIMD_INLINE void storeSamples(const V (*s)[8], int16_t *const *blocks) {
+KIV_SIMD_INLINE void packHalf(const V *s, V *a) {
     const V level = S::set16(128);
+    for (int j = 0; j < 4; j++)
+        a[j] = S::add16(S::packs32(clipIndex<S>(s[2 * j]), clipIndex<S>(s[2 * j + 1])), level);
+}
+
+// Stores the packed halves (a[h][j]: columns 2j and 2j + 1 of rows
+// 4h .. 4h + 3) as samples: clamped to 0..255 (what PixClipTable holds),
+// transposed back to rows as bytes and widened.
+template <class S, typename V = typename S::V>
+KIV_SIMD_INLINE void storeSamples(const V (*a)[4], int16_t *const *blocks) {
     V c[4];
-    for (int j = 0; j < 4; j++) {  // columns 2j and 2j + 1, rows 0-7, as bytes
-        V z0 = S::add16(S::packs32(s[0][2 * j], s[1][2 * j]), level);
-        V z1 = S::add16(S::packs32(s[0][2 * j + 1], s[1][2 * j + 1]), level);
-        c[j] = S::packus16(z0, z1);
-    }
+    for (int j = 0; j < 4; j++)  // columns 2j and 2j + 1, rows 0-7, as bytes
+        c[j] = S::packus16(S::lo64(a[0][j], a[1][j]), S::hi64(a[0][j], a[1][j]));
     V t0 = S::lo8(c[0], c[1]), t1 = S::hi8(c[0], c[1]);
     V t2 = S::lo8(c[2], c[3]), t3 = S::hi8(c[2], c[3]);
     V u0 = S::lo8(t0, t1), u1 = S::hi8(t0, t1);  // columns 0-3
@@ -219,13 +226,12 @@ __attribute__((noinline)) void rowPassWide(V (*w)[8], int16_t *const *blocks) {
         w[1][i] = w[0][4 + i];
         w[0][4 + i] = t;
     }
-    V s[2][8];
+    V s[8], a[2][4];
     for (int h = 0; h < 2; h++) {
-        transformWide<S>(w[h], s[h]);
-        for (int k = 0; k < 8; k++)
-            s[h][k] = clipIndex<S>(s[h][k]);
+        transformWide<S>(w[h], s);
+        packHalf<S>(s, a[h]);
     }
-    storeSamples<S>(s, blocks);
+    storeSamples<S>(a, blocks);
 }
 
 // ---- the block shapes
@@ -241,7 +247,7 @@ __attribute__((noinline)) void inverseShape(int16_t *const *blocks) {
     if constexpr (kCols == 8) {
         columnHalf<S, kRows, 1>(rows, w[1]);
     }
-    V p[8], t[8], s[2][8];
+    V p[8], t[8], s[8], a[2][4];
     packRows<S, kCols>(w, p);
     if (!packedExactly<S, kCols>(p)) {
         if constexpr (kCols == 4) {
@@ -252,12 +258,11 @@ __attribute__((noinline)) void inverseShape(int16_t *const *blocks) {
         return;
     }
     transposeWords<S, kCols>(p, t);
-    transform8<S, kCols, 0>(t, kRowBias, s[0]);
-    transform8<S, kCols, 1>(t, kRowBias, s[1]);
-    for (int h = 0; h < 2; h++)
-        for (int k = 0; k < 8; k++)
-            s[h][k] = clipIndex<S>(s[h][k]);
-    storeSamples<S>(s, blocks);
+    transform8<S, kCols, 0>(t, kRowBias, s);
+    packHalf<S>(s, a[0]);
+    transform8<S, kCols, 1>(t, kRowBias, s);
+    packHalf<S>(s, a[1]);
+    storeSamples<S>(a, blocks);
 }
 
 inline __m128i rowAt(const int16_t *block, int i) {
