@@ -19,6 +19,18 @@ namespace kiv {
 constexpr uint32_t kBlockRoom = 2 * ((27 + 63 * 26 + 16 + 31) / 8 + 1);
 static_assert(kBlockRoom < kStagingSize / 2);
 
+// The four bytes of word at p, the most significant first.
+inline void storeBigEndian(uint8_t *p, uint32_t word) {
+#if defined(__GNUC__) && defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    word = __builtin_bswap32(word);
+    memcpy(p, &word, 4);
+#else
+    uint8_t bytes[4] = {static_cast<uint8_t>(word >> 24), static_cast<uint8_t>(word >> 16),
+                        static_cast<uint8_t>(word >> 8), static_cast<uint8_t>(word)};
+    memcpy(p, bytes, 4);
+#endif
+}
+
 class BitSink {
 public:
     explicit BitSink(ComplibBitstream *bs)
@@ -52,9 +64,10 @@ public:
             pending_ = total;
             return JPG_STATUS_OK;
         }
+        // The held bits (shifted twice: with none held, all go) above the
+        // leading bits of the code.
+        uint32_t word = ((acc_ << 1) << (31 - pending_)) | (bits >> (total - 32));
         pending_ = total - 32;
-        uint32_t word = static_cast<uint32_t>((static_cast<uint64_t>(acc_) << (length - pending_)) |
-                                              (bits >> pending_));
         acc_ = bits;  // its low pending_ bits are the rest; higher ones are shifted out later
 #endif
         if (Checked)
@@ -69,9 +82,7 @@ private:
         // A byte is 0xFF exactly when its low seven bits plus one carry into
         // bit 7 and bit 7 is set; no carry crosses into the next byte.
         if ((((word & 0x7F7F7F7Fu) + 0x01010101u) & word & 0x80808080u) == 0) {
-            uint8_t bytes[4] = {static_cast<uint8_t>(word >> 24), static_cast<uint8_t>(word >> 16),
-                                static_cast<uint8_t>(word >> 8), static_cast<uint8_t>(word)};
-            memcpy(p, bytes, 4);
+            storeBigEndian(p, word);
             fill_ += 4;
             return;
         }
