@@ -62,7 +62,7 @@ struct Symbol {
 // has a magnitude, RECEIVE and EXTEND (F.2.2.1). A window that is no code
 // consumes nothing.
 [[gnu::always_inline]] inline Symbol decodeSymbol(BitState &bits, const JpgHuffmanTable *table) {
-    bits.need(16);
+    bits.needCode(16);
     uint32_t entry = lookupCode(table, bits.peek(16));
     uint32_t n = entryBits(entry);
     if (entry == kInvalidEntry || n == 0 || n > 16)

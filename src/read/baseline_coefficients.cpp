@@ -99,7 +99,7 @@ JpgStatus badCode(const BitState &bits, JpgStatus status) {
 // made valid for the first level, as the exported reader would be asked.
 [[gnu::always_inline]] inline uint32_t nextDcEntry(BitState &bits, const JpgHuffLevel *dc) {
     const FirstLevel first(dc[0]);
-    bits.needAhead(first.width, kWindowBits);
+    bits.needCode(first.width);
     uint32_t index = bits.peek(first.width);
     uint32_t entry = index < first.limit ? first.entries[index] : decodeLongDc(bits, dc);
     bits.skip(entryBits(entry));
@@ -109,7 +109,7 @@ JpgStatus badCode(const BitState &bits, JpgStatus status) {
 // The next AC code at zig-zag index k, consumed, its value in the entry.
 [[gnu::always_inline]] inline uint32_t nextAcEntry(BitState &bits, const FirstLevel &first,
                                                    const JpgHuffLevel *ac, uint32_t k) {
-    bits.needAhead(first.width, kWindowBits);
+    bits.needCode(first.width);
     uint32_t index = bits.peek(first.width);
     uint32_t entry = index < first.limit ? first.entries[index] : decodeLongAc(bits, ac, k);
     bits.skip(entryBits(entry));

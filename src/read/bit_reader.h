@@ -77,6 +77,7 @@ constexpr bool hasByteFF(BitWord w) { return ((~w - kByteOnes) & w & (kByteOnes 
 struct HeldBits {
     BitWord acc;
     int32_t count;
+    bool marker;  // set by the slow path once it has taken a marker as data
 };
 
 // The end-of-data value sign-extends, setting every bit above it.
@@ -94,8 +95,10 @@ inline void mergeWordByte(HeldBits &held, uint32_t byte) {
         if (byte != 0xFF)
             continue;
         uint32_t next = takeInputByte(param);
-        if (next != 0)
+        if (next != 0) {
             mergeWordByte(held, next);
+            held.marker = true;
+        }
     }
     return held;
 }
@@ -123,6 +126,7 @@ struct BitState {
     JpgParam *param;
     BitWord acc;  // left-aligned: the next bit is the most significant
     int32_t count;
+    int32_t codeAhead = kWordBits > 32 ? 16 : 32;  // see needCode
 
     explicit BitState(JpgParam *p)
         : param(p), acc(static_cast<BitWord>(p->bs.accumulator) << (kWordBits - 32)),
@@ -160,14 +164,24 @@ struct BitState {
         return true;
     }
 
+    // Once the slow path has taken a marker as data, reading ahead past it
+    // would hold bytes that the exported reader leaves in the input behind
+    // a restart marker, so codes ask for 16 bits again.
     void refillSlow(int32_t n) {
-        HeldBits held = loadEntropyBytes(param, HeldBits{acc, count}, n);
+        HeldBits held = loadEntropyBytes(param, HeldBits{acc, count, false}, n);
         acc = held.acc;
         count = held.count;
+        if (held.marker)
+            codeAhead = 16;
     }
 
     // Makes at least n (at most 16) bits valid.
     void need(int32_t n) { needAhead(n, n); }
+    // As need(n), for the next code of a decoding loop: on 32-bit targets
+    // the fast path tops the word up before every code, which costs less
+    // than a branch on the count that goes either way every other code (a
+    // 64-bit word lasts for several codes), until the slow path has run.
+    void needCode(int32_t n) { needAhead(n, codeAhead); }
     // As need(n), and also fills ahead when fewer than `ahead` bits are
     // held and the fast path is open (which leaves at least 24 bits).
     void needAhead(int32_t n, int32_t ahead) {
