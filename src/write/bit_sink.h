@@ -15,9 +15,10 @@
 namespace kiv {
 
 // Staging bytes one block can produce: DC (27 bits), 63 AC codes of at most
-// 26 bits or EOB, the 31 pending bits, every byte stuffed.
+// 26 bits or EOB, the 31 pending bits, every byte stuffed; and the four an
+// incomplete word is written past them.
 constexpr uint32_t kBlockRoom = 2 * ((27 + 63 * 26 + 16 + 31) / 8 + 1);
-static_assert(kBlockRoom < kStagingSize / 2);
+static_assert(kBlockRoom >= 2 * ((27 + 63 * 26 + 31 + 7) / 8) + 4 && kBlockRoom < kStagingSize / 2);
 
 // The four bytes of word at p, the most significant first.
 inline void storeBigEndian(uint8_t *p, uint32_t word) {
@@ -46,18 +47,30 @@ public:
     bool roomForBlock() const { return fill_ <= kStagingSize - kBlockRoom; }
 
     // Appends `length` (1 to 32) bits; Checked stores test for a full buffer.
+    // With 64-bit registers, unchecked stores write the word at the staging
+    // position whether it is complete or not and advance only past complete
+    // ones, so that no branch depends on where words end.
     template <bool Checked>
     JpgStatus put(uint32_t bits, int32_t length) {
 #if UINTPTR_MAX > 0xFFFFFFFFu
         acc_ = (acc_ << length) | bits;
         pending_ += length;
-        if (pending_ < 32)
-            return JPG_STATUS_OK;
-        pending_ -= 32;
+        const bool complete = pending_ >= 32;
+        pending_ -= complete ? 32 : 0;
         uint32_t word = static_cast<uint32_t>(acc_ >> pending_);
+        if constexpr (Checked) {
+            if (!complete)
+                return JPG_STATUS_OK;
+            return putWordChecked(word);
+        }
+        storeBigEndian(bs_->putStart + fill_, word);
+        if (complete & hasByteFF(word)) [[unlikely]]
+            putStuffed(word);
+        else
+            fill_ += complete ? 4 : 0;
 #else
         // 32-bit registers: the accumulator keeps fewer than 32 bits, and a
-        // code that completes a word is split (a 64-bit shift only then).
+        // code that completes a word is split.
         int32_t total = pending_ + length;
         if (total < 32) {
             acc_ = (acc_ << length) | bits;
@@ -69,23 +82,28 @@ public:
         uint32_t word = ((acc_ << 1) << (31 - pending_)) | (bits >> (total - 32));
         pending_ = total - 32;
         acc_ = bits;  // its low pending_ bits are the rest; higher ones are shifted out later
-#endif
-        if (Checked)
+        if constexpr (Checked)
             return putWordChecked(word);
-        putWord(word);
+        if (hasByteFF(word)) [[unlikely]] {
+            putStuffed(word);
+        } else {
+            storeBigEndian(bs_->putStart + fill_, word);
+            fill_ += 4;
+        }
+#endif
         return JPG_STATUS_OK;
     }
 
 private:
-    void putWord(uint32_t word) {
+    // A byte is 0xFF exactly when its low seven bits plus one carry into
+    // bit 7 and bit 7 is set; no carry crosses into the next byte.
+    static bool hasByteFF(uint32_t word) {
+        return (((word & 0x7F7F7F7Fu) + 0x01010101u) & word & 0x80808080u) != 0;
+    }
+
+    // A complete word with a 0xFF byte: each one is followed by a stuffed zero.
+    void putStuffed(uint32_t word) {
         uint8_t *p = bs_->putStart + fill_;
-        // A byte is 0xFF exactly when its low seven bits plus one carry into
-        // bit 7 and bit 7 is set; no carry crosses into the next byte.
-        if ((((word & 0x7F7F7F7Fu) + 0x01010101u) & word & 0x80808080u) == 0) {
-            storeBigEndian(p, word);
-            fill_ += 4;
-            return;
-        }
         for (int shift = 24; shift >= 0; shift -= 8) {
             uint8_t byte = static_cast<uint8_t>(word >> shift);
             *p++ = byte;
