@@ -3,7 +3,8 @@
 // working on a machine-word copy of the accumulator. A decoder loads its
 // state with BitState, calls need()/peek()/skip() and writes the state back
 // with store(). At the end of data the missing bytes read as all ones (end
-// state 2, then 1). Invariant: the bits below the valid count are zero.
+// state 2, then 1). Invariant: in the handle, the bits below the valid count
+// are zero; a decoder's copy may hold the stream's next bits there.
 #pragma once
 
 #include <string.h>
@@ -139,15 +140,18 @@ struct BitState {
                 int32_t surplus = (count - 25) >> 3;
                 bs.readPos -= static_cast<uint32_t>(surplus);
                 count -= 8 * surplus;
-                acc &= ~BitWord(0) << (kWordBits - count);
             }
         }
-        bs.accumulator = static_cast<uint32_t>(acc >> (kWordBits - 32));
+        BitWord held = count > 0 ? acc & ~BitWord(0) << (kWordBits - count) : 0;
+        bs.accumulator = static_cast<uint32_t>(held >> (kWordBits - 32));
         bs.bitCount = count;
     }
 
     // Fast path: false when the buffer ends within a word or holds a 0xFF
-    // there. Afterwards at least kWordBits - 8 bits are valid.
+    // there. Afterwards at least kWordBits - 8 bits are valid. The whole
+    // word goes in: below the count, the accumulator then also holds the
+    // first bits of the next byte, which the next load brings in again
+    // (ORed onto the same bits) and store() clears.
     bool refillFast() {
         ComplibBitstream &bs = param->bs;
         uint32_t pos = bs.readPos;
@@ -156,11 +160,9 @@ struct BitState {
         BitWord word = loadBigEndian(param->input + pos);
         if (hasByteFF(word))
             return false;
-        int32_t bytes = (kWordBits - 1 - count) >> 3;
-        int32_t total = count + 8 * bytes;
-        acc |= (word >> count) & (~BitWord(0) << (kWordBits - total));
-        count = total;
-        bs.readPos = pos + static_cast<uint32_t>(bytes);
+        acc |= word >> count;
+        bs.readPos = pos + static_cast<uint32_t>((kWordBits - 1 - count) >> 3);
+        count |= kWordBits - 8;  // plus the whole bytes that fit
         return true;
     }
 
