@@ -182,7 +182,8 @@ struct BitState {
     // As need(n), for the next code of a decoding loop: on 32-bit targets
     // the fast path tops the word up before every code, which costs less
     // than a branch on the count that goes either way every other code (a
-    // 64-bit word lasts for several codes), until the slow path has run.
+    // 64-bit word lasts for several codes), until the slow path has taken
+    // a marker as data.
     void needCode(int32_t n) { needAhead(n, codeAhead); }
     // As need(n), and also fills ahead when fewer than `ahead` bits are
     // held and the fast path is open (which leaves at least 24 bits).
