@@ -34,4 +34,13 @@ constexpr uint32_t storedBlocks(uint8_t sampling) {
     }
 }
 
+// Whether any byte of the word is 0xFF (a zero byte of its complement): the
+// entropy-coded segments stuff a zero after it (ISO/IEC 10918-1 F.1.2.3).
+template <typename Word>
+constexpr bool hasByteFF(Word w) {
+    constexpr Word ones = static_cast<Word>(~Word(0) / 0xFF);  // 0x01 in every byte
+    return ((~w - ones) & w & static_cast<Word>(ones << 7)) != 0;
+}
+static_assert(hasByteFF(0x12FF3456u) && !hasByteFF(0xFEFE7F00u) && hasByteFF(uint64_t{0xFF} << 56));
+
 }  // namespace kiv

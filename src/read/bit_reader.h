@@ -51,7 +51,6 @@ inline void loadEntropyBits(JpgParam *param, uint32_t &acc, int32_t &count, int3
 // 32 bits on the 32-bit target.
 using BitWord = uintptr_t;
 constexpr int32_t kWordBits = static_cast<int32_t>(sizeof(BitWord) * 8);
-constexpr BitWord kByteOnes = ~BitWord(0) / 0xFF;  // 0x01 in every byte
 
 // The next sizeof(BitWord) buffer bytes, the first one most significant.
 inline BitWord loadBigEndian(const uint8_t *p) {
@@ -69,9 +68,6 @@ inline BitWord loadBigEndian(const uint8_t *p) {
     return w;
 #endif
 }
-
-// Whether any byte of the word is 0xFF (a zero byte of its complement).
-constexpr bool hasByteFF(BitWord w) { return ((~w - kByteOnes) & w & (kByteOnes << 7)) != 0; }
 
 // The accumulator and its count, passed by value so that a decoder's copy
 // can stay in registers across the out-of-line slow path.

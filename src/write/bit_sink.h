@@ -95,12 +95,6 @@ public:
     }
 
 private:
-    // A byte is 0xFF exactly when its low seven bits plus one carry into
-    // bit 7 and bit 7 is set; no carry crosses into the next byte.
-    static bool hasByteFF(uint32_t word) {
-        return (((word & 0x7F7F7F7Fu) + 0x01010101u) & word & 0x80808080u) != 0;
-    }
-
     // A complete word with a 0xFF byte: each one is followed by a stuffed zero.
     void putStuffed(uint32_t word) {
         uint8_t *p = bs_->putStart + fill_;
