@@ -105,7 +105,8 @@ public:
             return putWordChecked(word);
         }
         storeBigEndian(out_, word);
-        if (complete & hasByteFF(word)) [[unlikely]]
+        // A 0xFF byte is rare; the branch on it, taken first, is predicted.
+        if (hasByteFF(word) && complete) [[unlikely]]
             putStuffed(word);
         else
             out_ += complete * 4;
