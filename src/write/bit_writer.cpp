@@ -168,9 +168,8 @@ JpgStatus jpgWritePut8BitDCHuffman(ComplibBitstream *bs, const JpgHuffmanCode *c
     if (codes == nullptr || v < -kiv::kMaxMagnitude || v > kiv::kMaxMagnitude)
         return JPG_STATUS_INVALID_PARAMETER;
     kiv::Magnitude m = kiv::kMagnitude[v];
-    const JpgHuffmanCode &code = codes[m.category];
-    return jpgWritePutBits(bs, (code.code << m.category) | static_cast<uint16_t>(m.bits),
-                           code.length + m.category);
+    const JpgHuffmanCode &code = codes[m.category()];
+    return jpgWritePutBits(bs, (code.code << m.category()) | m.bits(), code.length + m.category());
 }
 
 JpgStatus jpgWritePut8BitACHuffman(ComplibBitstream *bs, const JpgAcSymbol *table, uint32_t value,
@@ -179,8 +178,8 @@ JpgStatus jpgWritePut8BitACHuffman(ComplibBitstream *bs, const JpgAcSymbol *tabl
     if (table == nullptr || run > 15 || v < -kiv::kMaxMagnitude || v > kiv::kMaxMagnitude)
         return JPG_STATUS_INVALID_PARAMETER;
     kiv::Magnitude m = kiv::kMagnitude[v];
-    const JpgAcSymbol &entry = table[run << 4 | static_cast<uint32_t>(m.category)];
-    return jpgWritePutBits(bs, entry.code | static_cast<uint16_t>(m.bits), entry.length);
+    const JpgAcSymbol &entry = table[run << 4 | m.category()];
+    return jpgWritePutBits(bs, entry.code | m.bits(), entry.length);
 }
 
 }  // extern "C"

@@ -55,18 +55,20 @@ constexpr int32_t kMaxMagnitude = 2047;     // largest |value| of the magnitude 
 
 // Category SSSS of a value (number of significant bits of |v|) and the
 // extra bits that follow its code: v itself, or v + 2^n - 1 when negative.
+// Both in one word, so that the entropy coder reads them with one load.
 struct Magnitude {
-    int16_t category;
-    int16_t bits;
+    uint32_t packed;  // category | bits << 16
+    constexpr uint32_t category() const { return packed & 0xFFFF; }
+    constexpr uint32_t bits() const { return packed >> 16; }
 };
 
 constexpr Magnitude magnitudeOf(int32_t v) {
     int32_t a = v < 0 ? -v : v;
-    int16_t n = 0;
+    uint32_t n = 0;
     while (a >> n)
         n++;
     int32_t bits = v >= 0 ? v : v + (1 << n) - 1;
-    return {n, static_cast<int16_t>(bits)};
+    return {n | static_cast<uint32_t>(bits) << 16};
 }
 
 struct MagnitudeTable {
@@ -83,10 +85,11 @@ constexpr MagnitudeTable makeMagnitudeTable() {
 }
 inline constexpr MagnitudeTable kMagnitude = makeMagnitudeTable();
 
-static_assert(kMagnitude[0].category == 0 && kMagnitude[-1].category == 1 &&
-              kMagnitude[-1].bits == 0 && kMagnitude[1].bits == 1 &&
-              kMagnitude[-2047].category == 11 && kMagnitude[-2047].bits == 0 &&
-              kMagnitude[1024].category == 11 && kMagnitude[-3].bits == 0);
+static_assert(kMagnitude[0].category() == 0 && kMagnitude[-1].category() == 1 &&
+              kMagnitude[-1].bits() == 0 && kMagnitude[1].bits() == 1 &&
+              kMagnitude[-2047].category() == 11 && kMagnitude[-2047].bits() == 0 &&
+              kMagnitude[1024].category() == 11 && kMagnitude[1024].bits() == 1024 &&
+              kMagnitude[-3].bits() == 0);
 
 // Builds the difference-code table (JpgDcDiff[4095], owned by the table as
 // its encoderTable) of a DC table whose code list is sorted by symbol and

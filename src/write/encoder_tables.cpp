@@ -202,9 +202,9 @@ JpgStatus buildDcDiffTable(JpgParam *param, JpgHuffmanTable *table) {
         return JPG_STATUS_NO_MEMORY;
     for (int32_t d = -kMaxMagnitude; d <= kMaxMagnitude; d++) {
         Magnitude m = kMagnitude[d];
-        const JpgHuffmanCode &c = codes[m.category];
-        diff[d + kMaxMagnitude].length = c.length + static_cast<uint32_t>(m.category);
-        diff[d + kMaxMagnitude].bits = c.code << m.category | static_cast<uint16_t>(m.bits);
+        const JpgHuffmanCode &c = codes[m.category()];
+        diff[d + kMaxMagnitude].length = c.length + m.category();
+        diff[d + kMaxMagnitude].bits = c.code << m.category() | m.bits();
     }
     return JPG_STATUS_OK;
 }

@@ -40,10 +40,9 @@ JpgStatus emitAc(BitSink &sink, const JpgAcSymbol *table, const int16_t *natural
                 if (status != JPG_STATUS_OK)
                     return status;
             }
-            uint32_t m;  // the category and the extra bits in one load
-            memcpy(&m, &kMagnitude[natural[kZigzag[k]]], sizeof m);
-            const JpgAcSymbol &entry = table[run << 4 | (m & 0xFFFF)];
-            JpgStatus status = sink.put<Checked>(entry.code | m >> 16, entry.length);
+            Magnitude m = kMagnitude[natural[kZigzag[k]]];
+            const JpgAcSymbol &entry = table[run << 4 | m.category()];
+            JpgStatus status = sink.put<Checked>(entry.code | m.bits(), entry.length);
             if (status != JPG_STATUS_OK)
                 return status;
         }
