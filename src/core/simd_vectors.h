@@ -60,14 +60,14 @@ struct Sse2 {
     KIV_SIMD_INLINE static V max16(V a, V b) { return _mm_max_epi16(a, b); }
     KIV_SIMD_INLINE static V eq16(V a, V b) { return _mm_cmpeq_epi16(a, b); }
     KIV_SIMD_INLINE static bool anySet(V a) { return _mm_movemask_epi8(a) != 0; }
-    // Bit j set where value j of rows a, b (j < 16, a's first) is zero.
-    KIV_SIMD_INLINE static uint32_t zeroPairMask(V a, V b) {
-        const V zero = _mm_setzero_si128();
-        return static_cast<uint32_t>(
-            _mm_movemask_epi8(_mm_packs_epi16(_mm_cmpeq_epi16(a, zero), _mm_cmpeq_epi16(b, zero))));
-    }
     KIV_SIMD_INLINE static uint32_t laneBits(uint32_t mask, uint32_t) { return mask; }
     KIV_SIMD_INLINE static int32_t first(V v, uint32_t) { return static_cast<int16_t>(_mm_cvtsi128_si32(v)); }
+    KIV_SIMD_INLINE static V packs16(V a, V b) { return _mm_packs_epi16(a, b); }
+    KIV_SIMD_INLINE static uint32_t signBits8(V a) { return static_cast<uint32_t>(_mm_movemask_epi8(a)); }
+#ifdef __SSSE3__
+    // Byte j of the result is byte ctrl[j] of a, or zero where ctrl[j] < 0.
+    KIV_SIMD_INLINE static V shuffle8(V a, V ctrl) { return _mm_shuffle_epi8(a, ctrl); }
+#endif
 };
 
 #ifdef __AVX2__
@@ -117,13 +117,8 @@ struct Avx2 {
     KIV_SIMD_INLINE static V max16(V a, V b) { return _mm256_max_epi16(a, b); }
     KIV_SIMD_INLINE static V eq16(V a, V b) { return _mm256_cmpeq_epi16(a, b); }
     KIV_SIMD_INLINE static bool anySet(V a) { return _mm256_movemask_epi8(a) != 0; }
-    // Both blocks at once: packs works per lane, so lane k of the result
-    // holds block k's bits.
-    KIV_SIMD_INLINE static uint32_t zeroPairMask(V a, V b) {
-        const V zero = _mm256_setzero_si256();
-        return static_cast<uint32_t>(
-            _mm256_movemask_epi8(_mm256_packs_epi16(_mm256_cmpeq_epi16(a, zero), _mm256_cmpeq_epi16(b, zero))));
-    }
+    // The 16 bits of lane `lane` in a signBits8 result (packs16 and shuffle8
+    // work per lane, so lane k holds block k's bytes).
     KIV_SIMD_INLINE static uint32_t laneBits(uint32_t mask, uint32_t lane) {
         return lane == 0 ? mask & 0xFFFF : mask >> 16;
     }
@@ -131,6 +126,10 @@ struct Avx2 {
         __m128i half = lane == 0 ? _mm256_castsi256_si128(v) : _mm256_extracti128_si256(v, 1);
         return static_cast<int16_t>(_mm_cvtsi128_si32(half));
     }
+    KIV_SIMD_INLINE static V packs16(V a, V b) { return _mm256_packs_epi16(a, b); }
+    KIV_SIMD_INLINE static uint32_t signBits8(V a) { return static_cast<uint32_t>(_mm256_movemask_epi8(a)); }
+    // Within each lane, as Sse2::shuffle8.
+    KIV_SIMD_INLINE static V shuffle8(V a, V ctrl) { return _mm256_shuffle_epi8(a, ctrl); }
 };
 #endif
 

@@ -136,13 +136,62 @@ KIV_SIMD_INLINE typename S::V quantize(typename S::V c, typename S::V mult, type
     return S::sub16(S::bitXor(q, sign), sign);
 }
 
-// Zig-zag positions of the non-zero AC values, from the natural-order mask
-// of non-zero values: one table look-up per byte (row).
-KIV_SIMD_INLINE uint64_t zigzagMask(uint64_t found) {
-    uint64_t mask = 0;
-    for (int row = 0; row < 8; row++)
-        mask |= kZigzagRowBits.bits[row][(found >> (8 * row)) & 0xFF];
-    return mask & ~uint64_t{1};
+#ifdef __SSSE3__
+// Byte shuffles that gather zig-zag positions 16 j .. 16 j + 15 from
+// natural positions 16 i .. 16 i + 15: ctrl[j][i][t] is the byte of group i
+// that holds zig-zag position 16 j + t, or -128 (a zero byte) when another
+// group holds it.
+struct ZigzagShuffles {
+    int8_t ctrl[4][4][16];
+};
+constexpr ZigzagShuffles makeZigzagShuffles() {
+    ZigzagShuffles z{};
+    for (int k = 0; k < 64; k++) {
+        int n = static_cast<int>(kZigzag[k]);
+        for (int i = 0; i < 4; i++)
+            z.ctrl[k / 16][i][k % 16] = static_cast<int8_t>(n / 16 == i ? n % 16 : -128);
+    }
+    return z;
+}
+constexpr ZigzagShuffles kZigzagShuffles = makeZigzagShuffles();
+static_assert(kZigzagShuffles.ctrl[0][0][2] == 8 && kZigzagShuffles.ctrl[0][1][3] == 0 &&
+              kZigzagShuffles.ctrl[0][0][3] == -128 && kZigzagShuffles.ctrl[3][3][15] == 15);
+#endif
+
+// Of each block's quantized rows q: bit k set for every zig-zag position k
+// in 1..63 whose value is non-zero. A byte per value marks the zeros; with
+// SSSE3 byte shuffles put them in zig-zag order, else a table look-up per
+// row does.
+template <class S>
+KIV_SIMD_INLINE void zigzagNonZero(const typename S::V *q, uint64_t *masks) {
+    using V = typename S::V;
+    const V zero = S::zero();
+    uint32_t groups[4];  // sign bits of 16 bytes per block (S::laneBits)
+    for (int j = 0; j < 4; j++) {
+        V flags = S::packs16(S::eq16(q[2 * j], zero), S::eq16(q[2 * j + 1], zero));
+#ifdef __SSSE3__
+        V z = zero;
+        for (int i = 0; i < 4; i++) {
+            V fi = i == j ? flags : S::packs16(S::eq16(q[2 * i], zero), S::eq16(q[2 * i + 1], zero));
+            z = S::bitOr(z, S::shuffle8(fi, S::loadShared(reinterpret_cast<const int16_t *>(kZigzagShuffles.ctrl[j][i]))));
+        }
+        flags = z;
+#endif
+        groups[j] = S::signBits8(flags);
+    }
+    for (uint32_t b = 0; b < S::kBlocks; b++) {
+        uint64_t zeros = 0;
+        for (int j = 0; j < 4; j++)
+            zeros |= static_cast<uint64_t>(S::laneBits(groups[j], b)) << (16 * j);
+#ifdef __SSSE3__
+        masks[b] = ~zeros & ~uint64_t{1};
+#else
+        uint64_t found = ~zeros, mask = 0;  // natural order: one table look-up per row
+        for (int row = 0; row < 8; row++)
+            mask |= kZigzagRowBits.bits[row][(found >> (8 * row)) & 0xFF];
+        masks[b] = mask & ~uint64_t{1};
+#endif
+    }
 }
 
 // Transforms and quantizes S::kBlocks blocks whose steps are all exact
@@ -167,15 +216,11 @@ KIV_SIMD_INLINE void transformQuantize(const int16_t *const *blocks, const Quant
                            stepRow<S, kShared>(half, i));
         S::store(natural, 8 * i, S::max16(S::min16(q[i], limit), negLimit));
     }
-    uint32_t pairs[4];
-    for (int i = 0; i < 8; i += 2)
-        pairs[i / 2] = S::zeroPairMask(q[i], q[i + 1]);
+    uint64_t masks[S::kBlocks];
+    zigzagNonZero<S>(q, masks);
     for (uint32_t b = 0; b < S::kBlocks; b++) {
-        uint64_t zeros = 0;
-        for (int i = 0; i < 4; i++)
-            zeros |= static_cast<uint64_t>(S::laneBits(pairs[i], b)) << (16 * i);
         out[b]->dc = S::first(q[0], b);
-        out[b]->acMask = zigzagMask(~zeros);
+        out[b]->acMask = masks[b];
     }
 }
 
