@@ -64,6 +64,12 @@ bool allocateLevel(JpgParam *param, JpgHuffLevel &level, uint32_t count, bool ke
     return true;
 }
 
+// A run of equal entries, in a loop the compiler turns into vector stores.
+void fillEntries(uint32_t *to, uint32_t count, uint32_t entry) {
+    for (uint32_t *end = to + count; to != end; to++)
+        *to = entry;
+}
+
 // Writes the entries of codes [first, end) into a level of width W (index =
 // (code & mask) >> shift), composite entries when `composite`, else
 // symbol-only; every other entry is invalid. False when a fill would pass the
@@ -75,8 +81,7 @@ bool fillLevel(JpgHuffLevel &level, const CodeList &list, uint32_t first, uint32
     uint32_t at = (list.codes[first].code & level.mask) >> level.shift;
     if (at > n)
         return false;
-    for (uint32_t i = 0; i < at; i++)
-        e[i] = kInvalidEntry;
+    fillEntries(e, at, kInvalidEntry);
     for (uint32_t i = first; i < end; i++) {
         uint32_t length = list.codes[i].length;
         uint32_t symbol = list.codes[i].symbol;
@@ -88,12 +93,11 @@ bool fillLevel(JpgHuffLevel &level, const CodeList &list, uint32_t first, uint32
                 entry |= static_cast<uint32_t>(kiv::extend(static_cast<int32_t>(m), size)) << 16;
             if (repeat > n - at)
                 return false;
-            for (uint32_t r = 0; r < repeat; r++)
-                e[at++] = entry;
+            fillEntries(e + at, repeat, entry);
+            at += repeat;
         }
     }
-    for (uint32_t i = at; i < n; i++)
-        e[i] = kInvalidEntry;
+    fillEntries(e + at, n - at, kInvalidEntry);
     return true;
 }
 

@@ -200,11 +200,16 @@ JpgStatus buildDcDiffTable(JpgParam *param, JpgHuffmanTable *table) {
     table->encoderTable = diff;
     if (diff == nullptr)
         return JPG_STATUS_NO_MEMORY;
-    for (int32_t d = -kMaxMagnitude; d <= kMaxMagnitude; d++) {
-        Magnitude m = kMagnitude[d];
-        const JpgHuffmanCode &c = codes[m.category()];
-        diff[d + kMaxMagnitude].length = c.length + m.category();
-        diff[d + kMaxMagnitude].bits = c.code << m.category() | m.bits();
+    // Category n holds the differences of magnitude 2^(n-1) .. 2^n - 1 (and
+    // 0 for n = 0); a negative one's extra bits are d + 2^n - 1. The
+    // categories end at kMaxMagnitude = 2^11 - 1.
+    static_assert(kMaxMagnitude == (1 << 11) - 1);
+    for (uint32_t n = 0; n < 12; n++) {
+        uint32_t length = codes[n].length + n, prefix = codes[n].code << n, top = (1u << n) - 1;
+        for (uint32_t a = (1u << n) >> 1; a <= top; a++) {
+            diff[kMaxMagnitude + a] = {length, prefix | a};
+            diff[kMaxMagnitude - a] = {length, prefix | (top - a)};
+        }
     }
     return JPG_STATUS_OK;
 }
