@@ -204,11 +204,14 @@ JpgStatus buildDcDiffTable(JpgParam *param, JpgHuffmanTable *table) {
     // 0 for n = 0); a negative one's extra bits are d + 2^n - 1. The
     // categories end at kMaxMagnitude = 2^11 - 1.
     static_assert(kMaxMagnitude == (1 << 11) - 1);
+    // Both halves ascend, so that the compiler vectorizes the loops.
     for (uint32_t n = 0; n < 12; n++) {
-        uint32_t length = codes[n].length + n, prefix = codes[n].code << n, top = (1u << n) - 1;
-        for (uint32_t a = (1u << n) >> 1; a <= top; a++) {
-            diff[kMaxMagnitude + a] = {length, prefix | a};
-            diff[kMaxMagnitude - a] = {length, prefix | (top - a)};
+        uint32_t length = codes[n].length + n, prefix = codes[n].code << n;
+        uint32_t low = (1u << n) >> 1, top = (1u << n) - 1;
+        JpgDcDiff *positive = diff + kMaxMagnitude + low, *negative = diff + kMaxMagnitude - top;
+        for (uint32_t v = 0; v <= top - low; v++) {
+            positive[v] = {length, prefix | (low + v)};
+            negative[v] = {length, prefix | v};  // d = v - top
         }
     }
     return JPG_STATUS_OK;
