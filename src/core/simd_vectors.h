@@ -29,6 +29,8 @@ struct Sse2 {
     KIV_SIMD_INLINE static V loadShared(const int16_t *p) {
         return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
     }
+    // A vector of kBlocks lanes of 16 bytes stored one after the other.
+    KIV_SIMD_INLINE static V loadLanes(const void *p) { return _mm_loadu_si128(static_cast<const __m128i *>(p)); }
     KIV_SIMD_INLINE static V zero() { return _mm_setzero_si128(); }
     KIV_SIMD_INLINE static V set16(int v) { return _mm_set1_epi16(static_cast<int16_t>(v)); }
     KIV_SIMD_INLINE static V set32(int32_t v) { return _mm_set1_epi32(v); }
@@ -86,6 +88,7 @@ struct Avx2 {
     KIV_SIMD_INLINE static V loadShared(const int16_t *p) {
         return _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(p)));
     }
+    KIV_SIMD_INLINE static V loadLanes(const void *p) { return _mm256_loadu_si256(static_cast<const __m256i *>(p)); }
     KIV_SIMD_INLINE static V zero() { return _mm256_setzero_si256(); }
     KIV_SIMD_INLINE static V set16(int v) { return _mm256_set1_epi16(static_cast<int16_t>(v)); }
     KIV_SIMD_INLINE static V set32(int32_t v) { return _mm256_set1_epi32(v); }

@@ -5,6 +5,8 @@
 
 namespace kiv {
 
+static_assert(kVectorOrder == kAvx2Order);
+
 void forwardDctAvx2(int16_t *blocks, uint32_t count) { forwardDctBlocks<Avx2>(blocks, count); }
 
 void transformQuantizeAvx2(int16_t *blocks, const QuantSteps *const *steps, uint32_t count,

@@ -98,15 +98,17 @@ KIV_SIMD_INLINE void rowPass(typename S::V *x) {
     x[5] = roundNarrow<S, 16384, 15>(madd<S, 3218, 4816>(t07, t34) + madd<S, -3218, -4816>(r, p));
 }
 
-// The transform of S::kBlocks blocks; x[i] receives row i of the output.
-template <class S>
+// The transform of S::kBlocks blocks; x[i] receives row i of the output,
+// or with kByColumn column i (lane r then holds row r).
+template <class S, bool kByColumn = false>
 KIV_SIMD_INLINE void transform(const int16_t *const *blocks, typename S::V *x) {
     for (int i = 0; i < 8; i++)
         x[i] = S::load(blocks, 8 * i);
     columnPass<S>(x);  // vector i is row i: lanes are columns
     transpose8x8<S>(x, x);
     rowPass<S>(x);  // lanes are rows
-    transpose8x8<S>(x, x);
+    if constexpr (!kByColumn)
+        transpose8x8<S>(x, x);
 }
 
 // The step values of row i of each block's table, side by side like the
@@ -137,60 +139,79 @@ KIV_SIMD_INLINE typename S::V quantize(typename S::V c, typename S::V mult, type
 }
 
 #ifdef __SSSE3__
-// Byte shuffles that gather zig-zag positions 16 j .. 16 j + 15 from
-// natural positions 16 i .. 16 i + 15: ctrl[j][i][t] is the byte of group i
-// that holds zig-zag position 16 j + t, or -128 (a zero byte) when another
-// group holds it.
-struct ZigzagShuffles {
-    int8_t ctrl[4][4][16];
+// With SSSE3 (the AVX2 file) byte shuffles put the transformed values in
+// zig-zag order before they are quantized; otherwise they stay in natural
+// order.
+constexpr ValueOrder kVectorOrder = ValueOrder::Zigzag;
+
+// Shuffles from the values held by column (vector c holds column c, lane r
+// row r) to zig-zag order: ctrl[j][c] moves the words of zig-zag positions
+// 8 j .. 8 j + 7 that column c holds and zeroes the rest (control -128),
+// the same in both 128-bit lanes; used[j][c] tells whether there are any.
+struct ZigzagGather {
+    int8_t ctrl[8][8][32];
+    bool used[8][8];
 };
-constexpr ZigzagShuffles makeZigzagShuffles() {
-    ZigzagShuffles z{};
+constexpr ZigzagGather makeZigzagGather() {
+    ZigzagGather g{};
+    for (auto &outRow : g.ctrl)
+        for (auto &column : outRow)
+            for (int8_t &c : column)
+                c = -128;
     for (int k = 0; k < 64; k++) {
-        int n = static_cast<int>(kZigzag[k]);
-        for (int i = 0; i < 4; i++)
-            z.ctrl[k / 16][i][k % 16] = static_cast<int8_t>(n / 16 == i ? n % 16 : -128);
+        int n = static_cast<int>(kZigzag[k]), j = k / 8, t = k % 8, row = n / 8, col = n % 8;
+        for (int lane = 0; lane < 32; lane += 16) {
+            g.ctrl[j][col][lane + 2 * t] = static_cast<int8_t>(2 * row);
+            g.ctrl[j][col][lane + 2 * t + 1] = static_cast<int8_t>(2 * row + 1);
+        }
+        g.used[j][col] = true;
     }
-    return z;
+    return g;
 }
-constexpr ZigzagShuffles kZigzagShuffles = makeZigzagShuffles();
-static_assert(kZigzagShuffles.ctrl[0][0][2] == 8 && kZigzagShuffles.ctrl[0][1][3] == 0 &&
-              kZigzagShuffles.ctrl[0][0][3] == -128 && kZigzagShuffles.ctrl[3][3][15] == 15);
+constexpr ZigzagGather kZigzagGather = makeZigzagGather();
+static_assert(kZigzagGather.ctrl[0][0][4] == 2 && kZigzagGather.ctrl[0][1][2] == 0 &&
+              kZigzagGather.ctrl[7][7][30] == 14 && kZigzagGather.used[0][3] && !kZigzagGather.used[0][4]);
+
+// z[j] receives zig-zag positions 8 j .. 8 j + 7 of the columns.
+template <class S>
+KIV_SIMD_INLINE void columnsToZigzag(const typename S::V *columns, typename S::V *z) {
+    // Unrolled whole, so that only the used shuffles remain.
+#pragma GCC unroll 8
+    for (int j = 0; j < 8; j++) {
+        typename S::V v = S::zero();
+#pragma GCC unroll 8
+        for (int c = 0; c < 8; c++)
+            if (kZigzagGather.used[j][c])
+                v = S::bitOr(v, S::shuffle8(columns[c], S::loadLanes(kZigzagGather.ctrl[j][c])));
+        z[j] = v;
+    }
+}
+#else
+constexpr ValueOrder kVectorOrder = ValueOrder::Natural;
 #endif
 
-// Of each block's quantized rows q: bit k set for every zig-zag position k
-// in 1..63 whose value is non-zero. A byte per value marks the zeros; with
-// SSSE3 byte shuffles put them in zig-zag order, else a table look-up per
-// row does.
+// Of each block's quantized rows q (in kVectorOrder): bit k set for every
+// zig-zag position k in 1..63 whose value is non-zero. A byte per value
+// marks the zeros; in natural order a table look-up per row puts their bits
+// in zig-zag order.
 template <class S>
-KIV_SIMD_INLINE void zigzagNonZero(const typename S::V *q, uint64_t *masks) {
+KIV_SIMD_INLINE void nonZeroMasks(const typename S::V *q, uint64_t *masks) {
     using V = typename S::V;
     const V zero = S::zero();
     uint32_t groups[4];  // sign bits of 16 bytes per block (S::laneBits)
-    for (int j = 0; j < 4; j++) {
-        V flags = S::packs16(S::eq16(q[2 * j], zero), S::eq16(q[2 * j + 1], zero));
-#ifdef __SSSE3__
-        V z = zero;
-        for (int i = 0; i < 4; i++) {
-            V fi = i == j ? flags : S::packs16(S::eq16(q[2 * i], zero), S::eq16(q[2 * i + 1], zero));
-            z = S::bitOr(z, S::shuffle8(fi, S::loadShared(reinterpret_cast<const int16_t *>(kZigzagShuffles.ctrl[j][i]))));
-        }
-        flags = z;
-#endif
-        groups[j] = S::signBits8(flags);
-    }
+    for (int j = 0; j < 4; j++)
+        groups[j] = S::signBits8(S::packs16(S::eq16(q[2 * j], zero), S::eq16(q[2 * j + 1], zero)));
     for (uint32_t b = 0; b < S::kBlocks; b++) {
-        uint64_t zeros = 0;
+        uint64_t found = 0;
         for (int j = 0; j < 4; j++)
-            zeros |= static_cast<uint64_t>(S::laneBits(groups[j], b)) << (16 * j);
-#ifdef __SSSE3__
-        masks[b] = ~zeros & ~uint64_t{1};
-#else
-        uint64_t found = ~zeros, mask = 0;  // natural order: one table look-up per row
-        for (int row = 0; row < 8; row++)
-            mask |= kZigzagRowBits.bits[row][(found >> (8 * row)) & 0xFF];
-        masks[b] = mask & ~uint64_t{1};
-#endif
+            found |= static_cast<uint64_t>(S::laneBits(groups[j], b) ^ 0xFFFF) << (16 * j);
+        if constexpr (kVectorOrder == ValueOrder::Natural) {
+            uint64_t mask = 0;
+            for (int row = 0; row < 8; row++)
+                mask |= kZigzagRowBits.bits[row][(found >> (8 * row)) & 0xFF];
+            found = mask;
+        }
+        masks[b] = found & ~uint64_t{1};
     }
 }
 
@@ -199,25 +220,33 @@ KIV_SIMD_INLINE void zigzagNonZero(const typename S::V *q, uint64_t *masks) {
 template <class S, bool kShared>
 KIV_SIMD_INLINE void transformQuantize(const int16_t *const *blocks, const QuantSteps *const *steps, QuantizedBlock *const *out) {
     using V = typename S::V;
-    V x[8];
+    constexpr bool kZigzag = kVectorOrder == ValueOrder::Zigzag;
+    V x[8];  // the values in kVectorOrder, eight per vector and block
+#ifdef __SSSE3__
+    V columns[8];
+    transform<S, true>(blocks, columns);
+    columnsToZigzag<S>(columns, x);
+#else
     transform<S>(blocks, x);
+#endif
     const uint16_t *mult[S::kBlocks], *post[S::kBlocks], *half[S::kBlocks];
-    int16_t *natural[S::kBlocks];
+    int16_t *values[S::kBlocks];
     for (uint32_t b = 0; b < S::kBlocks; b++) {
-        mult[b] = steps[b]->mult;
-        post[b] = steps[b]->post;
-        half[b] = steps[b]->half;
-        natural[b] = out[b]->natural;
+        const StepTable &table = kZigzag ? steps[b]->zigzag : steps[b]->natural;
+        mult[b] = table.mult;
+        post[b] = table.post;
+        half[b] = table.half;
+        values[b] = out[b]->values;
     }
     const V limit = S::set16(kMaxAc), negLimit = S::set16(-kMaxAc);
     V q[8];
     for (int i = 0; i < 8; i++) {
         q[i] = quantize<S>(x[i], stepRow<S, kShared>(mult, i), stepRow<S, kShared>(post, i),
                            stepRow<S, kShared>(half, i));
-        S::store(natural, 8 * i, S::max16(S::min16(q[i], limit), negLimit));
+        S::store(values, 8 * i, S::max16(S::min16(q[i], limit), negLimit));
     }
     uint64_t masks[S::kBlocks];
-    zigzagNonZero<S>(q, masks);
+    nonZeroMasks<S>(q, masks);
     for (uint32_t b = 0; b < S::kBlocks; b++) {
         out[b]->dc = S::first(q[0], b);
         out[b]->acMask = masks[b];
@@ -279,8 +308,10 @@ void transformQuantizeBlocks(int16_t *blocks, const QuantSteps *const *steps, ui
                         for (int i = 0; i < 8; i++)
                             T::store(in, 8 * i, x[i]);
                         for (uint32_t k = 0; k < T::kBlocks; k++) {
-                            to[k]->dc = quantizeBlock(in[k], *st[k], to[k]->natural);
-                            to[k]->acMask = acNonZeroMask(to[k]->natural);
+                            to[k]->dc = quantizeBlock(in[k], *st[k], to[k]->values);
+                            to[k]->acMask = acNonZeroMask(to[k]->values);
+                            if constexpr (kVectorOrder == ValueOrder::Zigzag)
+                                naturalToZigzag(to[k]->values);
                         }
                     });
 }

@@ -5,6 +5,8 @@
 
 namespace kiv {
 
+static_assert(kVectorOrder == kSse2Order);
+
 void forwardDctSse2(int16_t *blocks, uint32_t count) { forwardDctBlocks<Sse2>(blocks, count); }
 
 void transformQuantizeSse2(int16_t *blocks, const QuantSteps *const *steps, uint32_t count,

@@ -9,7 +9,7 @@ using kiv::BitSink;
 using kiv::clampTo;
 using kiv::kMaxMagnitude;
 
-JpgStatus jpgWriteEncodeBaselineMcu(JpgParam *param) { return kiv::encodeMcu<kiv::transformQuantizePortable>(param); }
+JpgStatus jpgWriteEncodeBaselineMcu(JpgParam *param) { return kiv::encodeMcu<kiv::transformQuantizePortable, kiv::kPortableOrder>(param); }
 
 }  // namespace
 
@@ -28,7 +28,7 @@ JpgStatus jpgWriteBaseLine8BitACHuffman(ComplibBitstream *bs, const JpgAcSymbol 
     alignas(16) int16_t quantized[64];
     kiv::quantizeBlock(block, steps, quantized);
     BitSink sink(bs);
-    JpgStatus status = kiv::emitAc<true>(sink, table, quantized, kiv::acNonZeroMask(quantized));
+    JpgStatus status = kiv::emitAc<true, kiv::ValueOrder::Natural>(sink, table, quantized, kiv::acNonZeroMask(quantized));
     sink.finish();
     return status;
 }

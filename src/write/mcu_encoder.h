@@ -21,12 +21,12 @@ namespace {
 
 int32_t clampTo(int32_t v, int32_t limit) { return v < -limit ? -limit : v > limit ? limit : v; }
 
-// Codes the AC values of a quantized block (natural order) whose zig-zag
-// positions are the bits of `mask`: ZRL for every 16 zeros before a value,
-// the value's run/size code with its extra bits, and EOB when the block ends
-// in zeros. The mask is walked a machine word at a time.
-template <bool Checked>
-JpgStatus emitAc(BitSink &sink, const JpgAcSymbol *table, const int16_t *natural, uint64_t mask) {
+// Codes the AC values of a quantized block (in the given order) whose
+// zig-zag positions are the bits of `mask`: ZRL for every 16 zeros before a
+// value, the value's run/size code with its extra bits, and EOB when the
+// block ends in zeros. The mask is walked a machine word at a time.
+template <bool Checked, ValueOrder Order>
+JpgStatus emitAc(BitSink &sink, const JpgAcSymbol *table, const int16_t *values, uint64_t mask) {
     using Word = uintptr_t;
     constexpr int kWordBits = static_cast<int>(sizeof(Word) * 8);
     int last = 0;
@@ -40,7 +40,7 @@ JpgStatus emitAc(BitSink &sink, const JpgAcSymbol *table, const int16_t *natural
                 if (status != JPG_STATUS_OK)
                     return status;
             }
-            Magnitude m = kMagnitude[natural[kZigzag[k]]];
+            Magnitude m = kMagnitude[Order == ValueOrder::Zigzag ? values[k] : values[kZigzag[k]]];
             const JpgAcSymbol &entry = table[run << 4 | m.category()];
             JpgStatus status = sink.put<Checked>(entry.code | m.bits(), entry.length);
             if (status != JPG_STATUS_OK)
@@ -54,14 +54,14 @@ JpgStatus emitAc(BitSink &sink, const JpgAcSymbol *table, const int16_t *natural
 
 // Codes one transformed and quantized block; the predictor takes the new
 // DC value even when the output fails.
-template <bool Checked>
+template <bool Checked, ValueOrder Order>
 JpgStatus codeBlock(BitSink &out, JpgComponent *comp, const QuantizedBlock &q) {
     BitSink sink = out;  // a copy kept in registers, not in the caller's frame
     const JpgDcDiff &entry = comp->dcDiff[clampTo(q.dc - comp->dcPred, kMaxMagnitude)];
     comp->dcPred = q.dc;
     JpgStatus status = sink.put<Checked>(entry.bits, static_cast<int32_t>(entry.length));
     if (status == JPG_STATUS_OK)
-        status = emitAc<Checked>(sink, comp->acSymbols, q.natural, q.acMask);
+        status = emitAc<Checked, Order>(sink, comp->acSymbols, q.values, q.acMask);
     out = sink;
     return status;
 }
@@ -69,7 +69,8 @@ JpgStatus codeBlock(BitSink &out, JpgComponent *comp, const QuantizedBlock &q) {
 // All blocks of the MCUs in the buffer are transformed and quantized in one
 // call of the kernel (the two-block kernels then pair blocks across MCUs),
 // then coded MCU by MCU; a restart interval can end after any of them.
-template <BlockKernel Kernel>
+// Order is the order of the kernel's values.
+template <BlockKernel Kernel, ValueOrder Order>
 JpgStatus encodeBlocks(JpgParam *param, const QuantSteps *steps, uint32_t mcus) {
     QuantizedBlock quantized[kMaxBatchBlocks];
     const QuantSteps *batchSteps[kMaxBatchBlocks];
@@ -89,8 +90,8 @@ JpgStatus encodeBlocks(JpgParam *param, const QuantSteps *steps, uint32_t mcus) 
         BitSink sink(&param->bs);
         JpgStatus status = JPG_STATUS_OK;
         for (uint32_t b = m * perMcu; b < (m + 1) * perMcu && status == JPG_STATUS_OK; b++)
-            status = sink.roomForBlock() ? codeBlock<false>(sink, owner[b], quantized[b])
-                                         : codeBlock<true>(sink, owner[b], quantized[b]);
+            status = sink.roomForBlock() ? codeBlock<false, Order>(sink, owner[b], quantized[b])
+                                         : codeBlock<true, Order>(sink, owner[b], quantized[b]);
         sink.finish();
         if (status == JPG_STATUS_OK && ++param->mcuAddress == param->restartInterval)
             status = jpgWriteEpilogEntropyCodedSegment(param);
@@ -100,7 +101,7 @@ JpgStatus encodeBlocks(JpgParam *param, const QuantSteps *steps, uint32_t mcus) 
     return JPG_STATUS_OK;
 }
 
-template <BlockKernel Kernel>
+template <BlockKernel Kernel, ValueOrder Order>
 JpgStatus encodeMcu(JpgParam *param) {
     if (JpgStatus s = guardWrite(param))  // the getters hand these out to anyone
         return s;
@@ -108,7 +109,7 @@ JpgStatus encodeMcu(JpgParam *param) {
     if (param->enc.mcuBlocks == nullptr || param->enc.quantSteps == nullptr)
         return JPG_STATUS_INVALID_PARAMETER;
     uint32_t mcus = param->enc.mcuBatch != 0 ? param->enc.mcuBatch : 1;
-    return encodeBlocks<Kernel>(param, param->enc.quantSteps, mcus);
+    return encodeBlocks<Kernel, Order>(param, param->enc.quantSteps, mcus);
 }
 
 }  // namespace

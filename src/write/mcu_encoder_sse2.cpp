@@ -7,8 +7,8 @@
 
 namespace kiv {
 
-JpgStatus encodeMcuSse2(JpgParam *param) { return encodeMcu<transformQuantizeSse2>(param); }
+JpgStatus encodeMcuSse2(JpgParam *param) { return encodeMcu<transformQuantizeSse2, kSse2Order>(param); }
 
-JpgStatus encodeMcuAvx2(JpgParam *param) { return encodeMcu<transformQuantizeAvx2>(param); }
+JpgStatus encodeMcuAvx2(JpgParam *param) { return encodeMcu<transformQuantizeAvx2, kAvx2Order>(param); }
 
 }  // namespace kiv

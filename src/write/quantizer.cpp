@@ -3,6 +3,8 @@
 // the entropy coder walks; with the forward DCT, the portable block kernel.
 #include "write/quantizer.h"
 
+#include <string.h>
+
 #include "core/codec.h"
 #include "core/tables.h"
 
@@ -56,10 +58,17 @@ void makeQuantSteps(const uint32_t *zigzagDivisors, QuantSteps *steps) {
             d = kMinReciprocalDivisor;  // keeps the unused reciprocal well defined
         }
         Reciprocal r = reciprocalOf(d);
-        steps->mult[n] = r.mult;
-        steps->post[n] = r.post;
-        steps->half[n] = static_cast<uint16_t>(d >> 1);
+        steps->natural.mult[n] = steps->zigzag.mult[k] = r.mult;
+        steps->natural.post[n] = steps->zigzag.post[k] = r.post;
+        steps->natural.half[n] = steps->zigzag.half[k] = static_cast<uint16_t>(d >> 1);
     }
+}
+
+void naturalToZigzag(int16_t *values) {
+    int16_t natural[64];
+    memcpy(natural, values, sizeof natural);
+    for (int k = 0; k < 64; k++)
+        values[k] = natural[kZigzag[k]];
 }
 
 int32_t quantizeBlock(const int16_t *block, const QuantSteps &steps, int16_t *out) {
@@ -68,8 +77,8 @@ int32_t quantizeBlock(const int16_t *block, const QuantSteps &steps, int16_t *ou
     int32_t dc = 0;
     for (int i = 0; i < 64; i++) {
         int32_t c = block[i];
-        uint32_t n = static_cast<uint32_t>(c < 0 ? -c : c) + steps.half[i];
-        int32_t v = static_cast<int32_t>(divideByReciprocal(n, {steps.mult[i], steps.post[i]}));
+        uint32_t n = static_cast<uint32_t>(c < 0 ? -c : c) + steps.natural.half[i];
+        int32_t v = static_cast<int32_t>(divideByReciprocal(n, {steps.natural.mult[i], steps.natural.post[i]}));
         v = c < 0 ? -v : v;
         if (i == 0)
             dc = v;
@@ -89,8 +98,8 @@ void transformQuantizePortable(int16_t *blocks, const QuantSteps *const *steps, 
                                QuantizedBlock *out) {
     for (uint32_t b = 0; b < count; b++, blocks += 64) {
         complibIntFDCT8x8(blocks);
-        out[b].dc = quantizeBlock(blocks, *steps[b], out[b].natural);
-        out[b].acMask = acNonZeroMask(out[b].natural);
+        out[b].dc = quantizeBlock(blocks, *steps[b], out[b].values);
+        out[b].acMask = acNonZeroMask(out[b].values);
     }
 }
 

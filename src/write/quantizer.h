@@ -44,13 +44,21 @@ static_assert(divideByReciprocal(65535, reciprocalOf(65535)) == 1);
 static_assert(divideByReciprocal(65534, reciprocalOf(65535)) == 0);
 static_assert(divideByReciprocal(1023, reciprocalOf(8)) == 127);
 
-// The divisors of one quantization table in natural order: the reciprocals
-// and half of each divisor (the rounding bias). When `exact` is false some
-// divisor is outside 3..65535 and `divisor` is used with real division.
-struct QuantSteps {
+// The reciprocals of a table's 64 divisors and half of each divisor (the
+// rounding bias), in one order.
+struct StepTable {
     uint16_t mult[64];
     uint16_t post[64];
     uint16_t half[64];
+};
+
+// The divisors of one quantization table: the steps in natural and in
+// zig-zag order, and the divisors themselves in natural order. When `exact`
+// is false some divisor is outside 3..65535 and `divisor` is used with real
+// division.
+struct QuantSteps {
+    StepTable natural;
+    StepTable zigzag;
     uint32_t divisor[64];
     bool exact;
 };
@@ -75,14 +83,20 @@ struct ZigzagRowBits {
 };
 extern const ZigzagRowBits kZigzagRowBits;
 
+// The order in which a block kernel writes a block's values.
+enum class ValueOrder { Natural, Zigzag };
+
 // One block after the forward DCT and quantization, as the entropy coder
-// takes it: the values of quantizeBlock, its DC value and the mask of
-// acNonZeroMask.
+// takes it: the values of quantizeBlock in the kernel's order, its DC value
+// and the mask of acNonZeroMask.
 struct QuantizedBlock {
-    alignas(16) int16_t natural[64];
+    alignas(16) int16_t values[64];
     uint64_t acMask;
     int32_t dc;
 };
+
+// Reorders a block's 64 values from natural to zig-zag order, in place.
+void naturalToZigzag(int16_t *values);
 
 // Transforms `count` consecutive blocks of level-shifted samples (within
 // +-kFdctSampleLimit; the blocks hold unspecified values afterwards) and
@@ -96,5 +110,11 @@ void transformQuantizeSse2(int16_t *blocks, const QuantSteps *const *steps, uint
                            QuantizedBlock *out);
 void transformQuantizeAvx2(int16_t *blocks, const QuantSteps *const *steps, uint32_t count,
                            QuantizedBlock *out);
+
+// The value order of each kernel: the AVX2 kernel's byte shuffles write
+// zig-zag order, so that the entropy coder reads its values in sequence.
+constexpr ValueOrder kPortableOrder = ValueOrder::Natural;
+constexpr ValueOrder kSse2Order = ValueOrder::Natural;
+constexpr ValueOrder kAvx2Order = ValueOrder::Zigzag;
 
 }  // namespace kiv
