@@ -100,11 +100,11 @@ JpgStatus buildDcDiffTable(JpgParam *param, JpgHuffmanTable *table);
 // IDs without one), and the input conversion for a ColorConvertID (null when
 // the level has none of its own and the portable routine serves).
 JpgMcuFunc writeMcuFor(uint32_t id, SimdLevel level);
+JpgWriteColorConvertFunc writeColorConvertFor(uint32_t id, SimdLevel level);
 
 // The MCU encoders of the SSE2 and AVX2 levels (mcu_encoder_sse2.cpp).
 JpgStatus encodeMcuSse2(JpgParam *param);
 JpgStatus encodeMcuAvx2(JpgParam *param);
-JpgWriteColorConvertFunc writeColorConvertFor(uint32_t id, SimdLevel level);
 
 // Loads the base quantization tables of Annex K (K.1 luminance into table 0,
 // K.2 chrominance into table 1), in zig-zag order.

@@ -220,7 +220,7 @@ KIV_SIMD_INLINE void nonZeroMasks(const typename S::V *q, uint64_t *masks) {
 template <class S, bool kShared>
 KIV_SIMD_INLINE void transformQuantize(const int16_t *const *blocks, const QuantSteps *const *steps, QuantizedBlock *const *out) {
     using V = typename S::V;
-    constexpr bool kZigzag = kVectorOrder == ValueOrder::Zigzag;
+    constexpr bool kInZigzag = kVectorOrder == ValueOrder::Zigzag;
     V x[8];  // the values in kVectorOrder, eight per vector and block
 #ifdef __SSSE3__
     V columns[8];
@@ -232,7 +232,7 @@ KIV_SIMD_INLINE void transformQuantize(const int16_t *const *blocks, const Quant
     const uint16_t *mult[S::kBlocks], *post[S::kBlocks], *half[S::kBlocks];
     int16_t *values[S::kBlocks];
     for (uint32_t b = 0; b < S::kBlocks; b++) {
-        const StepTable &table = kZigzag ? steps[b]->zigzag : steps[b]->natural;
+        const StepTable &table = kInZigzag ? steps[b]->zigzag : steps[b]->natural;
         mult[b] = table.mult;
         post[b] = table.post;
         half[b] = table.half;
