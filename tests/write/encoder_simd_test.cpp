@@ -1,8 +1,9 @@
 // The encoder's fast routines against their plain twins, bit for bit: the
 // reciprocal division against real division over every dividend, the
 // forward DCT and the transform-and-quantize kernels of every processor
-// level this machine runs against the portable ones, the 64-bit bit sink
-// against jpgWritePutBits, and the direct block conversion of full MCUs
+// level this machine runs against the portable ones, the bit sink of this
+// file's instruction set against jpgWritePutBits (bit_sink_sse2_test.cpp:
+// the SSE2 one), and the direct block conversion of full MCUs
 // against conversion into planes plus plain down-sampling. (Whole encodes at
 // every level: the golden manifest.)
 #include <gtest/gtest.h>
@@ -11,8 +12,8 @@
 #include <vector>
 
 #include "core/tables.h"
+#include "bit_sink_check.h"
 #include "test_support.h"
-#include "write/bit_sink.h"
 #include "write/encoder.h"
 #include "write/forward_dct.h"
 #include "write/quantizer.h"
@@ -239,36 +240,7 @@ TEST(EncoderSimd, TransformQuantizeKernelsMatchPortable) {
     }
 }
 
-using SinkWriter = kivtest::MemoryWriter;
-
-TEST(EncoderSimd, BitSinkWritesWhatPutBitsWrites) {
-    std::mt19937 rng(6);
-    // Starting fills near the hand-over of a full staging buffer exercise
-    // the checked stores; codes of all ones exercise the stuffing.
-    for (uint32_t startFill : {0u, 1000u, 0x10000u - 3000u, 0x10000u - 700u}) {
-        SinkWriter plain(startFill), fast(startFill);
-        for (int block = 0; block < 40; block++) {
-            std::vector<std::pair<uint32_t, int32_t>> codes;
-            for (int i = 0; i < 64; i++) {
-                int32_t length = 1 + static_cast<int32_t>(rng() % 27);
-                uint32_t bits = rng() % 3 == 0 ? (1u << length) - 1 : rng() & ((1u << length) - 1);
-                codes.push_back({bits, length});
-            }
-            for (auto [bits, length] : codes)
-                ASSERT_EQ(jpgWritePutBits(&plain.bs, bits, length), JPG_STATUS_OK);
-            kiv::BitSink sink(&fast.bs);
-            bool checked = !sink.roomForBlock();
-            for (auto [bits, length] : codes)
-                ASSERT_EQ(checked ? sink.put<true>(bits, length) : sink.put<false>(bits, length), JPG_STATUS_OK);
-            sink.finish();
-            ASSERT_EQ(fast.bs.bitCount, plain.bs.bitCount);
-            uint32_t valid = fast.bs.bitCount == 32 ? 0 : 0xFFFFFFFFu >> fast.bs.bitCount;
-            ASSERT_EQ(fast.bs.accumulator & valid, plain.bs.accumulator & valid);
-            ASSERT_EQ(fast.bs.fill, plain.bs.fill);
-        }
-        EXPECT_EQ(fast.output(), plain.output());
-    }
-}
+TEST(EncoderSimd, BitSinkWritesWhatPutBitsWrites) { expectSinkWritesWhatPutBitsWrites(); }
 
 namespace {
 
