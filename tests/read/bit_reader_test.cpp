@@ -109,9 +109,15 @@ int64_t bitPosition(const JpgParam *p) {
     return 8 * (int64_t(bs.bytesLoaded) - bs.fill + bs.readPos) - bs.bitCount;
 }
 
+// The bits both hold agree, and below its count each handle holds zeros.
 bool sameHeldBits(const JpgParam *a, const JpgParam *b) {
+    auto zeroBelowCount = [](const JpgParam *p) {
+        int32_t n = p->bs.bitCount;
+        return n <= 0 || n >= 32 || p->bs.accumulator << n == 0;
+    };
     int32_t n = std::min(a->bs.bitCount, b->bs.bitCount);
-    return n <= 0 || a->bs.accumulator >> (32 - n) == b->bs.accumulator >> (32 - n);
+    return zeroBelowCount(a) && zeroBelowCount(b) &&
+           (n <= 0 || a->bs.accumulator >> (32 - n) == b->bs.accumulator >> (32 - n));
 }
 
 // ---- The reference block decoder: the lookup rules of the tables, read bit by bit ----
